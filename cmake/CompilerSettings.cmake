@@ -1,0 +1,20 @@
+# Warnings, hardening and sanitizers that every target of the project is built with.
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(OVARD_WARNINGS_AS_ERRORS)
+    add_compile_options(-Werror)
+endif()
+
+# A cancelled thread unwinds through every frame, so each must carry its unwind tables.
+add_compile_options(-fexceptions -fasynchronous-unwind-tables)
+
+# The same sources give the same binary wherever they are built.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
+include_directories(${CMAKE_SOURCE_DIR})
+
+if(OVARD_SANITIZE)
+    add_compile_options(-fsanitize=${OVARD_SANITIZE} -fno-omit-frame-pointer
+                        -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${OVARD_SANITIZE})
+endif()

@@ -1,0 +1,31 @@
+// Console tracing: standard output and standard error without buffers and without shared streams.
+
+#ifndef OVARD_PLATFORM_CONSOLE_H
+#define OVARD_PLATFORM_CONSOLE_H
+
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+/// Writes `text` to standard output as it stands, at once, with as few writes as the system allows;
+/// a failure is ignored. Any thread; texts of one call stay together.
+void printConsole(std::string_view text);
+
+/// As printConsole, followed by a line end.
+inline void printConsoleLine(std::string text) {
+    text += '\n';
+    printConsole(text);
+}
+
+/// What perror does, without its shared stream: "TEXT: ERRNO TEXT" and a line end on standard
+/// error, for the errno at the call. Keeps errno. Async-signal-safe, so that it may be called
+/// between fork and exec.
+void printError(const char* text);
+
+/// The part of printError that shows `text` as it stands on standard error.
+void printErrorText(std::string_view text);
+
+} // namespace platform
+
+#endif // OVARD_PLATFORM_CONSOLE_H

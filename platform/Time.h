@@ -1,0 +1,55 @@
+// Clocks, sleeping, and the instrument's 8-byte time.
+
+#ifndef OVARD_PLATFORM_TIME_H
+#define OVARD_PLATFORM_TIME_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+/// The instrument's time: signed 64-bit milliseconds since the epoch, UTC, stored big-endian on
+/// every machine.
+struct zortime8b {
+    unsigned char bytes[8];
+};
+static_assert(sizeof(zortime8b) == 8);
+
+/// The current time. Async-signal-safe.
+void getZortime8BFromSystem(zortime8b* time);
+
+/// Seconds since the epoch to instrument time. Async-signal-safe.
+void getZortime8BFromTimeT(zortime8b* time, std::time_t seconds);
+
+/// Milliseconds since the epoch to instrument time. Async-signal-safe.
+void getZortime8BFromTimeStamp(zortime8b* time, std::int64_t milliseconds);
+
+/// Instrument time to milliseconds since the epoch; exact inverse of the above.
+std::int64_t getTimeStampFromZortime8B(const zortime8b& time);
+
+/// Writes "YYYY-MM-DD HH:MM:SS" of `t` in UTC into `buffer`, which holds at least 32 bytes (the text
+/// has at most 31 characters, whatever `t` is).
+void getDateStringFromTimeStruct(char* buffer, std::time_t t);
+
+namespace platform {
+
+/// Wall clock, whole seconds since the epoch.
+std::time_t currentTime();
+
+/// Milliseconds of the monotonic clock; for measuring spans.
+std::int64_t monotonicMilliseconds();
+
+/// Local time of `t` as text, in the format of ctime without its line feed, for console traces.
+std::string localTimeText(std::time_t t);
+
+/// Sleeps for the whole span; signals only interrupt it for as long as their handlers run.
+/// Two exceptions: on the thread that called watchForTermination it ends early once such a signal
+/// is pending, and on any other thread it is the place where a cancelled thread ends (cancellation
+/// is enabled here even where the thread keeps it disabled). Never call it from a destructor.
+void sleepMilliseconds(int milliseconds);
+
+/// Gives up the processor once (a sleep of zero seconds). Not a cancellation point.
+void yieldProcessor();
+
+} // namespace platform
+
+#endif // OVARD_PLATFORM_TIME_H

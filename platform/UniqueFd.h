@@ -1,0 +1,54 @@
+// Ownership of a file descriptor, and whole reads and writes.
+
+#ifndef OVARD_PLATFORM_UNIQUE_FD_H
+#define OVARD_PLATFORM_UNIQUE_FD_H
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <utility>
+
+namespace platform {
+
+/// Owns one descriptor and closes it on destruction. Move only. Keeps errno.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+    ~UniqueFd() { reset(); }
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) {
+            const int savedErrno = errno;
+            ::close(fd_);
+            errno = savedErrno;
+        }
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+/// Reads until `size` bytes came, end of file or an error; restarts after signals.
+/// Returns the bytes read, or -1 with errno when the first read failed.
+ssize_t readFully(int fd, void* buffer, std::size_t size);
+
+/// Writes until `size` bytes are out or an error; restarts after signals.
+/// Returns the bytes written, or -1 with errno when the first write failed. Async-signal-safe.
+ssize_t writeFully(int fd, const void* buffer, std::size_t size);
+
+} // namespace platform
+
+#endif // OVARD_PLATFORM_UNIQUE_FD_H

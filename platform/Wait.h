@@ -1,0 +1,41 @@
+// Waits of the main thread that end early when the monitor is asked to end.
+
+#ifndef OVARD_PLATFORM_WAIT_H
+#define OVARD_PLATFORM_WAIT_H
+
+#include <pthread.h>
+
+#include <csignal>
+
+namespace platform {
+
+/// What ended a wait.
+enum class WaitResult {
+    Ready,       ///< the descriptor is readable (or at its end, or in error)
+    TimedOut,    ///< the time is over
+    Terminating, ///< a watched signal is pending
+    Interrupted, ///< another signal's handler ran
+    Failed,      ///< see errno
+};
+
+/// Makes the calling thread, the main one, watch for `signals`: its waits and sleeps end as soon as
+/// one of them is pending. The signals must be blocked in every thread. Call once, at start-up.
+/// Where no descriptor can be had for it, the waits look for pending signals every 50 ms instead.
+void watchForTermination(const sigset_t& signals);
+
+/// Stops watching; the waits of the calling thread last their whole time again.
+void stopWatchingForTermination();
+
+/// True when the calling thread watches and one of its signals is pending.
+bool terminationPending();
+
+/// Waits until `fd` is readable. `timeoutMs` < 0 waits for ever. `fd` may be of any size.
+WaitResult waitReadable(int fd, int timeoutMs);
+
+/// Locks `mutex` for the main thread. False when a watched signal became pending first: the mutex
+/// is then not held. On a thread that does not watch it is a plain lock.
+bool lockUnlessTerminating(pthread_mutex_t& mutex);
+
+} // namespace platform
+
+#endif // OVARD_PLATFORM_WAIT_H

@@ -1,0 +1,294 @@
+// The application manager: the registry of supervised applications and everything done to them.
+//
+// States of an application (appinfo::status) and who moves it on:
+//
+//     request                launch                 supervision
+//     INITIALIZING ------->  STARTING0  -------->   STARTING / RUNNING0 --> RUNNING
+//         |                     |                        |                     |
+//         | empty command       | never came alive       | died                | died
+//         v                     v                        v                     v
+//     START_FAILURE         START_FAILURE          START_FAILURE/DEAD         DEAD
+//
+//     any of them -- stop --> STOPPED
+//
+// Threads. The main thread receives requests and queues them (`processRequest`), runs the
+// supervision pass (`checkStatus`, `updateStatus`), and creates and destroys the manager. The
+// command thread alone executes requests (`processCmd`), one at a time, in arrival order. The
+// start-up thread replays a request file through `processRequest`.
+//
+// Locks. `queue_lock` guards the queue and is held only around one queue operation; it is always
+// released before `app_lock` is taken. `app_lock` guards `applist`; it is held for whole
+// multi-application actions, including their waits. Both are recursive.
+//
+// One source file per concern: AppManager.cpp (life of the manager), and AppManager*.cpp for
+// intake, commands, launch, identification, stop, supervision and request files.
+
+#ifndef OVARD_APPMANAGER_APP_MANAGER_H
+#define OVARD_APPMANAGER_APP_MANAGER_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <deque>
+#include <vector>
+
+#include "platform/Process.h"
+#include "platform/UniqueFd.h"
+#include "records/appinfo.h"
+#include "records/reqcmd.h"
+#include "server/AppServer.h"
+#include "status/AppStatusUpdate.h"
+
+/// The registry, in registration order. Guarded by `AppManager::app_lock`.
+extern std::vector<appinfo> applist;
+
+/// When the manager was created, seconds since the epoch.
+extern std::int32_t ovard_start_time;
+
+/// Result codes of the manager's operations, beside 0 for success.
+enum AppManagerResult : int {
+    kResultRestartAllFailed = -1, ///< a restart during Restart_All or Restart_All_But failed
+    kResultStartFailed = -3,      ///< start or restart of one application failed
+    kResultStopFailed = -4,       ///< stop of one application failed
+    kResultRestartFailed = -5,    ///< a start or restart in a whole-list action failed
+    kResultInvalid = -8,          ///< empty command line, or unknown action
+    kResultNotFound = -20,        ///< nothing to do, or no such application
+};
+
+/// Prints `message` as perror does and ends the monitor with status -1.
+[[noreturn]] void errExit(const char* message);
+
+/// The single manager. Created by `Instance`, deleted at shutdown, never copied.
+class AppManager : public AppServer {
+public:
+    /// The single manager, created on the first call: then `verbosity` becomes `verbose` and
+    /// `ovard_start_time` is set. Later calls ignore the argument.
+    static AppManager* Instance(int verbosity);
+
+    AppManager();
+    virtual ~AppManager();
+
+    /// Opens shared memory and control socket and starts the command thread. Main thread.
+    /// `discover` asks for applications that already run. Returns 0; -1 when the control socket
+    /// failed, -2 when the thread could not be created.
+    int init(bool discover);
+
+    /// Stops the command thread of `manager` and empties its queue. Main thread. Safe to call when
+    /// the manager is already stopped.
+    void processTermination(AppManager* manager);
+
+    /// True when no command thread can touch this object any more, so that it may be destroyed.
+    bool commandThreadHasLeft() const { return !commandThreadAlive_; }
+
+    // --- intake: requests on their way to the command thread (AppManagerIntake.cpp) ------------
+
+    /// Queues a copy of `request` and wakes the command thread. Any thread. Returns 0.
+    int processRequest(const reqcmd& request);
+
+    /// Wakes the command thread. Returns the result of unlocking `queue_lock`.
+    int notify();
+
+    /// Thread entry: runs `process_command_thread` of the manager handed in. Never returns.
+    static void* cmd_process_thread(void* manager);
+
+    /// Body of the command thread: executes queued requests until the manager is shut down. The
+    /// argument is not used. Never returns; ends the thread.
+    [[noreturn]] void process_command_thread(int unused);
+
+    // --- commands: execution of requests (AppManagerCommands.cpp), command thread only ----------
+
+    /// Executes one request and, unless it asks not to wait, answers it. Returns 0 when handled,
+    /// also when the reply reports a failure; -1, -3, -4, -5 or -8 (see AppManagerResult) else.
+    int processCmd(const reqcmd& request) override;
+
+    /// Fills `info` from `request`, texts cut to their fields; `pid` stays. Returns the current time
+    /// in seconds.
+    int prepareAppInfo(const reqcmd& request, appinfo& info);
+
+    /// Prepares `info`, launches it and appends it to the registry. Returns the launch result;
+    /// nothing is added unless that is 0. Takes `app_lock` for the append only.
+    int startApp(const reqcmd& request, appinfo& info);
+
+    /// Prepares `info`, then stops and removes every entry of the request's name. Returns the last
+    /// stop result, -20 when there is none. Holds `app_lock` throughout.
+    int stopApp(const reqcmd& request, appinfo& info);
+
+    /// Prepares `info`, then restarts every entry of the request's name in place. Returns 0, the
+    /// last stop result, or -5 when a launch failed. Holds `app_lock` throughout.
+    int restartApp(const reqcmd& request, appinfo& info);
+
+    // --- launch (AppManagerLaunch.cpp, CommandlineParser.cpp) -----------------------------------
+
+    /// Splits `text` on blanks, tabs, vertical tabs and form feeds into at most 40 words; the rest
+    /// is ignored. `argv` becomes an array that ends with a null pointer, whose entry 0 also owns
+    /// the words; release both with `commandline_parser_cleanup`, also after a result of 0.
+    /// Returns the number of words; 0 when there is none or no memory (then `argv` is null).
+    int commandline_parser(const char* text, char**& argv);
+
+    /// Releases what `commandline_parser` made and sets `argv` to null. Null is fine.
+    void commandline_parser_cleanup(int argc, char**& argv);
+
+    /// Double fork. Returns the grandchild's pid in the monitor, 0 in the grandchild, which has
+    /// released the monitor's resources and has every signal blocked; a negative value on failure.
+    int fork2();
+
+    /// Launches `app` and follows it until it has put itself into the background. Returns the pid of
+    /// the launched process and sets `pid` and `status`, or a negative value. Caller holds
+    /// `app_lock` when `app` is an entry of the registry. A monitor that cannot fork ends, and
+    /// restarts the machine unless somebody is connected to port 22.
+    int start_process_fork2(appinfo& app);
+
+    /// Launches `app`. Returns 0 once a launch was attempted, whatever came of it; -8 without a
+    /// command line.
+    int start_process(appinfo& app);
+
+    // --- identification (AppManagerIdentification.cpp) ------------------------------------------
+
+    /// Searches /proc for the daemon that runs with the words `argv`, within the installation
+    /// directories. The first one in directory order is taken: `pid`, `start_time` and `pidfile` of
+    /// `app` are filled. `info` names the launched process in messages; `argv0_only` compares the
+    /// program path alone. Returns its pid, or why the last process examined was refused: -2 no
+    /// facts, -3 no command line, -5 word count, -6 words, -7 not in an included directory, -8 in
+    /// an excluded one; -1 when /proc cannot be opened.
+    int findDaemon(appinfo& app, const statstruct_proc* info, int argc, char** argv,
+                   bool argv0_only);
+
+    /// Follows the freshly launched `app.pid` until it has exited and its daemon is found; at most
+    /// 30 seconds. `gate`, the write end at which the launched process waits, is closed once
+    /// the facts of that process have been read; null when nothing waits. Returns the daemon's pid; -1 no pid, -2 no process, -3 no command
+    /// line, -4 time is over, -5 boot time unknown. Caller holds `app_lock` as for the launch.
+    int waitForDaemonization(appinfo& app, platform::UniqueFd* gate = nullptr);
+
+    /// 1 when a process with this pid exists (zombies and other users' included), 0 when not.
+    static int ovard_check_pid_alive(int pid);
+
+    /// Reads at most `length` bytes of a small file in one call and terminates them: `buffer` holds
+    /// `length` + 1 bytes. Returns the bytes read; -1 cannot open; -2 nothing read.
+    static int file2str(const char* path, char* buffer, int length);
+
+    /// 0 when `text` is all decimal digits (also when empty), -1 otherwise.
+    static int is_uint(const char* text);
+
+    /// Whole seconds from `start` (seconds since the epoch) to now.
+    static int updateUptime(std::time_t start);
+
+    // --- stop and restart (AppManagerStop.cpp) ---------------------------------------------------
+
+    /// Ends the application's process and every stray copy of it. Returns 0; -4 when it was just
+    /// launched and never came alive: nothing is signalled then. Caller holds `app_lock` when `app`
+    /// is an entry of the registry.
+    int stop_process(appinfo& app);
+
+    /// Restarts `app` by its policy: stop and start, or, for RESTART_TYPE_ALL, only a request to
+    /// restart all. Returns 0 or the failing result. Locks as stop_process.
+    int restart_process(appinfo& app);
+
+    /// Stops all entries but the first, last to first. Returns the last result; -20 when the
+    /// registry is empty. Takes `app_lock`.
+    int stop_allprocess();
+
+    /// Starts all entries. Returns 0; -5 when any start failed; -20 when the registry is empty.
+    /// Takes `app_lock`.
+    int start_allprocess();
+
+    /// Restarts all entries up to the first failure. Returns 0; -5; -20 when the registry is empty.
+    /// Takes `app_lock`.
+    int restart_allprocess();
+
+    /// Collects one exited child without blocking. Returns its pid, or 0. Called nowhere: it would
+    /// steal the status of the launch's own child.
+    static int reap_children();
+
+    // --- supervision (AppManagerSupervision.cpp), main thread only -------------------------------
+
+    /// One supervision pass; `bErasePreloadApplistEntries` also drops entries without pid file or
+    /// command line. Returns 0. Not built yet: nothing is supervised.
+    int checkStatus(bool bErasePreloadApplistEntries);
+
+    /// Publishes the registry. Returns the result of unlocking `app_lock`.
+    int updateStatus();
+
+    // --- request files (AppManagerRequestFiles.cpp) ----------------------------------------------
+
+    /// Appends `request` to the file `path`; the `long` is ignored. Main thread. Returns 0 once the
+    /// file was opened, -1 when `path` is null, -2 when the file could not be opened.
+    int appendAppConfigurationFile(const char* path, long unused, const reqcmd& request);
+
+    static AppManager* m_pInstance;
+
+private:
+    friend class AppManagerTestAccess;
+
+    void cancelCommandThread();
+    bool waitUntilCommandThreadLeft();
+    void destroyLocks();
+
+    int waitForWork();
+    bool drainQueue();
+    bool takeRequest(reqcmd& request, std::size_t& stillQueued);
+    void detachCommandThread();
+
+    struct StopMany;
+    struct RestartMany;
+    static const StopMany kStopAll;
+    static const StopMany kStopAllBut;
+    static const StopMany kStopPortApps;
+    static const RestartMany kRestartAll;
+    static const RestartMany kRestartAllBut;
+    static const RestartMany kRestartPortApps;
+
+    int executeStart(const reqcmd& request);
+    int executeStop(const reqcmd& request, std::time_t now);
+    int executeRestart(const reqcmd& request);
+    int executeOnAll(const reqcmd& request, const StopMany& what, std::time_t now);
+    int executeOnAll(const reqcmd& request, const RestartMany& what, std::time_t now);
+    bool stopMany(const StopMany& what, int& result);
+    bool restartMany(const RestartMany& what, bool& restarted);
+    int replyNoAppRunning(const reqcmd& request);
+    [[gnu::format(printf, 5, 6)]] int reply(const reqcmd& request, int code, int level,
+                                            const char* format, ...);
+
+    int splitWords(char**& argv);
+
+    int followIntermediateChild(pid_t child, const int (&ends)[2]);
+    bool awaitIntermediateChild(pid_t child);
+    void logParentError(pid_t child, int status);
+    int readGrandchildPid(int readEnd);
+    [[noreturn]] void giveUpForking(int error);
+
+    struct Candidate;
+    struct Wanted;
+    int examineCandidate(pid_t pid, const Wanted& wanted, Candidate& candidate);
+    int compareWords(const Wanted& wanted, const Candidate& candidate);
+    void adoptDaemon(const Candidate& candidate, appinfo& app);
+    int awaitDaemon(appinfo& app, statstruct_proc& facts, int argc, char** argv);
+    int searchDaemon(appinfo& app, statstruct_proc& facts, int argc, char** argv,
+                     std::time_t termination);
+
+    static bool comesAlive(int pid);
+    static void endProcess(int pid);
+    void huntStrayCopies(const appinfo& app);
+
+    std::atomic<bool> shutting_down{false};
+    std::atomic<pthread_t> commandThread_{0}; // 0: none
+    std::deque<reqcmd> reqlist;               // guarded by queue_lock
+    pthread_cond_t queue_cond;                // paired with queue_lock
+    pthread_mutex_t queue_lock;
+    pthread_mutex_t app_lock;
+    std::atomic<bool> restart_all_requested{false};
+    bool reboot_requested = false;          // main thread only
+    std::int32_t last_heartbeat_result = 3; // main thread only
+    AppStatusUpdate statusUpdate_;
+
+    /// Filled by Start, Stop and Restart, and read by the whole-list restarts. Command thread only.
+    /// Deliberate: one record for all requests, so those copy what the last single request left.
+    appinfo workRecord_{};
+
+    std::atomic<bool> commandThreadAlive_{false};
+    bool locksDestroyed_ = false; // main thread only
+};
+
+#endif // OVARD_APPMANAGER_APP_MANAGER_H

@@ -1,0 +1,39 @@
+// The command line of ovardctl: arguments to a request record.
+
+#ifndef OVARD_CLIENT_COMMAND_LINE_H
+#define OVARD_CLIENT_COMMAND_LINE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "client/OvardClient.h"
+#include "records/reqcmd.h"
+
+namespace ovardctl {
+
+/// What the arguments ask for.
+enum class Verdict {
+    Send,       ///< send `request`
+    ShowText,   ///< print `text` (help or version), nothing else
+    UsageError, ///< `text` says what is wrong and what to do
+};
+
+/// The arguments, understood.
+struct CommandLine {
+    Verdict verdict = Verdict::UsageError;
+    reqcmd request{}; ///< well-formed: every text ends with a NUL
+    std::string socketPath = ovard_client::kDefaultSocketPath;
+    std::int32_t timeoutSec = ovard_client::kDefaultTimeoutMs / 1000; ///< 1 to 86400
+    std::string text;                  ///< see Verdict; ends with a line feed unless empty
+    std::vector<std::string> warnings; ///< for the user; without line feeds
+};
+
+/// Reads the arguments of one call. `meterRoot` is the value of METER_ROOT, null where it is not
+/// set. Texts that do not fit their field of the request are usage errors. Never throws for wrong
+/// arguments; touches nothing outside.
+CommandLine parseCommandLine(int argc, const char* const* argv, const char* meterRoot);
+
+} // namespace ovardctl
+
+#endif // OVARD_CLIENT_COMMAND_LINE_H

@@ -1,0 +1,67 @@
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+
+#include "platform/Process.h"
+#include "platform/linux/Clock.h"
+
+namespace {
+
+constexpr int kLauncherPollMs = 5;
+
+/// The daemon's side: out of the launcher's session, off its terminal and out of its directory.
+void becomeDaemon() {
+    ::setsid();
+    const int null = ::open("/dev/null", O_RDWR);
+    if (null >= 0) {
+        for (int standardFd = STDIN_FILENO; standardFd <= STDERR_FILENO; ++standardFd) {
+            ::dup2(null, standardFd);
+        }
+        if (null > STDERR_FILENO) {
+            ::close(null);
+        }
+    }
+    (void)!::chdir("/"); // cannot fail on a machine that started this program
+}
+
+/// Status with which the launcher ends for a daemon that is gone, by its wait status.
+int launcherStatus(int waitStatus) {
+    return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+}
+
+/// The launcher's side: stays until the daemon is ready or gone. Ends with _exit, because the exit
+/// handlers and buffers belong to the daemon.
+[[noreturn]] void waitForDaemon(pid_t daemon, InterprocessWaitable& mutex) {
+    ::signal(SIGCHLD, SIG_DFL); // an ignored SIGCHLD would discard the daemon's exit status
+    const timespec pause =
+        platform::toTimespec(kLauncherPollMs * platform::kNanosecondsPerMillisecond);
+    for (;;) {
+        if (mutex.tryAcquire() != 0) {
+            ::_exit(EXIT_SUCCESS);
+        }
+        int waitStatus = 0;
+        const pid_t ended = ::waitpid(daemon, &waitStatus, WNOHANG);
+        if (ended != 0) {
+            // It may have released the mutex between the two looks.
+            const bool wasReady = mutex.tryAcquire() != 0;
+            const int status = ended == daemon ? launcherStatus(waitStatus) : EXIT_FAILURE;
+            ::_exit(wasReady ? EXIT_SUCCESS : status);
+        }
+        ::nanosleep(&pause, nullptr);
+    }
+}
+
+} // namespace
+
+void daemonize_withSTDFILE_waitforInterprocessNamedMutex(InterprocessWaitable* mutex) {
+    const pid_t daemon = ::fork();
+    if (daemon == 0) {
+        becomeDaemon();
+    } else if (daemon > 0) {
+        waitForDaemon(daemon, *mutex);
+    }
+}

@@ -1,0 +1,145 @@
+#include "platform/linux/PidFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/Process.h"
+#include "platform/UniqueFd.h"
+#include "platform/linux/Files.h"
+#include "platform/linux/FixedText.h"
+
+namespace platform {
+namespace {
+
+constexpr mode_t kPidFileMode = 0644;
+constexpr mode_t kDirectoryMode = 0755;
+
+/// More than a pid file ever holds; what lies beyond is not looked at.
+constexpr std::size_t kPidFileRead = 1024;
+
+using Path = FixedText<PATH_MAX>;
+
+bool isPlainFile(const char* path) {
+    struct stat facts = {};
+    return ::stat(path, &facts) == 0 && S_ISREG(facts.st_mode);
+}
+
+/// Takes the next line, without its end, off the front of `text`.
+std::string_view takeLine(std::string_view& text) {
+    const std::size_t end = text.find('\n');
+    const std::string_view line = text.substr(0, end);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    return line;
+}
+
+/// Creates the directories above the last component of `path` where they are missing.
+void createDirectories(std::string_view path) {
+    for (std::size_t slash = path.find('/', 1); slash != std::string_view::npos;
+         slash = path.find('/', slash + 1)) {
+        Path directory;
+        directory.add(path.substr(0, slash));
+        if (::mkdir(directory.c_str(), kDirectoryMode) == 0) {
+            (void)::chmod(directory.c_str(), kDirectoryMode); // the umask may have taken bits away
+        }
+    }
+}
+
+/// Name of the pid file below `root` of the program `program` running as `pid`.
+Path pidFileName(std::string_view root, std::string_view program, pid_t pid) {
+    Path name;
+    name.add("/tmp/pid").add(root).add(program).add(".pid.").addNumber(pid);
+    return name;
+}
+
+} // namespace
+
+bool confirmsPidAndVersion(std::string_view text, pid_t pid, std::string_view version) {
+    FixedText<16> expected;
+    expected.addNumber(pid);
+    const std::string_view pidLine = takeLine(text);
+    const std::string_view versionLine = takeLine(text);
+    return pid > 0 && pidLine == expected.view() && (version.empty() || versionLine == version);
+}
+
+} // namespace platform
+
+int get_pid_filename(const int* pid, char* buffer, int* length) {
+    if (pid == nullptr || *pid <= 0 || buffer == nullptr || length == nullptr) {
+        return -1;
+    }
+    platform::FixedText<32> source;
+    source.add("/proc/").addNumber(*pid).add("/cmdline");
+    char arguments[PATH_MAX];
+    const ssize_t count = platform::readFileOnce(source.c_str(), arguments, sizeof arguments);
+    if (count <= 0) {
+        return -1;
+    }
+    const std::string_view program(arguments,
+                                   ::strnlen(arguments, static_cast<std::size_t>(count)));
+    if (program.empty()) {
+        return -1;
+    }
+    const char* root = std::getenv("METER_ROOT");
+    platform::Path name = platform::pidFileName(root != nullptr ? root : "", program, *pid);
+    if (root != nullptr && !platform::isPlainFile(name.c_str())) {
+        name = platform::pidFileName("", program, *pid);
+    }
+    const std::string_view text = name.view();
+    if (name.wasCut() || static_cast<std::int64_t>(text.size()) >= *length ||
+        !platform::isPlainFile(name.c_str())) {
+        return -1;
+    }
+    std::memcpy(buffer, name.c_str(), text.size() + 1);
+    *length = static_cast<int>(text.size());
+    return 0;
+}
+
+int read_pid_file_version(const appinfo& record, const char* path, const char* version) {
+    if (path == nullptr) {
+        return -1;
+    }
+    struct stat facts = {};
+    const platform::UniqueFd file = platform::openPlainFile(path, O_RDONLY, 0, facts);
+    if (!file.valid()) {
+        return -1;
+    }
+    char content[platform::kPidFileRead];
+    const ssize_t count = platform::readFully(file.get(), content, sizeof content);
+    if (count <= 0) {
+        return -1;
+    }
+    const std::string_view text(content, static_cast<std::size_t>(count));
+    const char* expected = version != nullptr ? version : "";
+    return platform::confirmsPidAndVersion(text, record.pid, expected) ? 0 : -1;
+}
+
+int set_pid_file_version(int* pid, const char* path, int flags, const char* version) {
+    if (pid == nullptr || path == nullptr) {
+        return -1;
+    }
+    platform::Path name;
+    name.add(path).add(".").addNumber(*pid);
+    if (name.wasCut()) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    platform::createDirectories(name.view());
+    struct stat facts = {};
+    const platform::UniqueFd file = platform::openPlainFile(
+        name.c_str(), flags | O_NOFOLLOW | O_TRUNC, platform::kPidFileMode, facts);
+    if (!file.valid() || ::fchmod(file.get(), platform::kPidFileMode) != 0) {
+        return -1;
+    }
+    platform::FixedText<platform::kPidFileRead> content;
+    content.addNumber(*pid).add("\n").add(version != nullptr ? version : "").add("\n");
+    const auto size = static_cast<ssize_t>(content.view().size());
+    const ssize_t written =
+        platform::writeFully(file.get(), content.c_str(), content.view().size());
+    return !content.wasCut() && written == size ? 0 : -1;
+}

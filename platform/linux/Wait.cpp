@@ -1,0 +1,147 @@
+#include "platform/Wait.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include "platform/linux/Clock.h"
+#include "platform/linux/Watch.h"
+
+namespace platform {
+namespace {
+
+constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kPendingSlice = 50 * kNanosecondsPerMillisecond;
+constexpr int kLockRetryMs = 10;
+
+/// What the calling thread watches for. Without destructor, because exit handlers still wait after
+/// the thread-local objects are gone; stopWatchingForTermination closes the descriptor.
+struct Watch {
+    bool everWatched;
+    bool active;
+    int wakeFd; ///< readable while a watched signal is pending; -1 when there is none
+    sigset_t signals;
+};
+
+thread_local Watch threadWatch = {false, false, -1, {}};
+
+/// How long one poll may last: until `deadline`, and where there is no wake descriptor only one
+/// slice, after which the caller looks for pending signals. kNever: without limit.
+std::int64_t pollSpan(std::int64_t deadline) {
+    std::int64_t span = kNever;
+    if (deadline != kNever) {
+        span = std::max<std::int64_t>(deadline - monotonicNanoseconds(), 0);
+    }
+    const bool mustLook = threadWatch.active && threadWatch.wakeFd < 0;
+    return mustLook ? std::min(span, kPendingSlice) : span;
+}
+
+/// Polls `fd` (-1: none) and the wake descriptor once. Returns ppoll's result; `readyEvents` tells
+/// about `fd`.
+int pollOnce(int fd, std::int64_t deadline, short& readyEvents) {
+    pollfd entries[] = {{fd, POLLIN, 0}, {threadWatch.wakeFd, POLLIN, 0}};
+    const std::int64_t span = pollSpan(deadline);
+    timespec timeout = {};
+    if (span != kNever) {
+        timeout = toTimespec(span);
+    }
+    const int count = ::ppoll(entries, 2, span != kNever ? &timeout : nullptr, nullptr);
+    readyEvents = entries[0].revents;
+    return count;
+}
+
+/// waitReadable's result of one poll; TimedOut when nothing has happened yet.
+WaitResult pollResult(int count, short readyEvents) {
+    const int pollErrno = errno;
+    if (terminationPending()) {
+        return WaitResult::Terminating;
+    }
+    if (count < 0) {
+        errno = pollErrno;
+        return pollErrno == EINTR ? WaitResult::Interrupted : WaitResult::Failed;
+    }
+    if ((readyEvents & POLLNVAL) != 0) {
+        errno = EBADF;
+        return WaitResult::Failed;
+    }
+    return readyEvents != 0 ? WaitResult::Ready : WaitResult::TimedOut;
+}
+
+} // namespace
+
+void watchForTermination(const sigset_t& signals) {
+    stopWatchingForTermination();
+    threadWatch.everWatched = true;
+    threadWatch.active = true;
+    threadWatch.signals = signals;
+    threadWatch.wakeFd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+void stopWatchingForTermination() {
+    if (threadWatch.wakeFd >= 0) {
+        ::close(threadWatch.wakeFd);
+    }
+    threadWatch.wakeFd = -1;
+    threadWatch.active = false;
+}
+
+bool terminationPending() {
+    sigset_t pending;
+    if (!threadWatch.active || ::sigpending(&pending) != 0) {
+        return false;
+    }
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (::sigismember(&threadWatch.signals, signal) == 1 &&
+            ::sigismember(&pending, signal) == 1) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool isWatchingThread() {
+    return threadWatch.everWatched;
+}
+
+void pauseUntil(std::int64_t deadline) {
+    short unusedEvents = 0;
+    while (!terminationPending() && monotonicNanoseconds() < deadline) {
+        (void)pollOnce(-1, deadline, unusedEvents); // the loop looks at the clock and the signals
+    }
+}
+
+WaitResult waitReadable(int fd, int timeoutMs) {
+    if (fd < 0) {
+        errno = EBADF;
+        return WaitResult::Failed;
+    }
+    const std::int64_t deadline = timeoutMs < 0 ? kNever : deadlineAfter(timeoutMs);
+    for (;;) {
+        short readyEvents = 0;
+        const int count = pollOnce(fd, deadline, readyEvents);
+        const WaitResult result = pollResult(count, readyEvents);
+        if (result != WaitResult::TimedOut || monotonicNanoseconds() >= deadline) {
+            return result;
+        }
+    }
+}
+
+bool lockUnlessTerminating(pthread_mutex_t& mutex) {
+    if (!threadWatch.active) {
+        return ::pthread_mutex_lock(&mutex) == 0;
+    }
+    while (!terminationPending()) {
+        const int result = ::pthread_mutex_trylock(&mutex);
+        if (result != EBUSY) {
+            return result == 0;
+        }
+        pauseUntil(deadlineAfter(kLockRetryMs));
+    }
+    return false;
+}
+
+} // namespace platform

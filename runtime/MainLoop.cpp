@@ -1,0 +1,97 @@
+#include "runtime/MainLoop.h"
+
+#include "platform/Heartbeat.h"
+#include "platform/Settings.h"
+#include "platform/Time.h"
+#include "platform/Trace.h"
+#include "runtime/Globals.h"
+#include "runtime/Signals.h"
+
+namespace {
+
+constexpr int kIdlePauseMs = 100;
+constexpr int kServedPauseMs = 1000;
+constexpr int kAfterCheckPauseMs = 10;
+
+/// During the first seconds of the loop entries without a pid file are kept.
+constexpr int kPreloadGraceSec = 30;
+
+} // namespace
+
+MainLoop::MainLoop(AppManager& manager, std::int32_t statusIntervalSec)
+    : manager_(manager), statusIntervalSec_(statusIntervalSec), start_(platform::currentTime()),
+      lastCheck_(start_) {}
+
+int MainLoop::run() {
+    for (;;) {
+        // The only line at which a termination signal is let in. The manager may be gone after it.
+        admitTerminationSignals();
+        if (g_bDaemonShutdown != 0) {
+            return 0;
+        }
+        turn();
+    }
+}
+
+void MainLoop::turn() {
+    heartbeat_notify();
+    serveClient();
+    checkStatusWhenDue();
+    if (initWatchDog) {
+        reportWatchdogEvents();
+        thread_heartbeat_counter = 0;
+    }
+}
+
+void MainLoop::serveClient() {
+    const int received = manager_.recvCommand(request_);
+    now_ = platform::currentTime();
+    if (g_verbose > 4) {
+        timestamp_ = platform::localTimeText(now_);
+    }
+    if (received < 0) {
+        platform::sleepMilliseconds(kIdlePauseMs);
+        return;
+    }
+    if (pszAppendToAppConfigurationFile != nullptr) {
+        // Deliberate: also when nothing was received, with whatever the buffer holds. The record
+        // file shows its failures itself.
+        (void)manager_.appendAppConfigurationFile(pszAppendToAppConfigurationFile, now_, request_);
+    }
+    if (g_verbose > 6) {
+        platform::trace(true, "%s appmgr->recvCommand()=%d\n", timestamp_.c_str(), received);
+        manager_.displayRequestCmd(request_);
+    }
+    if (received == 0) {
+        platform::sleepMilliseconds(kIdlePauseMs);
+        return;
+    }
+    (void)manager_.processRequest(request_); // Always 0.
+    platform::sleepMilliseconds(kServedPauseMs);
+}
+
+void MainLoop::checkStatusWhenDue() {
+    if (!statusCheckIsDue()) {
+        return;
+    }
+    const bool erase = mayErasePreloadedEntries();
+    if (g_verbose > 7) {
+        platform::trace(true, "%s checkStatus(bErasePreloadApplistEntries=%d) for heartbeats\n",
+                        timestamp_.c_str(), erase ? 1 : 0);
+        manager_.writeLog(kLogDebug, " checkStatus for heartbeats");
+    }
+    (void)manager_.checkStatus(erase); // Always 0.
+    platform::sleepMilliseconds(kAfterCheckPauseMs);
+    lastCheck_ = now_;
+    platform::trace(g_verbose > 6, "%s updateStatus()\n", timestamp_.c_str());
+    (void)manager_.updateStatus(); // The result of unlocking.
+}
+
+bool MainLoop::statusCheckIsDue() const {
+    const bool clockWasSetBack = lastCheck_ > now_;
+    return clockWasSetBack || now_ - lastCheck_ >= statusIntervalSec_;
+}
+
+bool MainLoop::mayErasePreloadedEntries() const {
+    return now_ >= start_ + kPreloadGraceSec || now_ < start_;
+}

@@ -1,0 +1,40 @@
+// The main loop: one control request a turn, supervision and publication every few seconds.
+
+#ifndef OVARD_RUNTIME_MAIN_LOOP_H
+#define OVARD_RUNTIME_MAIN_LOOP_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+#include "appmanager/AppManager.h"
+#include "records/reqcmd.h"
+
+/// Main thread only. A turn without a client takes about 2.1 seconds.
+class MainLoop {
+public:
+    /// Time counts from here. `statusIntervalSec` is the time between two supervision passes.
+    MainLoop(AppManager& manager, std::int32_t statusIntervalSec);
+
+    /// Turns until the monitor is shut down. Returns the exit status of the process, 0.
+    int run();
+
+private:
+    void turn();
+    void serveClient();
+    void checkStatusWhenDue();
+    bool statusCheckIsDue() const;
+    bool mayErasePreloadedEntries() const;
+
+    AppManager& manager_; // gone once the monitor is shut down
+    const std::int32_t statusIntervalSec_;
+    const std::time_t start_;
+    std::time_t lastCheck_;
+    std::time_t now_ = 0;
+    std::string timestamp_; // for traces; empty until the first one
+
+    /// Deliberate: reused for every request and never cleared between them.
+    reqcmd request_{};
+};
+
+#endif // OVARD_RUNTIME_MAIN_LOOP_H

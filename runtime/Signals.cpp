@@ -1,0 +1,258 @@
+#include "runtime/Signals.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/Console.h"
+#include "platform/Settings.h"
+#include "platform/Signals.h"
+#include "platform/System.h"
+#include "platform/SystemEvent.h"
+#include "platform/Time.h"
+#include "platform/Trace.h"
+#include "platform/Wait.h"
+#include "runtime/Globals.h"
+#include "runtime/Shutdown.h"
+
+namespace {
+
+/// Seconds of timer ticks without a turn of the main loop after which feeding stops.
+constexpr std::uint32_t kStallBudgetSec = 25;
+
+constexpr int kParkMs = 1000;
+
+/// Signals that option -b logs, in the order of their installation, with the texts of a failure.
+/// Deliberate: the last one has no text for the console.
+struct LoggedSignal {
+    int number;
+    const char* consoleText;
+    const char* errorText;
+    const char* logText;
+};
+constexpr LoggedSignal kLoggedSignals[] = {
+    {SIGHUP, "block signal(SIGHUP) failure! errno=", "signal_hup", " signal_hup failure, exit"},
+    {SIGINT, "block signal(SIGINT) failure! errno=", "signal_int", " signal_int failure, exit"},
+    {SIGTERM, "block signal(SIGTERM) failure! errno=", "signal_term", " signal_term failure, exit"},
+    {SIGSEGV, "block signal(SIGSEGV) failure! errno=", "signal_segv", " signal_segv failure, exit"},
+    {SIGABRT, "block signal(SIGABRT) failure! errno=", "signal_abort",
+     " signal_abort failure, exit"},
+    {SIGPIPE, "block signal(SIGPIPE) failure! errno=", "signal_pipe", " signal_pipe failure, exit"},
+    {SIGTRAP, nullptr, "signal_trap", " signal_trap failure, exit"},
+};
+
+pthread_t g_mainThread;
+std::atomic<bool> g_exitRequested{false};
+std::atomic<int> g_exitStatus{0};
+
+// What the timer's handler leaves for the main loop to log.
+std::atomic<std::uint32_t> g_watchdogOpenFailures{0};
+std::atomic<std::uint32_t> g_watchdogKicks{0};
+std::atomic<int> g_watchdogKickResult{0};
+
+/// Wakes the main thread for a reason that is no termination signal; always blocked, never handled.
+int wakeSignal() {
+    return SIGRTMIN;
+}
+
+/// The signals that are let in by admitTerminationSignals; none with -b.
+sigset_t terminationSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    if (!block_signal) {
+        sigaddset(&signals, SIGINT);
+        sigaddset(&signals, SIGTERM);
+    }
+    return signals;
+}
+
+void restoreDefaultTermination() {
+    for (const int signal : {SIGINT, SIGKILL, SIGTERM}) {
+        (void)platform::setSignalHandler(signal, SIG_DFL); // Refused for SIGKILL, which has it.
+    }
+}
+
+/// True once the system has been up long enough for the watchdog to be fed.
+bool feedingMayBegin() {
+    if (detect_heartbeat == 0) {
+        const long uptimeSec = platform::uptimeSeconds();
+        if (uptimeSec >= 0 && uptimeSec < watchdogDeferTime) {
+            return false;
+        }
+        detect_heartbeat = 1;
+    }
+    return true;
+}
+
+bool mainLoopIsStalled() {
+    const std::uint32_t limit =
+        watchdog_timer_inteval > 0
+            ? kStallBudgetSec / static_cast<std::uint32_t>(watchdog_timer_inteval)
+            : kStallBudgetSec;
+    return thread_heartbeat_counter >= limit;
+}
+
+bool openWatchdog() {
+    if (wdog_fd == -1) {
+        wdog_fd = platform::openWatchdogDevice();
+    }
+    if (wdog_fd == -1) {
+        platform::printError("Error");
+        ++g_watchdogOpenFailures;
+        return false;
+    }
+    return true;
+}
+
+void feedWatchdog() {
+    g_watchdogKickResult = static_cast<int>(platform::writeDescriptor(wdog_fd, "w", 1));
+    (void)platform::flushDescriptor(wdog_fd); // Devices without it are fed all the same.
+    ++g_watchdogKicks;
+}
+
+} // namespace
+
+// Calls: platform::uptimeSeconds (sysinfo), openWatchdogDevice (open), writeDescriptor (write),
+// flushDescriptor (fsync), printError (write).
+void timerHandler(int sig, siginfo_t* info, void* context) {
+    const int savedErrno = errno;
+    if (sig == SIGCONT) {
+        // Never reached while the handler is installed for SIGUSR1 alone; it stays in place.
+        if ((savedSigAction_SIGCONT.sa_flags & SA_SIGINFO) != 0) {
+            savedSigAction_SIGCONT.sa_sigaction(sig, info, context);
+        } else {
+            savedSigAction_SIGCONT.sa_handler(sig);
+        }
+        return;
+    }
+    const bool isTick = sig == SIGUSR1 && info->si_value.sival_ptr == &timerid;
+    if (isTick && feedingMayBegin() && !mainLoopIsStalled()) {
+        if (openWatchdog()) {
+            feedWatchdog();
+        }
+        ++thread_heartbeat_counter;
+    }
+    errno = savedErrno;
+}
+
+// Calls: getZortime8BFromSystem (clock_gettime), write_system_log (open, fstat, fchmod, rename,
+// write, close), snprintf with %d only, which neither allocates nor locks.
+void mysig_handler(int sig) {
+    const int savedErrno = errno;
+    char text[64];
+    (void)std::snprintf(text, sizeof text, "Caught signal %d", sig);
+    platform::logSystemEvent(text);
+    errno = savedErrno;
+}
+
+// Calls: the whole shutdown, which is safe because admitTerminationSignals alone lets this handler
+// run; sigaction.
+void mySIGTERM_handler(int sig) {
+    if (sig == SIGTERM || sig == SIGKILL) {
+        ovardAtExit();
+    }
+    restoreDefaultTermination();
+}
+
+void holdTerminationSignals() {
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_BLOCK, &none, &prevMask);
+    g_mainThread = pthread_self();
+    g_exitMonitor = exitMonitorFromAnyThread;
+
+    sigset_t held = terminationSignals();
+    sigaddset(&held, wakeSignal());
+    pthread_sigmask(SIG_BLOCK, &held, nullptr);
+    platform::watchForTermination(held);
+}
+
+void admitTerminationSignals() {
+    if (g_exitRequested) {
+        std::exit(g_exitStatus);
+    }
+    const sigset_t signals = terminationSignals();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    // After a shutdown a further signal shall end the process at once.
+    if (g_bDaemonShutdown == 0) {
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    }
+}
+
+void installTerminationHandler() {
+    (void)platform::setSignalHandler(SIGINT, mySIGTERM_handler);
+    // Deliberate: the system refuses this one.
+    (void)platform::setSignalHandler(SIGKILL, mySIGTERM_handler);
+    if (platform::setSignalHandler(SIGTERM, mySIGTERM_handler) != 0) {
+        platform::printError("signal_term");
+        appmgr->writeLog(kLogError, " signal_term failure, exit");
+        platform::exitMonitor(1);
+    }
+}
+
+void installLoggingHandler() {
+    for (const LoggedSignal& signal : kLoggedSignals) {
+        if (platform::setSignalHandler(signal.number, mysig_handler) == 0) {
+            continue;
+        }
+        const int error = errno;
+        if (signal.consoleText != nullptr) {
+            platform::trace(g_verbose > 0, "%s%d\n", signal.consoleText, error);
+        }
+        errno = error;
+        platform::printError(signal.errorText);
+        appmgr->writeLog(kLogError, "%s", signal.logText);
+        platform::exitMonitor(1);
+    }
+}
+
+void restoreLoggedSignals() {
+    for (const LoggedSignal& signal : kLoggedSignals) {
+        (void)platform::setSignalHandler(signal.number, SIG_DFL); // Cannot fail for these.
+    }
+}
+
+void startWatchdogTimer() {
+    struct sigaction action = {};
+    action.sa_sigaction = timerHandler;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    sigemptyset(&action.sa_mask);
+    const char* failure = nullptr;
+    if (platform::setSignalAction(SIGUSR1, &action, &saved_sa) != 0) {
+        failure = "sigaction SIGUSR1 error";
+    } else if (platform::createTimer(&timerid, SIGUSR1, &timerid) != 0) {
+        failure = "timer_create error";
+    } else if (platform::armTimer(timerid,
+                                  watchdog_timer_inteval < 1 ? 1 : watchdog_timer_inteval) != 0) {
+        failure = "timer_settime error";
+    }
+    if (failure != nullptr) {
+        platform::printError(failure);
+        platform::exitMonitor(1);
+    }
+}
+
+void reportWatchdogEvents() {
+    for (std::uint32_t left = g_watchdogOpenFailures.exchange(0); left > 0; --left) {
+        appmgr->writeLog(kLogError, " watch dog open failure, exit");
+    }
+    for (std::uint32_t left = g_watchdogKicks.exchange(0); left > 0 && g_verbose > 5; --left) {
+        platform::trace(true, "kicked watchdog... %d\n", g_watchdogKickResult.load());
+        appmgr->writeLog(kLogDebug, "kicked watchdog");
+    }
+}
+
+void exitMonitorFromAnyThread(int status) {
+    if (pthread_equal(pthread_self(), g_mainThread) == 0) {
+        g_exitStatus = status;
+        g_exitRequested = true;
+        pthread_kill(g_mainThread, wakeSignal());
+        for (;;) {
+            platform::sleepMilliseconds(kParkMs); // Cancelled here by the shutdown.
+        }
+    }
+    std::exit(status);
+}

@@ -1,0 +1,313 @@
+#include "server/AppServer.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+#include "platform/Console.h"
+#include "platform/Socket.h"
+#include "platform/System.h"
+#include "platform/Text.h"
+#include "platform/Time.h"
+#include "platform/Wait.h"
+
+namespace {
+
+constexpr int kAttempts = 3;
+constexpr int kBacklog = 64;
+constexpr int kClientWaitMs = 2000;
+
+constexpr int kLogOptions = 3;    // the pid in every line, the console as fallback
+constexpr int kLogFacility = 144; // local2
+
+/// recvCommand and its steps: no request this time.
+constexpr int kNoRequest = -1;
+
+/// The process-wide instance, of a type of its own so that it can be deleted although the
+/// destructor of AppServer is not virtual.
+class StandaloneAppServer final : public AppServer {};
+
+/// The client went away before it could be accepted or answered.
+bool connectionVanished(int error) {
+    return error == EINVAL || error == ENOTCONN;
+}
+
+} // namespace
+
+AppServer* AppServer::m_pInstance = nullptr;
+
+AppServer::AppServer() {
+    std::memset(&peerAddress_, 0, sizeof peerAddress_);
+}
+
+AppServer::~AppServer() {
+    if (listeningSocket_ != -1) {
+        platform::shutDownWriting(listeningSocket_);
+        platform::closeDescriptor(listeningSocket_);
+        listeningSocket_ = -1;
+    }
+    closeConnection(connection_.exchange(-1));
+    if (m_pInstance != nullptr && m_pInstance != this) {
+        auto* instance = static_cast<StandaloneAppServer*>(m_pInstance);
+        m_pInstance = nullptr;
+        delete instance;
+    }
+}
+
+AppServer* AppServer::Instance() {
+    if (m_pInstance == nullptr) {
+        m_pInstance = new StandaloneAppServer;
+    }
+    return m_pInstance;
+}
+
+int AppServer::processCmd(const reqcmd& /*request*/) {
+    return 0;
+}
+
+int AppServer::initCommunication() {
+    (void)Instance();
+    if (platform::removeFile(kSocketPath) != 0 && errno != ENOENT) {
+        platform::printError("remove socket path error");
+        // Deliberate: the log is not open yet, so this line goes nowhere.
+        writeLog(kLogError, "initCommunication: remove socket path error error");
+    }
+    zor_log log;
+    open_zor_log(&log, "Ovard", kLogOptions, kLogFacility);
+    log_ = log;
+    writeLog(kLogInfo, "App monitor started");
+    // Every local user may talk to the monitor. Deliberate: the mask stays 0.
+    ::umask(0);
+    return openListeningSocket();
+}
+
+int AppServer::openListeningSocket() {
+    for (int attempt = 0; attempt < kAttempts && listeningSocket_ == -1; ++attempt) {
+        if (attempt > 0) {
+            platform::yieldProcessor();
+        }
+        listeningSocket_ = platform::openUnixStreamSocket();
+    }
+    if (listeningSocket_ == -1) {
+        failSetUp(nullptr, "initCommunication() socket error, exit");
+    }
+    (void)make_socket_non_blocking(listeningSocket_); // It was created so.
+    if (platform::allowAddressReuse(listeningSocket_) != 0) {
+        failSetUp("setsockopt error", "setsockopt error, exit");
+    }
+    if (bindListeningSocket() != 0) {
+        failSetUp("bind error", "bind error, exit");
+    }
+    if (platform::listenOnSocket(listeningSocket_, kBacklog) != 0) {
+        failSetUp("listen error", "listen error, exit");
+    }
+    return 0;
+}
+
+int AppServer::bindListeningSocket() {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    platform::copyToField(address.sun_path, kSocketPath);
+    int result = -1;
+    for (int attempt = 0; attempt < kAttempts && result != 0; ++attempt) {
+        if (attempt > 0) {
+            platform::yieldProcessor();
+        }
+        result = platform::bindSocket(listeningSocket_, address);
+    }
+    return result;
+}
+
+void AppServer::failSetUp(const char* errorText, const char* logText) {
+    if (errorText != nullptr) {
+        platform::printError(errorText);
+    }
+    writeLog(kLogError, "%s", logText);
+    platform::exitMonitor(1);
+}
+
+int AppServer::make_socket_non_blocking(int fd) {
+    if (platform::addNonBlockingFlag(fd) == -1) {
+        platform::printError("fcntl");
+        return -1;
+    }
+    return 0;
+}
+
+int AppServer::recvCommand(reqcmd& request) {
+    std::memset(&peerAddress_, 0, sizeof peerAddress_);
+    if (!waitForClient()) {
+        return kNoRequest;
+    }
+    const int fd = acceptClient();
+    if (fd < 0) {
+        return connectionVanished(errno) ? 0 : kNoRequest;
+    }
+    // Deliberate: a connection left open by an earlier request without a reply is not closed.
+    connection_ = fd;
+    platform::copyToField(peerAddress_.sun_path, kSocketPath);
+    return receiveRequest(request);
+}
+
+/// True when a client is waiting; false on time-out, error, or when the monitor is asked to end.
+bool AppServer::waitForClient() {
+    const std::int64_t deadline = platform::monotonicMilliseconds() + kClientWaitMs;
+    for (;;) {
+        const std::int64_t leftMs = deadline - platform::monotonicMilliseconds();
+        const int timeoutMs = leftMs > 0 ? static_cast<int>(leftMs) : 0;
+        const auto result = platform::waitReadable(listeningSocket_, timeoutMs);
+        if (result != platform::WaitResult::Interrupted) {
+            return result == platform::WaitResult::Ready;
+        }
+    }
+}
+
+/// The new connection, or -1 with errno; logged unless the client has just gone away.
+int AppServer::acceptClient() {
+    for (int attempt = 1;; ++attempt) {
+        const int fd = platform::acceptConnection(listeningSocket_, peerAddress_);
+        if (fd >= 0) {
+            return fd;
+        }
+        const int error = errno;
+        if (connectionVanished(error)) {
+            return -1;
+        }
+        if (attempt == kAttempts) {
+            writeLog(kLogDebug, "recvCommand(): accept error=%d", error);
+            errno = error;
+            return -1;
+        }
+        platform::yieldProcessor();
+    }
+}
+
+int AppServer::receiveRequest(reqcmd& request) {
+    auto* const record = reinterpret_cast<char*>(&request);
+    std::size_t total = 0;
+    for (int call = 0; call < kAttempts && total < sizeof request; ++call) {
+        const int count = receiveOnce(record + total, sizeof request - total);
+        if (count < 0) {
+            return kNoRequest;
+        }
+        total += static_cast<std::size_t>(count);
+    }
+    return static_cast<int>(total);
+}
+
+/// One receive call. An interruption counts as no bytes, as the end of the stream does.
+int AppServer::receiveOnce(char* buffer, std::size_t size) {
+    const int fd = connection_;
+    ssize_t count = -1;
+    switch (platform::waitReadable(fd, -1)) {
+    case platform::WaitResult::Terminating:
+        return kNoRequest;
+    case platform::WaitResult::Interrupted:
+        return 0;
+    case platform::WaitResult::Failed:
+        break;
+    default:
+        count = platform::receiveBytes(fd, buffer, size);
+    }
+    const int error = errno;
+    if (count < 0 && error == EINTR) {
+        return 0;
+    }
+    if (count < 0) {
+        writeLog(kLogDebug, "recvCommand(): recvfrom error %d, %s", error, peerAddress_.sun_path);
+        return kNoRequest;
+    }
+    return static_cast<int>(count);
+}
+
+int AppServer::sendCommand(response_struct* reply) {
+    displayResponseCmd(*reply);
+    int fd = connection_;
+    const auto* const record = reinterpret_cast<const char*>(reply);
+    std::size_t done = 0;
+    int error = 0;
+    for (int attempt = 0; attempt < kAttempts && done < sizeof *reply; ++attempt) {
+        if (attempt > 0) {
+            platform::yieldProcessor();
+        }
+        errno = 0;
+        const ssize_t count = platform::sendBytes(fd, record + done, sizeof *reply - done);
+        error = errno;
+        if (count > 0) {
+            done += static_cast<std::size_t>(count);
+        } else if (connectionVanished(error)) {
+            break;
+        }
+    }
+    const bool answered = done == sizeof *reply || connectionVanished(error);
+    if (!answered) {
+        writeLog(kLogDebug, "sendCommand(): sendto error=%d", error);
+    }
+    // The word is cleared before the descriptor is closed, and only while it still names it: the
+    // main thread may have accepted the next client meanwhile.
+    int expected = fd;
+    (void)connection_.compare_exchange_strong(expected, -1);
+    closeConnection(fd);
+    return answered ? 0 : -1;
+}
+
+void AppServer::closeConnection(int fd) {
+    if (fd != -1) {
+        platform::closeDescriptor(fd);
+    }
+}
+
+int AppServer::closeCommunication() {
+    if (listeningSocket_ != -1) {
+        platform::closeDescriptor(listeningSocket_);
+        listeningSocket_ = -1;
+    }
+    closeConnection(connection_.exchange(-1));
+    if (platform::removeFile(kSocketPath) != 0 && errno != ENOENT) {
+        platform::printError("closeCommunication: remove socket path error");
+        writeLog(kLogError, "remove socket path error error");
+    }
+    return close_zor_log(&log_);
+}
+
+void AppServer::displayRequestCmd(const reqcmd& request) {
+    using platform::fieldText;
+    std::ostringstream text;
+    text << "Request Command:\n"
+         << "\tname = " << fieldText(request.name) << '\n'
+         << "\tversion = " << fieldText(request.version) << '\n'
+         << "\taction = " << request.action << '\n'
+         << "\tcmd = \"" << fieldText(request.cmd) << "\"\n"
+         << "\tpidfile = \"" << fieldText(request.pidfile) << "\"\n"
+         << "\tporttype = " << request.porttype << '\n'
+         << "\tportnum = " << request.portnum << '\n'
+         << "\tdelay = " << request.delay << '\n'
+         << "\tkeepalive = " << (request.keepalive != 0) << '\n'
+         << "\tnowait = " << (request.nowait != 0) << '\n'
+         << "\trequest.heartbeat = " << (request.heartbeat != 0) << '\n'
+         << "\trequest.restart_type = " << request.restart_type << '\n'
+         << "\trequest.last_runtime_life_limit = " << request.last_runtime_life_limit << '\n';
+    platform::printConsole(text.str());
+}
+
+void AppServer::displayResponseCmd(const response_struct& reply) {
+    std::string text;
+    if (reply.code != 0) {
+        text = " Error is detected with code =" + std::to_string(reply.code) + '\n';
+    }
+    text += platform::fieldText(reply.message);
+    platform::printConsoleLine(std::move(text));
+}
+
+void AppServer::writeLog(int level, const char* format, ...) {
+    char text[platform::kLogTextSize];
+    std::va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(text, sizeof text, format, arguments); // Longer texts are cut.
+    va_end(arguments);
+    (void)write_zor_log(log_, level, text, 0); // Nowhere else to report a failing log.
+}

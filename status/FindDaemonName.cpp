@@ -1,0 +1,110 @@
+// Search of /proc for an application's process by its executable name.
+
+#include <dirent.h>
+
+#include <cstring>
+
+#include "platform/InstallationDirectories.h"
+#include "platform/Process.h"
+#include "platform/Settings.h"
+#include "platform/Text.h"
+#include "platform/Trace.h"
+#include "status/AppStatusUpdate.h"
+
+namespace {
+
+enum Refusal : int {
+    kNoProc = -1,
+    kNoProcess = -2,
+    kOtherName = -3,
+    kNoCommandLine = -4,
+    kNotIncluded = -7,
+    kExcluded = -8,
+};
+
+/// Length of a process's executable name as the kernel keeps it.
+constexpr std::size_t kExeNameLength = 15;
+
+/// A start time as the traces show it.
+int traceTicks(const statstruct_proc& info) {
+    return static_cast<int>(info.starttime);
+}
+
+} // namespace
+
+int AppStatusUpdate::findDaemonName(appinfo& app) {
+    if (!bootTimeKnown()) {
+        (void)initBootTimeVars(); // A search without start times is better than none.
+    }
+    platform::trace(verbose >= 7, "findDaemonName: finding daemon for name=%.64s\n", app.name);
+
+    platform::ProcDirectory proc;
+    if (!proc.isOpen()) {
+        return kNoProc;
+    }
+    int result = kNoProcess;
+    Candidate candidate;
+    platform::ProcDirectory::Entry entry;
+    while (result < 0 && proc.next(entry)) {
+        if (entry.type != DT_DIR || !platform::isAllDigits(entry.name)) {
+            continue;
+        }
+        platform::trace(verbose >= 8, "findDaemonName: d_type=0x%x pid=%s\n", entry.type, entry.name);
+        result = examineCandidate(platform::pidFromName(entry.name), app, candidate);
+    }
+    if (result < 0) {
+        platform::trace(verbose >= 7, "findDaemonName: daemon not found for pid=%d, name=%.64s !\n",
+                  app.pid, app.name);
+        return result;
+    }
+    adoptCandidate(candidate, app);
+    return result;
+}
+
+/// The pid when the process is the application's, else the reason why not.
+int AppStatusUpdate::examineCandidate(pid_t pid, const appinfo& app, Candidate& candidate) const {
+    if (get_proc_info_by_pid(pid, &candidate.info) != 0) {
+        platform::trace(verbose >= 8, "findDaemonName: pid=%d process info not found\n", pid);
+        return kNoProcess;
+    }
+    if (std::strncmp(candidate.info.exeName, app.name, kExeNameLength) != 0) {
+        platform::trace(verbose >= 8,
+                  "findDaemonName: pid=%d, exeName=%s mismatched daemon exeName=\"%.64s\"\n", pid,
+                  candidate.info.exeName, app.name);
+        return kOtherName;
+    }
+    candidate.cmdline[0] = '\0';
+    int length = sizeof candidate.cmdline;
+    if (get_proc_cmdline(pid, candidate.cmdline, &length) != 0 || candidate.cmdline[0] != '/') {
+        platform::trace(
+            verbose >= 8,
+            "findDaemonName: pid=%d, starttime=%d, missing or invalid cmdline=\"%s\"\n", pid,
+            traceTicks(candidate.info), candidate.cmdline);
+        return kNoCommandLine;
+    }
+    if (!platform::isInIncludedDirectory(candidate.cmdline)) {
+        platform::trace(verbose >= 8,
+                  "findDaemonName: not included pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
+                  traceTicks(candidate.info), candidate.cmdline);
+        return kNotIncluded;
+    }
+    if (platform::isInExcludedDirectory(candidate.cmdline)) {
+        platform::trace(verbose >= 8,
+                  "findDaemonName: excluded pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
+                  traceTicks(candidate.info), candidate.cmdline);
+        return kExcluded;
+    }
+    return pid;
+}
+
+void AppStatusUpdate::adoptCandidate(const Candidate& candidate, appinfo& app) const {
+    platform::trace(verbose >= 7, "findDaemonName: found daemon pid=%d, starttime=%d cmdline=\"%s\"\n",
+              candidate.info.pid, traceTicks(candidate.info), candidate.cmdline);
+    app.pid = candidate.info.pid;
+    if (bootTimeKnown()) {
+        app.start_time = startTimeOf(candidate.info);
+    }
+    int length = sizeof app.pidfile;
+    (void)get_pid_filename(&app.pid, app.pidfile, &length); // Without one the name stays.
+    platform::copyToField(app.cmd, candidate.cmdline);
+}

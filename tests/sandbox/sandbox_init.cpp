@@ -1,0 +1,301 @@
+// Process 1 of a sandbox: runs one command, reaps whatever else ends, and keeps the log.
+//
+//   ovard_sandbox_init --status-fd N --control-fd N --program-fd N [--foreground] -- COMMAND...
+//   ovard_sandbox_init --take-terminal
+//
+// It is started by tests/sandbox/inside, which has furnished the sandbox before. The control channel
+// brings one letter for each signal that the command is to get; its end means that the sandbox is
+// to end. The status channel gets "begun\n" replaced by the command's exit status, so whoever reads
+// "begun" afterwards knows that the kernel ended the sandbox. Ending process 1 ends all processes.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr int kSetupFailed = 125;
+constexpr int kNotExecutable = 126;
+constexpr int kNotFound = 127;
+constexpr int kSignalBase = 128;
+constexpr const char* kLogSocket = "/dev/log";
+constexpr const char* kLogFile = "/var/log/daemon.log";
+
+struct Options {
+    int statusFd = -1;
+    int controlFd = -1;
+    int programFd = -1;
+    bool foreground = false;
+    char** command = nullptr;
+};
+
+[[noreturn]] void fail(const char* what) {
+    const int error = errno;
+    (void)std::fprintf(stderr, "sandbox: process 1: %s: %s\n", what, std::strerror(error));
+    _exit(kSetupFailed);
+}
+
+[[noreturn]] void failUsage() {
+    (void)std::fputs("sandbox: process 1: this is started by scripts/sandbox only\n", stderr);
+    _exit(kSetupFailed);
+}
+
+int parseDescriptor(const char* text) {
+    char* end = nullptr;
+    const long value = text == nullptr ? -1 : std::strtol(text, &end, 10);
+    if (value <= STDERR_FILENO || value > 1023 || *end != '\0') {
+        failUsage();
+    }
+    return static_cast<int>(value);
+}
+
+Options parseOptions(char** argv) {
+    Options options;
+    char** argument = argv + 1;
+    for (; *argument != nullptr && std::strcmp(*argument, "--") != 0; ++argument) {
+        if (std::strcmp(*argument, "--status-fd") == 0) {
+            options.statusFd = parseDescriptor(*++argument);
+        } else if (std::strcmp(*argument, "--control-fd") == 0) {
+            options.controlFd = parseDescriptor(*++argument);
+        } else if (std::strcmp(*argument, "--program-fd") == 0) {
+            options.programFd = parseDescriptor(*++argument);
+        } else if (std::strcmp(*argument, "--foreground") == 0) {
+            options.foreground = true;
+        } else {
+            failUsage();
+        }
+    }
+    if (*argument == nullptr || argument[1] == nullptr || options.statusFd == -1 ||
+        options.controlFd == -1 || options.programFd == -1) {
+        failUsage();
+    }
+    options.command = argument + 1;
+    return options;
+}
+
+void hideFromCommand(int fd) {
+    if (fcntl(fd, F_SETFD, FD_CLOEXEC) == -1) {
+        fail("descriptor");
+    }
+}
+
+/// Replaces what the status channel says by one line.
+void reportStatus(int fd, const std::string& text) {
+    const std::string line = text + '\n';
+    if (pwrite(fd, line.data(), line.size(), 0) != static_cast<ssize_t>(line.size()) ||
+        ftruncate(fd, static_cast<off_t>(line.size())) == -1) {
+        fail("status");
+    }
+}
+
+int openLogSocket() {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s", kLogSocket);
+    if (fd == -1 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1 ||
+        chmod(kLogSocket, 0666) == -1) {
+        fail(kLogSocket);
+    }
+    return fd;
+}
+
+int openLogFile() {
+    const int fd = open(kLogFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd == -1) {
+        fail(kLogFile);
+    }
+    return fd;
+}
+
+std::string logLine(const char* data, std::size_t size) {
+    while (size > 0 && (data[size - 1] == '\0' || data[size - 1] == '\n')) {
+        --size;
+    }
+    std::string line;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (data[i] == '\n') {
+            line += "#012";
+        } else {
+            line += data[i];
+        }
+    }
+    return line + '\n';
+}
+
+/// Appends every datagram that waits at the socket to the log file.
+void captureLog(int socketFd, int fileFd) {
+    static std::array<char, 65536> buffer;
+    for (;;) {
+        const ssize_t size = recv(socketFd, buffer.data(), buffer.size(), 0);
+        if (size == -1 && errno == EINTR) {
+            continue;
+        }
+        if (size == -1) {
+            return;
+        }
+        const std::string line = logLine(buffer.data(), static_cast<std::size_t>(size));
+        if (write(fileFd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+            fail(kLogFile);
+        }
+    }
+}
+
+sigset_t handledSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGTTOU}) {
+        sigaddset(&signals, signal);
+    }
+    return signals;
+}
+
+/// In the child: becomes the command. A process group of its own keeps a kill(0) inside from
+/// reaching the processes that started the sandbox.
+[[noreturn]] void becomeCommand(const Options& options) {
+    (void)setpgid(0, 0);
+    if (options.foreground) {
+        (void)tcsetpgrp(STDIN_FILENO, getpgrp()); // SIGTTOU is blocked
+    }
+    // Ignored by the shell around, which had this run in the background.
+    for (const int signal : {SIGINT, SIGQUIT, SIGHUP}) {
+        (void)std::signal(signal, SIG_DFL);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    execvp(options.command[0], options.command);
+    const int error = errno;
+    (void)std::fprintf(stderr, "sandbox: %s: %s\n", options.command[0], std::strerror(error));
+    _exit(error == ENOENT ? kNotFound : kNotExecutable);
+}
+
+/// Reaps all that has ended. Returns the command's exit status, or -1 while it runs.
+int reapProcesses(pid_t command) {
+    int result = -1;
+    int status = 0;
+    for (pid_t pid = 0; (pid = waitpid(-1, &status, WNOHANG | WUNTRACED)) > 0;) {
+        if (pid != command) {
+            continue;
+        }
+        if (WIFSTOPPED(status)) {
+            // Nobody in here could ever continue it.
+            (void)kill(-command, SIGCONT);
+        } else {
+            result =
+                WIFSIGNALED(status) ? kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
+        }
+    }
+    return result;
+}
+
+void handleSignals(int fd, pid_t command) {
+    signalfd_siginfo info{};
+    while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        const int signal = static_cast<int>(info.ssi_signo);
+        if (signal != SIGCHLD && signal != SIGTTOU) {
+            (void)kill(command, signal);
+        }
+    }
+}
+
+/// Hands on the signals that the control channel brings. False at its end.
+bool handleControl(int fd, pid_t command) {
+    char letter = '\0';
+    const ssize_t size = read(fd, &letter, 1);
+    if (size == 0) {
+        return false;
+    }
+    if (size == 1) {
+        const int signal = letter == 'T' ? SIGTERM : letter == 'I' ? SIGINT : SIGHUP;
+        (void)kill(command, signal);
+    }
+    return true;
+}
+
+/// Serves signals, log and control channel until the command has ended; returns its exit status.
+int serve(const Options& options, int signalFd, int logSocket, int logFile, pid_t command) {
+    std::array<pollfd, 3> sources{{{signalFd, POLLIN, 0},
+                                   {logSocket, POLLIN, 0},
+                                   {options.controlFd, POLLIN, 0}}};
+    for (;;) {
+        if (poll(sources.data(), sources.size(), -1) == -1 && errno != EINTR) {
+            fail("poll");
+        }
+        captureLog(logSocket, logFile);
+        if (sources[0].revents != 0) {
+            handleSignals(signalFd, command);
+            const int result = reapProcesses(command);
+            if (result != -1) {
+                // What was sent before the end has arrived: datagrams are queued by the sender.
+                captureLog(logSocket, logFile);
+                return result;
+            }
+        }
+        if (sources[2].revents != 0 && !handleControl(options.controlFd, command)) {
+            return kSignalBase + SIGKILL;
+        }
+    }
+}
+
+int runSandbox(const Options& options) {
+    if (getpid() != 1) {
+        (void)std::fputs("sandbox: process 1: this is not a new pid namespace\n", stderr);
+        return kSetupFailed;
+    }
+    (void)prctl(PR_SET_NAME, "sandbox_init"); // started by descriptor, it would be called a number
+    (void)close(options.programFd);
+    hideFromCommand(options.statusFd);
+    hideFromCommand(options.controlFd);
+    (void)setpgid(0, 0); // keys pressed outside are handed on, not felt directly
+
+    const sigset_t signals = handledSignals();
+    (void)sigprocmask(SIG_SETMASK, &signals, nullptr);
+    const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (signalFd == -1) {
+        fail("signalfd");
+    }
+    const int logSocket = openLogSocket();
+    const int logFile = openLogFile();
+    reportStatus(options.statusFd, "begun");
+
+    const pid_t command = fork();
+    if (command == -1) {
+        fail("fork");
+    }
+    if (command == 0) {
+        becomeCommand(options);
+    }
+    const int result = serve(options, signalFd, logSocket, logFile, command);
+    reportStatus(options.statusFd, std::to_string(result));
+    return result;
+}
+
+/// Makes the caller's process group the foreground one again.
+int takeTerminal() {
+    (void)std::signal(SIGTTOU, SIG_IGN);
+    return tcsetpgrp(STDIN_FILENO, getpgrp()) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--take-terminal") == 0) {
+        return takeTerminal();
+    }
+    return runSandbox(parseOptions(argv));
+}

@@ -104,8 +104,8 @@ public:
     /// also when the reply reports a failure; -1, -3, -4, -5 or -8 (see AppManagerResult) else.
     int processCmd(const reqcmd& request) override;
 
-    /// Fills `info` from `request`, texts cut to their fields; `pid` stays. Returns the current time
-    /// in seconds.
+    /// Fills `info` from `request`, texts cut to their fields; `pid` stays. Returns the current
+    /// time in seconds.
     int prepareAppInfo(const reqcmd& request, appinfo& info);
 
     /// Prepares `info`, launches it and appends it to the registry. Returns the launch result;
@@ -135,8 +135,8 @@ public:
     /// released the monitor's resources and has every signal blocked; a negative value on failure.
     int fork2();
 
-    /// Launches `app` and follows it until it has put itself into the background. Returns the pid of
-    /// the launched process and sets `pid` and `status`, or a negative value. Caller holds
+    /// Launches `app` and follows it until it has put itself into the background. Returns the pid
+    /// of the launched process and sets `pid` and `status`, or a negative value. Caller holds
     /// `app_lock` when `app` is an entry of the registry. A monitor that cannot fork ends, and
     /// restarts the machine unless somebody is connected to port 22.
     int start_process_fork2(appinfo& app);
@@ -158,8 +158,9 @@ public:
 
     /// Follows the freshly launched `app.pid` until it has exited and its daemon is found; at most
     /// 30 seconds. `gate`, the write end at which the launched process waits, is closed once
-    /// the facts of that process have been read; null when nothing waits. Returns the daemon's pid; -1 no pid, -2 no process, -3 no command
-    /// line, -4 time is over, -5 boot time unknown. Caller holds `app_lock` as for the launch.
+    /// the facts of that process have been read; null when nothing waits. Returns the daemon's pid;
+    /// -1 no pid, -2 no process, -3 no command line, -4 time is over, -5 boot time unknown. Caller
+    /// holds `app_lock` as for the launch.
     int waitForDaemonization(appinfo& app, platform::UniqueFd* gate = nullptr);
 
     /// 1 when a process with this pid exists (zombies and other users' included), 0 when not.

@@ -116,7 +116,8 @@ int AppManager::processCmd(const reqcmd& request) {
     }
 }
 
-// --- one application ------------------------------------------------------------------------------
+// --- one application
+// ------------------------------------------------------------------------------
 
 int AppManager::executeStart(const reqcmd& request) {
     (void)stopApp(request, workRecord_); // Whatever ran under this name gives way.
@@ -244,7 +245,8 @@ int AppManager::restartApp(const reqcmd& request, appinfo& info) {
     return result;
 }
 
-// --- the whole registry ---------------------------------------------------------------------------
+// --- the whole registry
+// ---------------------------------------------------------------------------
 
 int AppManager::executeOnAll(const reqcmd& request, const StopMany& what, std::time_t now) {
     int result = 0;

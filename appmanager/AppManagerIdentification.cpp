@@ -212,8 +212,9 @@ int AppManager::awaitDaemon(appinfo& app, statstruct_proc& facts, int argc, char
     const std::string path = "/proc/" + std::to_string(launched);
     const std::time_t begin = platform::currentTime();
     std::time_t termination = 0;
-    platform::trace(verbose > 6, "waitForDaemonization: waiting for pid=%d name=%s starting at %ld\n",
-                    launched, app.name, static_cast<long>(begin));
+    platform::trace(verbose > 6,
+                    "waitForDaemonization: waiting for pid=%d name=%s starting at %ld\n", launched,
+                    app.name, static_cast<long>(begin));
     for (;;) {
         const std::time_t now = platform::currentTime();
         if (now < begin || now - begin > kDaemonDeadlineSec) {
@@ -231,9 +232,8 @@ int AppManager::awaitDaemon(appinfo& app, statstruct_proc& facts, int argc, char
         }
         if (termination == 0) {
             termination = now;
-            platform::trace(verbose > 7,
-                            "waitForDaemonization: pid=%d, termination time_t=%ld\n", launched,
-                            static_cast<long>(termination));
+            platform::trace(verbose > 7, "waitForDaemonization: pid=%d, termination time_t=%ld\n",
+                            launched, static_cast<long>(termination));
         }
         const int result = searchDaemon(app, facts, argc, argv, termination);
         if (result != 0) {

@@ -18,7 +18,8 @@ constexpr int kSignalAttempts = 3;
 /// Tells the manager, at the end of its scope, that the command thread has left.
 class LeaveNotice {
 public:
-    explicit LeaveNotice(std::atomic<bool>& alive) : alive_(alive) {}
+    explicit LeaveNotice(std::atomic<bool>& alive)
+        : alive_(alive) {}
     ~LeaveNotice() { alive_ = false; }
     LeaveNotice(const LeaveNotice&) = delete;
     LeaveNotice& operator=(const LeaveNotice&) = delete;

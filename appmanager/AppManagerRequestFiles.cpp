@@ -21,7 +21,8 @@ constexpr int kOpenAttempts = 3;
 constexpr mode_t kFileMode = 0660;
 constexpr int kHandOverPauseMs = 1000;
 
-/// Opens `path`, tried up to three times. A fifo in its place neither blocks nor starves the caller.
+/// Opens `path`, tried up to three times. A fifo in its place neither blocks nor starves the
+/// caller.
 platform::UniqueFd openPersistently(const char* path, int flags) {
     platform::UniqueFd file;
     for (int attempt = 0; attempt < kOpenAttempts && !file.valid(); ++attempt) {
@@ -36,8 +37,7 @@ platform::UniqueFd openPersistently(const char* path, int flags) {
 }
 
 bool readRecord(int file, reqcmd& record) {
-    return platform::readFully(file, &record, sizeof record) ==
-           static_cast<ssize_t>(sizeof record);
+    return platform::readFully(file, &record, sizeof record) == static_cast<ssize_t>(sizeof record);
 }
 
 /// Sleeps one second unless the monitor is shut down; false when it is shut down by then.
@@ -68,8 +68,7 @@ int AppManager::appendAppConfigurationFile(const char* path, long /*unused*/,
     }
     const platform::UniqueFd file = openPersistently(path, O_WRONLY | O_CREAT | O_APPEND);
     if (!file.valid()) {
-        platform::trace(true,
-                        "Error %d opening %s for appending REQUEST_CMD={action=%d,%.64s}\n",
+        platform::trace(true, "Error %d opening %s for appending REQUEST_CMD={action=%d,%.64s}\n",
                         errno, path, request.action, request.name);
         return -2;
     }

@@ -9,7 +9,8 @@
 class CommandWords {
 public:
     CommandWords(AppManager& manager, const char* text)
-        : manager_(manager), count_(manager.commandline_parser(text, words_)) {}
+        : manager_(manager)
+        , count_(manager.commandline_parser(text, words_)) {}
     ~CommandWords() { manager_.commandline_parser_cleanup(count_, words_); }
     CommandWords(const CommandWords&) = delete;
     CommandWords& operator=(const CommandWords&) = delete;

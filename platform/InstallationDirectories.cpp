@@ -7,21 +7,14 @@ namespace platform {
 namespace {
 
 constexpr std::array<std::string_view, 6> kDaemonInclusionList = {
-    "/mnt/runfw/home/kelvo/root/",
-    "/mnt/runfw/home/kelvo/modbus/",
-    "/mnt/runfw/home/kelvo/test/",
-    "/home/kelvo/root/",
-    "/home/kelvo/modbus/",
-    "/home/kelvo/test/",
+    "/mnt/runfw/home/kelvo/root/", "/mnt/runfw/home/kelvo/modbus/", "/mnt/runfw/home/kelvo/test/",
+    "/home/kelvo/root/",           "/home/kelvo/modbus/",           "/home/kelvo/test/",
 };
 
 constexpr std::array<std::string_view, 6> kDaemonExclusionList = {
-    "/mnt/runfw/home/kelvo/root/appmon/",
-    "/mnt/runfw/home/kelvo/root/python_scripts/",
-    "/mnt/runfw/home/kelvo/root/actl",
-    "/home/kelvo/root/appmon/",
-    "/home/kelvo/root/python_scripts/",
-    "/home/kelvo/root/actl",
+    "/mnt/runfw/home/kelvo/root/appmon/", "/mnt/runfw/home/kelvo/root/python_scripts/",
+    "/mnt/runfw/home/kelvo/root/actl",    "/home/kelvo/root/appmon/",
+    "/home/kelvo/root/python_scripts/",   "/home/kelvo/root/actl",
 };
 
 template <std::size_t Count>

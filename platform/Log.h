@@ -21,8 +21,9 @@ struct zor_log {
     std::int32_t opened = 0;
 };
 
-/// Opens the log: `ident`, `options` (syslog's option bits: 1 process id, 2 console as fallback) and
-/// `facility` (syslog's code, 144 is local2). Returns 0, or -1 when `handle` or `ident` is null.
+/// Opens the log: `ident`, `options` (syslog's option bits: 1 process id, 2 console as fallback)
+/// and `facility` (syslog's code, 144 is local2). Returns 0, or -1 when `handle` or `ident` is
+/// null.
 int open_zor_log(zor_log* handle, const char* ident, int options, int facility);
 
 /// Writes one line at a syslog `level`. One trailing line feed of `text` is dropped, the log ends

@@ -13,7 +13,10 @@ namespace platform {
 /// unwinds through it.
 class MutexGuard {
 public:
-    explicit MutexGuard(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+    explicit MutexGuard(pthread_mutex_t& mutex)
+        : mutex_(mutex) {
+        pthread_mutex_lock(&mutex_);
+    }
     ~MutexGuard() { pthread_mutex_unlock(&mutex_); }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
@@ -27,7 +30,8 @@ private:
 class PatientGuard {
 public:
     explicit PatientGuard(pthread_mutex_t& mutex)
-        : mutex_(mutex), held_(lockUnlessTerminating(mutex)) {}
+        : mutex_(mutex)
+        , held_(lockUnlessTerminating(mutex)) {}
     ~PatientGuard() { (void)release(); }
     PatientGuard(const PatientGuard&) = delete;
     PatientGuard& operator=(const PatientGuard&) = delete;

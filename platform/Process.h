@@ -16,8 +16,8 @@ struct statstruct_proc {
     std::uint64_t starttime; ///< clock ticks since boot (field 22 of /proc/PID/stat)
 };
 
-/// Fills `info` from /proc/PID/stat, whose name field may hold blanks and parentheses. Zombies count
-/// as processes. Returns 0; -1 when there is no such process or its facts cannot be read.
+/// Fills `info` from /proc/PID/stat, whose name field may hold blanks and parentheses. Zombies
+/// count as processes. Returns 0; -1 when there is no such process or its facts cannot be read.
 int get_proc_info_by_pid(pid_t pid, statstruct_proc* info);
 
 /// Command line of a process as one text, arguments joined by one blank, cut to `*length` - 1
@@ -26,8 +26,8 @@ int get_proc_info_by_pid(pid_t pid, statstruct_proc* info);
 /// the buffer holds an empty text.
 int get_proc_cmdline(pid_t pid, char* buffer, int* length);
 
-/// Name of the pid file that process `*pid` has really written: "/tmp/pid" + METER_ROOT (when set) +
-/// its argv[0] + ".pid." + pid, or, where METER_ROOT is set and that is missing, the same without
+/// Name of the pid file that process `*pid` has really written: "/tmp/pid" + METER_ROOT (when set)
+/// + its argv[0] + ".pid." + pid, or, where METER_ROOT is set and that is missing, the same without
 /// METER_ROOT. When the file exists and its name fits the `*length` bytes of `buffer`: fills the
 /// buffer, sets `*length` to the length of the name, returns 0. Otherwise a negative value, and
 /// buffer and length stay as they were.
@@ -37,9 +37,9 @@ int get_pid_filename(const int* pid, char* buffer, int* length);
 /// (an empty `version` accepts any). Negative otherwise. Changes nothing.
 int read_pid_file_version(const appinfo& record, const char* path, const char* version);
 
-/// Writes PATH.PID with the content "PID\nVERSION\n", truncated first, mode 0644 whatever the umask,
-/// with missing directories (0755) and never through a symbolic link in the last component. `flags`
-/// are open's. Returns 0 or -1; leaves `*pid` as it is.
+/// Writes PATH.PID with the content "PID\nVERSION\n", truncated first, mode 0644 whatever the
+/// umask, with missing directories (0755) and never through a symbolic link in the last component.
+/// `flags` are open's. Returns 0 or -1; leaves `*pid` as it is.
 int set_pid_file_version(int* pid, const char* path, int flags, const char* version);
 
 /// Pid of another live process (not a zombie) with the executable name of this one, else 0.

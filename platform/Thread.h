@@ -16,7 +16,9 @@ namespace platform {
 int createWorkerThread(pthread_t* thread, void* (*body)(void*), void* argument);
 
 /// First call of a worker thread's body.
-inline void disableCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
+inline void disableCancellation() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+}
 
 /// Lets the calling thread be cancelled at the waits within its scope.
 class CancellationWindow {

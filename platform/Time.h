@@ -26,8 +26,8 @@ void getZortime8BFromTimeStamp(zortime8b* time, std::int64_t milliseconds);
 /// Instrument time to milliseconds since the epoch; exact inverse of the above.
 std::int64_t getTimeStampFromZortime8B(const zortime8b& time);
 
-/// Writes "YYYY-MM-DD HH:MM:SS" of `t` in UTC into `buffer`, which holds at least 32 bytes (the text
-/// has at most 31 characters, whatever `t` is).
+/// Writes "YYYY-MM-DD HH:MM:SS" of `t` in UTC into `buffer`, which holds at least 32 bytes (the
+/// text has at most 31 characters, whatever `t` is).
 void getDateStringFromTimeStruct(char* buffer, std::time_t t);
 
 namespace platform {

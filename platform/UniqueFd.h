@@ -15,8 +15,10 @@ namespace platform {
 class UniqueFd {
 public:
     UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    explicit UniqueFd(int fd)
+        : fd_(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept
+        : fd_(other.release()) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept {
         reset(other.release());
         return *this;

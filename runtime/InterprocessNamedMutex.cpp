@@ -74,7 +74,8 @@ int CInterprocessNamedMutex::tryAcquire() {
     return errno == EAGAIN || errno == EINTR ? 0 : -1;
 }
 
-CAutoLock::CAutoLock(CInterprocessNamedMutex* m) : mutex_(nullptr) {
+CAutoLock::CAutoLock(CInterprocessNamedMutex* m)
+    : mutex_(nullptr) {
     autoLock(m);
 }
 

@@ -19,8 +19,10 @@ constexpr int kPreloadGraceSec = 30;
 } // namespace
 
 MainLoop::MainLoop(AppManager& manager, std::int32_t statusIntervalSec)
-    : manager_(manager), statusIntervalSec_(statusIntervalSec), start_(platform::currentTime()),
-      lastCheck_(start_) {}
+    : manager_(manager)
+    , statusIntervalSec_(statusIntervalSec)
+    , start_(platform::currentTime())
+    , lastCheck_(start_) {}
 
 int MainLoop::run() {
     for (;;) {

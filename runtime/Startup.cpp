@@ -72,7 +72,8 @@ void settleProcess() {
     const int result = platform::setProcessPriority(pid, kMonitorPriority);
     platform::trace(g_verbose > 4, "%d=setpriority(PRIO_PROCESS, %d, %d)\n", result, pid,
                     kMonitorPriority);
-    (void)OOM_Killer_set_oom_adj(kMonitorOomAdjustment); // A monitor that may be killed still works.
+    (void)OOM_Killer_set_oom_adj(
+        kMonitorOomAdjustment); // A monitor that may be killed still works.
 }
 
 void startManager(bool discover) {

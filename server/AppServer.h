@@ -64,8 +64,8 @@ public:
     /// Adds O_NONBLOCK to the flags of `fd`. Returns 0 or -1.
     int make_socket_non_blocking(int fd);
 
-    /// Formats one line (at most 2047 characters, longer ones are cut) and writes it to the daemon's
-    /// log at a syslog level. Any thread.
+    /// Formats one line (at most 2047 characters, longer ones are cut) and writes it to the
+    /// daemon's log at a syslog level. Any thread.
     [[gnu::format(printf, 3, 4)]] void writeLog(int level, const char* format, ...);
 
 private:

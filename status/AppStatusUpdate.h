@@ -46,8 +46,8 @@ public:
     /// True when both figures above are known.
     bool bootTimeKnown() const { return bootTime_ != 0 && clockTicks_ != 0; }
 
-    /// When a process started, in seconds since the epoch, from its start in clock ticks since boot.
-    /// Both figures must be known.
+    /// When a process started, in seconds since the epoch, from its start in clock ticks since
+    /// boot. Both figures must be known.
     std::int32_t startTimeOf(const statstruct_proc& info) const;
 
     /// The reverse: clock ticks since boot at `time`, 0 when that is not after boot.

@@ -49,12 +49,13 @@ int AppStatusUpdate::findDaemonName(appinfo& app) {
         if (entry.type != DT_DIR || !platform::isAllDigits(entry.name)) {
             continue;
         }
-        platform::trace(verbose >= 8, "findDaemonName: d_type=0x%x pid=%s\n", entry.type, entry.name);
+        platform::trace(verbose >= 8, "findDaemonName: d_type=0x%x pid=%s\n", entry.type,
+                        entry.name);
         result = examineCandidate(platform::pidFromName(entry.name), app, candidate);
     }
     if (result < 0) {
         platform::trace(verbose >= 7, "findDaemonName: daemon not found for pid=%d, name=%.64s !\n",
-                  app.pid, app.name);
+                        app.pid, app.name);
         return result;
     }
     adoptCandidate(candidate, app);
@@ -69,37 +70,37 @@ int AppStatusUpdate::examineCandidate(pid_t pid, const appinfo& app, Candidate& 
     }
     if (std::strncmp(candidate.info.exeName, app.name, kExeNameLength) != 0) {
         platform::trace(verbose >= 8,
-                  "findDaemonName: pid=%d, exeName=%s mismatched daemon exeName=\"%.64s\"\n", pid,
-                  candidate.info.exeName, app.name);
+                        "findDaemonName: pid=%d, exeName=%s mismatched daemon exeName=\"%.64s\"\n",
+                        pid, candidate.info.exeName, app.name);
         return kOtherName;
     }
     candidate.cmdline[0] = '\0';
     int length = sizeof candidate.cmdline;
     if (get_proc_cmdline(pid, candidate.cmdline, &length) != 0 || candidate.cmdline[0] != '/') {
-        platform::trace(
-            verbose >= 8,
-            "findDaemonName: pid=%d, starttime=%d, missing or invalid cmdline=\"%s\"\n", pid,
-            traceTicks(candidate.info), candidate.cmdline);
+        platform::trace(verbose >= 8,
+                        "findDaemonName: pid=%d, starttime=%d, missing or invalid cmdline=\"%s\"\n",
+                        pid, traceTicks(candidate.info), candidate.cmdline);
         return kNoCommandLine;
     }
     if (!platform::isInIncludedDirectory(candidate.cmdline)) {
         platform::trace(verbose >= 8,
-                  "findDaemonName: not included pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
-                  traceTicks(candidate.info), candidate.cmdline);
+                        "findDaemonName: not included pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
+                        traceTicks(candidate.info), candidate.cmdline);
         return kNotIncluded;
     }
     if (platform::isInExcludedDirectory(candidate.cmdline)) {
         platform::trace(verbose >= 8,
-                  "findDaemonName: excluded pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
-                  traceTicks(candidate.info), candidate.cmdline);
+                        "findDaemonName: excluded pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
+                        traceTicks(candidate.info), candidate.cmdline);
         return kExcluded;
     }
     return pid;
 }
 
 void AppStatusUpdate::adoptCandidate(const Candidate& candidate, appinfo& app) const {
-    platform::trace(verbose >= 7, "findDaemonName: found daemon pid=%d, starttime=%d cmdline=\"%s\"\n",
-              candidate.info.pid, traceTicks(candidate.info), candidate.cmdline);
+    platform::trace(verbose >= 7,
+                    "findDaemonName: found daemon pid=%d, starttime=%d cmdline=\"%s\"\n",
+                    candidate.info.pid, traceTicks(candidate.info), candidate.cmdline);
     app.pid = candidate.info.pid;
     if (bootTimeKnown()) {
         app.start_time = startTimeOf(candidate.info);

@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
         return kRefused;
     }
     const bool halt = argc == 2 && std::strcmp(argv[1], "--halt") == 0;
-    (void)reboot(halt ? RB_HALT_SYSTEM : RB_AUTOBOOT);
+    (void)reboot(halt ? static_cast<int>(RB_HALT_SYSTEM) : RB_AUTOBOOT);
     std::perror("reboot");
     return EXIT_FAILURE;
 }

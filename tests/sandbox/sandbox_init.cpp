@@ -3,10 +3,11 @@
 //   ovard_sandbox_init --status-fd N --control-fd N --program-fd N [--foreground] -- COMMAND...
 //   ovard_sandbox_init --take-terminal
 //
-// It is started by tests/sandbox/inside, which has furnished the sandbox before. The control channel
-// brings one letter for each signal that the command is to get; its end means that the sandbox is
-// to end. The status channel gets "begun\n" replaced by the command's exit status, so whoever reads
-// "begun" afterwards knows that the kernel ended the sandbox. Ending process 1 ends all processes.
+// It is started by tests/sandbox/inside, which has furnished the sandbox before. The control
+// channel brings one letter for each signal that the command is to get; its end means that the
+// sandbox is to end. The status channel gets "begun\n" replaced by the command's exit status, so
+// whoever reads "begun" afterwards knows that the kernel ended the sandbox. Ending process 1 ends
+// all processes.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -196,8 +197,7 @@ int reapProcesses(pid_t command) {
             // Nobody in here could ever continue it.
             (void)kill(-command, SIGCONT);
         } else {
-            result =
-                WIFSIGNALED(status) ? kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
+            result = WIFSIGNALED(status) ? kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
         }
     }
     return result;
@@ -229,9 +229,8 @@ bool handleControl(int fd, pid_t command) {
 
 /// Serves signals, log and control channel until the command has ended; returns its exit status.
 int serve(const Options& options, int signalFd, int logSocket, int logFile, pid_t command) {
-    std::array<pollfd, 3> sources{{{signalFd, POLLIN, 0},
-                                   {logSocket, POLLIN, 0},
-                                   {options.controlFd, POLLIN, 0}}};
+    std::array<pollfd, 3> sources{
+        {{signalFd, POLLIN, 0}, {logSocket, POLLIN, 0}, {options.controlFd, POLLIN, 0}}};
     for (;;) {
         if (poll(sources.data(), sources.size(), -1) == -1 && errno != EINTR) {
             fail("poll");

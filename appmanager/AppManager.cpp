@@ -14,6 +14,7 @@
 
 std::vector<appinfo> applist;
 std::int32_t ovard_start_time = 0;
+bool bFirstDataServerAfterSystemBoot = false;
 AppManager* AppManager::m_pInstance = nullptr;
 
 namespace {
@@ -80,6 +81,7 @@ int AppManager::init(bool discover) {
         return -1;
     }
     cancelCommandThread();
+    (void)waitUntilCommandThreadLeft(); // Its notice must not be taken for that of the next one.
     commandThreadAlive_ = true;
     pthread_t thread = 0;
     const int error = platform::createWorkerThread(&thread, cmd_process_thread, this);
@@ -97,7 +99,9 @@ void AppManager::processTermination(AppManager* manager) {
     manager->shutting_down = true;
     manager->cancelCommandThread();
     manager->destroyLocks();
-    manager->reqlist.clear();
+    if (manager->commandThreadHasLeft()) {
+        manager->reqlist.clear();
+    }
 }
 
 /// Cancels the command thread, if there is one, and forgets it.
@@ -132,11 +136,9 @@ void AppManager::destroyLocks() {
 }
 
 bool AppManager::waitUntilCommandThreadLeft() {
-    for (int waitedMs = 0; commandThreadAlive_; waitedMs += kThreadLeavePollMs) {
-        if (waitedMs >= kThreadLeaveMs) {
-            return false;
-        }
+    const std::int64_t deadline = platform::monotonicMilliseconds() + kThreadLeaveMs;
+    while (commandThreadAlive_ && platform::monotonicMilliseconds() < deadline) {
         platform::sleepMilliseconds(kThreadLeavePollMs);
     }
-    return true;
+    return commandThreadHasLeft();
 }

@@ -48,6 +48,9 @@ extern std::vector<appinfo> applist;
 /// When the manager was created, seconds since the epoch.
 extern std::int32_t ovard_start_time;
 
+/// True once "data_server" has been seen to start after the boot of the system. Main thread only.
+extern bool bFirstDataServerAfterSystemBoot;
+
 /// Result codes of the manager's operations, beside 0 for success.
 enum AppManagerResult : int {
     kResultRestartAllFailed = -1, ///< a restart during Restart_All or Restart_All_But failed
@@ -132,7 +135,8 @@ public:
     void commandline_parser_cleanup(int argc, char**& argv);
 
     /// Double fork. Returns the grandchild's pid in the monitor, 0 in the grandchild, which has
-    /// released the monitor's resources and has every signal blocked; a negative value on failure.
+    /// released the monitor's resources; a negative value on failure. The caller blocks signals, so
+    /// that no handler of the monitor runs in the grandchild.
     int fork2();
 
     /// Launches `app` and follows it until it has put itself into the background. Returns the pid

@@ -121,6 +121,7 @@ int AppManager::processCmd(const reqcmd& request) {
 
 int AppManager::executeStart(const reqcmd& request) {
     (void)stopApp(request, workRecord_); // Whatever ran under this name gives way.
+    workRecord_.pid = 0;                 // That of an earlier request is not this one's.
     const int result = startApp(request, workRecord_);
     if (result == 0) {
         return reply(request, 0, kLogInfo, "%s [pid=%d] is started @%s\n", workRecord_.name,

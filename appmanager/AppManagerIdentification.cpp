@@ -85,7 +85,10 @@ int AppManager::findDaemon(appinfo& app, const statstruct_proc* info, int argc, 
             continue;
         }
         platform::trace(verbose > 7, "findDaemon: d_type=0x%x pid=%s\n", entry.type, entry.name);
-        result = examineCandidate(platform::pidFromName(entry.name), wanted, candidate);
+        const pid_t pid = platform::pidFromName(entry.name);
+        if (pid != platform::currentProcessId()) { // The monitor is no application.
+            result = examineCandidate(pid, wanted, candidate);
+        }
     }
     if (result < 0) {
         platform::trace(verbose >= 7,

@@ -47,8 +47,17 @@ void closeReported(int fd, const char* errorText) {
     platform::leaveProcess(written ? 0 : -1);
 }
 
+void releaseMonitorResources() {
+    if (g_releaseResources != nullptr) {
+        g_releaseResources(false);
+    }
+}
+
 /// The intermediate child: returns in the grandchild only.
 void runIntermediateChild(const int (&ends)[2]) {
+    // Already here, because the monitor waits for this process: a grandchild that is late must not
+    // feed the watchdog after a shutdown has disarmed it.
+    releaseMonitorResources();
     const pid_t grandchild = platform::forkProcess();
     if (grandchild == -1) {
         platform::leaveProcess(errno);
@@ -58,17 +67,30 @@ void runIntermediateChild(const int (&ends)[2]) {
     }
     closeReported(ends[0], "fork2:fork child's child pipe[0] close error");
     closeReported(ends[1], "fork2:fork child's child pipe[1] close error");
-    if (g_releaseResources != nullptr) {
-        g_releaseResources(false);
-    }
+    releaseMonitorResources();
 }
 
+/// A pipe at whose read end the launched process waits; -1 twice when there is none to be had, when
+/// the process does not wait.
+struct Gate {
+    Gate() {
+        int ends[2];
+        if (platform::openPipe(ends) == 0) {
+            readEnd.reset(ends[0]);
+            writeEnd.reset(ends[1]);
+        }
+    }
+    platform::UniqueFd readEnd;
+    platform::UniqueFd writeEnd;
+};
+
 /// The grandchild: becomes the application.
-[[noreturn]] void becomeApplication(const char* pidfile, int argc, char** argv, int gate) {
-    platform::cleanLaunchedProcess(gate);
-    if (gate >= 0) {
-        platform::waitAtGate(gate);
-        platform::closeDescriptor(gate);
+[[noreturn]] void becomeApplication(const char* pidfile, int argc, char** argv, Gate& gate) {
+    gate.writeEnd.reset(); // Else it would wait for itself.
+    platform::cleanLaunchedProcess(gate.readEnd.get());
+    if (gate.readEnd.valid()) {
+        platform::waitAtGate(gate.readEnd.get());
+        gate.readEnd.reset();
     }
     if (pidfile[0] != '\0') {
         (void)platform::removeFile(pidfile); // There may be none.
@@ -90,20 +112,6 @@ public:
 
 private:
     sigset_t saved_;
-};
-
-/// A pipe at whose read end the launched process waits; -1 twice when there is none to be had, when
-/// the process does not wait.
-struct Gate {
-    Gate() {
-        int ends[2];
-        if (platform::openPipe(ends) == 0) {
-            readEnd.reset(ends[0]);
-            writeEnd.reset(ends[1]);
-        }
-    }
-    platform::UniqueFd readEnd;
-    platform::UniqueFd writeEnd;
 };
 
 } // namespace
@@ -187,7 +195,7 @@ int AppManager::start_process_fork2(appinfo& app) {
         const SignalBlocker blocker;
         result = fork2();
         if (result == 0) {
-            becomeApplication(app.pidfile, command.count(), command.words(), gate.readEnd.get());
+            becomeApplication(app.pidfile, command.count(), command.words(), gate);
         }
     }
     if (result == kForkFailed) {

@@ -36,6 +36,13 @@ platform::UniqueFd openPersistently(const char* path, int flags) {
     return file;
 }
 
+/// Whole records that the file holds now; 0 for what is no regular file.
+std::int64_t countRecords(int file) {
+    struct stat facts = {};
+    const bool isRegular = ::fstat(file, &facts) == 0 && S_ISREG(facts.st_mode);
+    return isRegular ? facts.st_size / static_cast<std::int64_t>(sizeof(reqcmd)) : 0;
+}
+
 bool readRecord(int file, reqcmd& record) {
     return platform::readFully(file, &record, sizeof record) == static_cast<ssize_t>(sizeof record);
 }
@@ -97,8 +104,9 @@ int readAppConfigurationFileList(const char* path, long /*unused*/, std::deque<r
         return -2;
     }
     reqcmd record;
-    // A file of any size must not hold up a shutdown.
-    while (g_bDaemonShutdown == 0 && readRecord(file.get(), record)) {
+    // Neither a source without end nor a large file must fill the memory or hold up a shutdown.
+    for (std::int64_t left = countRecords(file.get());
+         left > 0 && g_bDaemonShutdown == 0 && readRecord(file.get(), record); --left) {
         queue.push_back(record);
         ++readConfigurationCount;
         platform::trace(verbose > 4, "%d) reading %s REQUEST_CMD={action=%d,%.64s}\n",

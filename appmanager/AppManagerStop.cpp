@@ -10,8 +10,10 @@
 #include "platform/MutexGuard.h"
 #include "platform/Settings.h"
 #include "platform/System.h"
+#include "platform/Thread.h"
 #include "platform/Time.h"
 #include "platform/Trace.h"
+#include "platform/Wait.h"
 #include "records/codes.h"
 
 namespace {
@@ -62,7 +64,8 @@ void AppManager::endProcess(int pid) {
 /// Ends running copies of the application that the record does not know. The search fills in what
 /// it finds, so it works on a copy: the record keeps its pid and its command.
 void AppManager::huntStrayCopies(const appinfo& app) {
-    for (int count = 0; count < kMostStrayCopies; ++count) {
+    for (int count = 0; count < kMostStrayCopies && !platform::terminationPending(); ++count) {
+        platform::admitCancellation(); // A search of a full /proc takes its time.
         appinfo stray = app;
         const int pid = statusUpdate_.findDaemonName(stray);
         if (pid < 1) {
@@ -92,6 +95,9 @@ int AppManager::stop_allprocess() {
     int result = 0;
     // Deliberate: the first registered application survives.
     for (std::size_t index = applist.size() - 1; index > 0; --index) {
+        if (platform::terminationPending()) {
+            break; // Applications outlive the monitor.
+        }
         appinfo copy = applist[index];
         result = stop_process(copy);
         applist[index].status = copy.status;
@@ -123,6 +129,9 @@ int AppManager::restart_allprocess() {
         return kResultNotFound;
     }
     for (appinfo& entry : applist) {
+        if (platform::terminationPending()) {
+            break; // Applications outlive the monitor.
+        }
         appinfo copy = entry;
         const int result = restart_process(copy);
         entry.status = copy.status;

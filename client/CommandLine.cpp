@@ -180,7 +180,7 @@ CLI::App* Parser::addCommand(const char* name, const char* help) {
 
 CLI::Option* Parser::addText(CLI::App* app, const std::string& name, const std::string& help,
                              std::function<void(const std::string&)> store) {
-    return app->add_option_function<std::string>(name, store, help);
+    return app->add_option_function<std::string>(name, std::move(store), help);
 }
 
 template <std::size_t Size>

@@ -170,7 +170,7 @@ Outcome exchange(int fd, const sockaddr_un& address, const reqcmd& request, resp
     if (outcome.result != Result::Ok) {
         return outcome;
     }
-    if (request.nowait == 0) {
+    if (reply != nullptr && request.nowait == 0) {
         response_struct received;
         outcome = receiveWhole(fd, received, deadline);
         if (outcome.result == Result::Ok) {

@@ -11,6 +11,9 @@ add_compile_options(-fexceptions -fasynchronous-unwind-tables)
 # The same sources give the same binary wherever they are built.
 add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 
+# Inode numbers, sizes and offsets beyond 32 bits must not make calls fail on 32-bit machines.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+
 include_directories(${CMAKE_SOURCE_DIR})
 
 if(OVARD_SANITIZE)

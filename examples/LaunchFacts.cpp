@@ -42,7 +42,7 @@ std::set<int> openDescriptors() {
     }
     while (const dirent* entry = ::readdir(folder.get())) {
         if (entry->d_name[0] != '.') {
-            descriptors.insert(std::atoi(entry->d_name));
+            descriptors.insert(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
         }
     }
     descriptors.erase(::dirfd(folder.get()));

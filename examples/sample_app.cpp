@@ -70,7 +70,7 @@ bool waitUntil(std::int64_t pointMs, bool ignoreTerm) {
         const std::int64_t spanMs = std::min(pointMs - now, kLongestWaitMs);
         timespec span{};
         span.tv_sec = static_cast<time_t>(spanMs / 1000);
-        span.tv_nsec = static_cast<long>(spanMs % 1000 * 1000000);
+        span.tv_nsec = static_cast<long>(spanMs % 1000) * 1000000L;
         if (sigtimedwait(&ending, nullptr, &span) > 0) {
             return true;
         }

@@ -28,7 +28,7 @@ int listenOnSocket(int fd, int backlog);
 /// Accepts one connection, blocking and close-on-exec; the peer's address goes to `peer`.
 int acceptConnection(int fd, sockaddr_un& peer);
 
-/// One receive call, not restarted after signals.
+/// One receive call that does not wait: EAGAIN when there is nothing. Wait with waitReadable.
 ssize_t receiveBytes(int fd, void* buffer, std::size_t size);
 
 /// One send call that raises no SIGPIPE, not restarted after signals.

@@ -1,7 +1,8 @@
 // Worker threads and their cancellation.
 //
 // A worker thread runs with every signal blocked and with cancellation disabled: it ends only where
-// it waits on purpose, that is in platform::sleepMilliseconds and inside a CancellationWindow. All
+// it waits on purpose, that is in platform::sleepMilliseconds, in admitCancellation and inside a
+// CancellationWindow. All
 // frames on such a path are left by unwinding, so they hold their locks and descriptors in guards
 // and catch nothing.
 
@@ -31,6 +32,12 @@ public:
 private:
     int previous_ = PTHREAD_CANCEL_DISABLE;
 };
+
+/// A point at which a cancelled worker thread ends although it does not wait.
+inline void admitCancellation() {
+    const CancellationWindow window;
+    pthread_testcancel();
+}
 
 } // namespace platform
 

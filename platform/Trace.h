@@ -10,8 +10,9 @@
 
 namespace platform {
 
-/// Longest trace, in bytes with its NUL; longer ones are cut. Two command lines fit.
-inline constexpr int kTraceSize = 4096;
+/// Longest trace, in bytes with its NUL; longer ones are cut. Two command lines and two words of
+/// their length fit.
+inline constexpr int kTraceSize = 5120;
 
 /// Formats and prints to the console when `wanted`, for example
 /// `trace(verbose > 7, "pid=%d\n", pid)`.

@@ -95,5 +95,5 @@ bool MainLoop::statusCheckIsDue() const {
 }
 
 bool MainLoop::mayErasePreloadedEntries() const {
-    return now_ >= start_ + kPreloadGraceSec || now_ < start_;
+    return now_ < start_ || now_ - start_ >= kPreloadGraceSec;
 }

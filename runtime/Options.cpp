@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <limits>
 
 #include "platform/Settings.h"
 #include "runtime/Globals.h"
@@ -14,8 +16,11 @@ constexpr std::int32_t kLongestHeartbeatStartSec = 3600;
 constexpr std::int32_t kLongestPidfileStartSec = 60;
 constexpr std::int32_t kLongestHeartbeatExpireSec = 86400;
 
+/// A number beyond 32 bits becomes the nearest one that fits, on every machine.
 std::int32_t number(const char* text) {
-    return static_cast<std::int32_t>(std::strtol(text, nullptr, 10));
+    using Limits = std::numeric_limits<std::int32_t>;
+    const long long value = std::strtoll(text, nullptr, 10);
+    return static_cast<std::int32_t>(std::clamp<long long>(value, Limits::min(), Limits::max()));
 }
 
 std::int32_t clamped(std::int32_t value, std::int32_t most) {

@@ -19,6 +19,17 @@ namespace {
 /// While this file exists somebody else feeds the watchdog after the monitor has ended.
 constexpr const char* kWatchdogKickFile = "/tmp/watchdog_kick";
 
+/// The system holds the command thread: what it can touch must outlive it.
+bool g_commandThreadIsStuck = false;
+
+/// Further termination signals must not cut the shutdown short; with -b they may.
+void setTerminationActions(void (*action)(int)) {
+    if (!block_signal) {
+        (void)platform::setSignalHandler(SIGINT, action); // Cannot fail for these.
+        (void)platform::setSignalHandler(SIGTERM, action);
+    }
+}
+
 void stopStartupThread() {
     if (thread_startupAppConfiguration != kNoThread &&
         pthread_cancel(thread_startupAppConfiguration) == 0) {
@@ -33,7 +44,12 @@ void stopCommunication() {
     }
     try {
         appmgr->processTermination(appmgr);
-        (void)appmgr->closeCommunication(); // The result of closing the log.
+        g_commandThreadIsStuck = !appmgr->commandThreadHasLeft();
+        if (g_commandThreadIsStuck) {
+            (void)platform::removeFile(AppServer::kSocketPath); // The rest is in use.
+        } else {
+            (void)appmgr->closeCommunication(); // The result of closing the log.
+        }
     } catch (...) {
         platform::printConsoleLine("exception closing comm...");
     }
@@ -43,11 +59,13 @@ void stopTimer() {
     if (!initWatchDog) {
         return;
     }
-    (void)platform::setSignalHandler(SIGUSR1, SIG_DFL);
+    // A last tick, ignored, must not meet the default action, which would end the process.
+    (void)platform::setSignalHandler(SIGUSR1, SIG_IGN);
     if (timerid != kNoTimer) {
         (void)platform::deleteTimer(timerid); // Gone is gone.
     }
     timerid = kNoTimer;
+    (void)platform::setSignalHandler(SIGUSR1, SIG_DFL);
 }
 
 void restoreSavedContinueAction() {
@@ -62,8 +80,7 @@ void deleteManager() {
         return;
     }
     try {
-        // A command thread that the system still holds keeps the manager: the process ends anyway.
-        if (appmgr->commandThreadHasLeft()) {
+        if (!g_commandThreadIsStuck) {
             delete appmgr;
         }
     } catch (...) {
@@ -103,6 +120,7 @@ void ovardAtExit() {
     if (g_bDaemonShutdown.fetch_or(-1) != 0) {
         return;
     }
+    setTerminationActions(SIG_IGN);
     platform::stopWatchingForTermination();
     stopStartupThread();
     platform::printConsoleLine("ovard ovardAtExit()");
@@ -115,6 +133,10 @@ void ovardAtExit() {
     heartbeat_cleanup(-1);
     removePidFile();
     platform::logSystemEvent("Application Monitor Stopped.");
+    if (g_commandThreadIsStuck) {
+        platform::leaveProcess(0); // Without the destructors of what that thread works on.
+    }
+    setTerminationActions(SIG_DFL);
 }
 
 void free_resources(bool full) {

@@ -53,7 +53,8 @@ std::atomic<std::uint32_t> g_watchdogOpenFailures{0};
 std::atomic<std::uint32_t> g_watchdogKicks{0};
 std::atomic<int> g_watchdogKickResult{0};
 
-/// Wakes the main thread for a reason that is no termination signal; always blocked, never handled.
+/// Wakes the main thread for a reason that is no termination signal. Blocked while the monitor
+/// runs, and ignored, so that one still pending does no harm when the mask is restored.
 int wakeSignal() {
     return SIGRTMIN;
 }
@@ -67,6 +68,24 @@ sigset_t terminationSignals() {
         sigaddset(&signals, SIGTERM);
     }
     return signals;
+}
+
+/// Takes a pending wake signal, whoever sent it: left pending it would end every wait at once.
+void discardWakeSignal() {
+    sigset_t wake;
+    sigemptyset(&wake);
+    sigaddset(&wake, wakeSignal());
+    const timespec atOnce = {};
+    while (sigtimedwait(&wake, nullptr, &atOnce) > 0) {
+    }
+}
+
+/// Lets a signal in that the launcher of the monitor may have blocked.
+void unblock(int signal) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, signal);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 void restoreDefaultTermination() {
@@ -96,8 +115,13 @@ bool mainLoopIsStalled() {
 }
 
 bool openWatchdog() {
-    if (wdog_fd == -1) {
-        wdog_fd = platform::openWatchdogDevice();
+    if (wdog_fd != -1) {
+        return true;
+    }
+    const int device = platform::openWatchdogDevice();
+    std::int32_t closed = -1;
+    if (device != -1 && !wdog_fd.compare_exchange_strong(closed, device)) {
+        (void)platform::closeDescriptor(device); // A tick within this one was faster.
     }
     if (wdog_fd == -1) {
         platform::printError("Error");
@@ -113,6 +137,16 @@ void feedWatchdog() {
     ++g_watchdogKicks;
 }
 
+/// Calls the handler that the monitor found for SIGCONT, if it was one.
+void callSavedContinueHandler(int sig, siginfo_t* info, void* context) {
+    if ((savedSigAction_SIGCONT.sa_flags & SA_SIGINFO) != 0) {
+        savedSigAction_SIGCONT.sa_sigaction(sig, info, context);
+    } else if (savedSigAction_SIGCONT.sa_handler != SIG_DFL &&
+               savedSigAction_SIGCONT.sa_handler != SIG_IGN) {
+        savedSigAction_SIGCONT.sa_handler(sig);
+    }
+}
+
 } // namespace
 
 // Calls: platform::uptimeSeconds (sysinfo), openWatchdogDevice (open), writeDescriptor (write),
@@ -121,11 +155,7 @@ void timerHandler(int sig, siginfo_t* info, void* context) {
     const int savedErrno = errno;
     if (sig == SIGCONT) {
         // Never reached while the handler is installed for SIGUSR1 alone; it stays in place.
-        if ((savedSigAction_SIGCONT.sa_flags & SA_SIGINFO) != 0) {
-            savedSigAction_SIGCONT.sa_sigaction(sig, info, context);
-        } else {
-            savedSigAction_SIGCONT.sa_handler(sig);
-        }
+        callSavedContinueHandler(sig, info, context);
         return;
     }
     const bool isTick = sig == SIGUSR1 && info->si_value.sival_ptr == &timerid;
@@ -164,6 +194,7 @@ void holdTerminationSignals() {
     g_mainThread = pthread_self();
     g_exitMonitor = exitMonitorFromAnyThread;
 
+    (void)platform::setSignalHandler(wakeSignal(), SIG_IGN); // Cannot fail.
     sigset_t held = terminationSignals();
     sigaddset(&held, wakeSignal());
     pthread_sigmask(SIG_BLOCK, &held, nullptr);
@@ -171,6 +202,7 @@ void holdTerminationSignals() {
 }
 
 void admitTerminationSignals() {
+    discardWakeSignal();
     if (g_exitRequested) {
         std::exit(g_exitStatus);
     }
@@ -196,6 +228,7 @@ void installTerminationHandler() {
 void installLoggingHandler() {
     for (const LoggedSignal& signal : kLoggedSignals) {
         if (platform::setSignalHandler(signal.number, mysig_handler) == 0) {
+            unblock(signal.number);
             continue;
         }
         const int error = errno;
@@ -233,6 +266,7 @@ void startWatchdogTimer() {
         platform::printError(failure);
         platform::exitMonitor(1);
     }
+    unblock(SIGUSR1);
 }
 
 void reportWatchdogEvents() {

@@ -1,8 +1,10 @@
 #include "runtime/Startup.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -37,6 +39,18 @@ constexpr int kMonitorOomAdjustment = -1;
 constexpr int kPidFileFlags = 0x41;
 constexpr std::size_t kPidSuffixSize = 32;
 
+/// Occupies the standard descriptors that the monitor was started without, so that none of its own
+/// ever takes their place and receives console texts.
+void completeStandardFiles() {
+    int fd = 0;
+    do {
+        fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
 bool anotherInstanceRuns() {
     const int pid = process_comm_pid(0);
     platform::trace(
@@ -67,6 +81,8 @@ void diagnosePort22() {
 
 void settleProcess() {
     (void)platform::setSignalHandler(SIGPIPE, SIG_IGN); // Cannot fail.
+    // Inherited as ignored it would take the statuses away for which the launch waits.
+    (void)platform::setSignalHandler(SIGCHLD, SIG_DFL);
     (void)platform::setSignalAction(SIGCONT, nullptr, &savedSigAction_SIGCONT);
     const int pid = platform::currentProcessId();
     const int result = platform::setProcessPriority(pid, kMonitorPriority);
@@ -136,6 +152,7 @@ void startMonitor(const Options& options) {
 } // namespace
 
 int runMonitor(int argc, char** argv) {
+    completeStandardFiles();
     if (anotherInstanceRuns()) {
         return kAnotherInstance;
     }

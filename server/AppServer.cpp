@@ -199,20 +199,24 @@ int AppServer::receiveRequest(reqcmd& request) {
     return static_cast<int>(total);
 }
 
-/// One receive call. An interruption counts as no bytes, as the end of the stream does.
+/// One receive call, which waits for the client. An interruption counts as no bytes, as the end of
+/// the stream does.
 int AppServer::receiveOnce(char* buffer, std::size_t size) {
     const int fd = connection_;
     ssize_t count = -1;
-    switch (platform::waitReadable(fd, -1)) {
-    case platform::WaitResult::Terminating:
-        return kNoRequest;
-    case platform::WaitResult::Interrupted:
-        return 0;
-    case platform::WaitResult::Failed:
-        break;
-    default:
+    do {
+        const auto waited = platform::waitReadable(fd, -1);
+        if (waited == platform::WaitResult::Terminating) {
+            return kNoRequest;
+        }
+        if (waited == platform::WaitResult::Interrupted) {
+            return 0;
+        }
+        if (waited == platform::WaitResult::Failed) {
+            break;
+        }
         count = platform::receiveBytes(fd, buffer, size);
-    }
+    } while (count < 0 && errno == EAGAIN);
     const int error = errno;
     if (count < 0 && error == EINTR) {
         return 0;

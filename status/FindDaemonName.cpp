@@ -7,6 +7,7 @@
 #include "platform/InstallationDirectories.h"
 #include "platform/Process.h"
 #include "platform/Settings.h"
+#include "platform/System.h"
 #include "platform/Text.h"
 #include "platform/Trace.h"
 #include "status/AppStatusUpdate.h"
@@ -51,7 +52,10 @@ int AppStatusUpdate::findDaemonName(appinfo& app) {
         }
         platform::trace(verbose >= 8, "findDaemonName: d_type=0x%x pid=%s\n", entry.type,
                         entry.name);
-        result = examineCandidate(platform::pidFromName(entry.name), app, candidate);
+        const pid_t pid = platform::pidFromName(entry.name);
+        if (pid != platform::currentProcessId()) { // The monitor is no application.
+            result = examineCandidate(pid, app, candidate);
+        }
     }
     if (result < 0) {
         platform::trace(verbose >= 7, "findDaemonName: daemon not found for pid=%d, name=%.64s !\n",

@@ -32,7 +32,7 @@ int acceptConnection(int fd, sockaddr_un& peer) {
 }
 
 ssize_t receiveBytes(int fd, void* buffer, std::size_t size) {
-    return ::recv(fd, buffer, size, 0);
+    return ::recv(fd, buffer, size, MSG_DONTWAIT);
 }
 
 ssize_t sendBytes(int fd, const void* buffer, std::size_t size) {

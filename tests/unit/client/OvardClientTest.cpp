@@ -72,7 +72,7 @@ std::set<int> openDescriptors() {
     DIR* folder = ::opendir("/proc/self/fd");
     while (const dirent* entry = ::readdir(folder)) {
         if (entry->d_name[0] != '.') {
-            descriptors.insert(std::atoi(entry->d_name));
+            descriptors.insert(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
         }
     }
     descriptors.erase(::dirfd(folder));

@@ -101,9 +101,9 @@ class AnsweringServer {
 public:
     explicit AnsweringServer(const response_struct& reply)
         : server_([this, reply](int fd) {
-              keep(receiveRequest(fd));
-              sendBytes(fd, &reply, sizeof reply);
-          }) {}
+            keep(receiveRequest(fd));
+            sendBytes(fd, &reply, sizeof reply);
+        }) {}
 
     std::string path() const { return server_.path(); }
     int requests() const {

@@ -1,0 +1,135 @@
+// Clocks that only sleeps move on, and the conversions of times.
+
+#include "platform/Time.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/Wait.h"
+#include "platform/linux/CivilTime.h"
+#include "tests/fakes/FakePlatform.h"
+
+using fakes::joined;
+using fakes::Lock;
+using fakes::world;
+
+namespace {
+
+constexpr std::int64_t kMillisecondsPerSecond = 1000;
+
+/// Least real duration of a sleep while worker threads live.
+constexpr unsigned kWorkerMicros = 100;
+
+/// Records the sleep and moves the clocks on; returns how long it lasts for real, in microseconds.
+unsigned passTime(int milliseconds) {
+    const Lock lock;
+    world().record(joined("sleep", milliseconds));
+    if (!platform::terminationPending()) {
+        world().advance(std::max(milliseconds, 0));
+    }
+    const unsigned least = fakes::liveWorkers() > 0 ? kWorkerMicros : 0;
+    return std::max(world().realSleepMicros, least);
+}
+
+void runSleepHook(int milliseconds) {
+    std::function<void(int)> hook;
+    {
+        const Lock lock;
+        hook = world().onSleep;
+    }
+    if (hook) {
+        hook(milliseconds);
+    }
+}
+
+/// Where a cancelled worker thread ends.
+void endIfCancelled() {
+    int savedState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &savedState);
+    pthread_testcancel();
+    pthread_setcancelstate(savedState, nullptr);
+}
+
+/// A real pause during which nothing can be cancelled.
+void pauseForReal(unsigned microseconds) {
+    int savedState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &savedState);
+    ::usleep(microseconds);
+    pthread_setcancelstate(savedState, nullptr);
+}
+
+} // namespace
+
+void getZortime8BFromSystem(zortime8b* time) {
+    const Lock lock;
+    getZortime8BFromTimeStamp(time, world().now * kMillisecondsPerSecond + world().nowMs);
+}
+
+void getZortime8BFromTimeT(zortime8b* time, std::time_t seconds) {
+    getZortime8BFromTimeStamp(time, seconds * kMillisecondsPerSecond);
+}
+
+void getZortime8BFromTimeStamp(zortime8b* time, std::int64_t milliseconds) {
+    auto rest = static_cast<std::uint64_t>(milliseconds);
+    for (std::size_t index = sizeof time->bytes; index > 0; --index) {
+        time->bytes[index - 1] = static_cast<unsigned char>(rest & 0xFF);
+        rest >>= 8;
+    }
+}
+
+std::int64_t getTimeStampFromZortime8B(const zortime8b& time) {
+    std::uint64_t milliseconds = 0;
+    for (const unsigned char byte : time.bytes) {
+        milliseconds = milliseconds << 8 | byte;
+    }
+    return static_cast<std::int64_t>(milliseconds);
+}
+
+void getDateStringFromTimeStruct(char* buffer, std::time_t t) {
+    const platform::DateTimeText text = platform::dateTimeText(t);
+    std::memcpy(buffer, text.c_str(), text.view().size() + 1);
+}
+
+namespace platform {
+
+std::time_t currentTime() {
+    const Lock lock;
+    return world().now;
+}
+
+std::int64_t monotonicMilliseconds() {
+    const Lock lock;
+    return world().monotonicMs;
+}
+
+std::string localTimeText(std::time_t t) {
+    ::tzset();
+    std::tm parts = {};
+    if (::localtime_r(&t, &parts) == nullptr) {
+        return {};
+    }
+    char text[64];
+    return {text, std::strftime(text, sizeof text, "%a %b %e %H:%M:%S %Y", &parts)};
+}
+
+void sleepMilliseconds(int milliseconds) {
+    const unsigned realMicros = passTime(milliseconds);
+    runSleepHook(milliseconds);
+    if (realMicros > 0) {
+        pauseForReal(realMicros);
+    }
+    if (!fakes::onMainThread()) {
+        endIfCancelled();
+    }
+}
+
+void yieldProcessor() {
+    world().record("yield");
+    ::sched_yield();
+}
+
+} // namespace platform

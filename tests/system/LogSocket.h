@@ -1,0 +1,40 @@
+// Taking the system log away from the monitor, or making it wait for it.
+
+#ifndef OVARD_TESTS_SYSTEM_LOG_SOCKET_H
+#define OVARD_TESTS_SYSTEM_LOG_SOCKET_H
+
+namespace systemtest {
+
+/// While it lives there is no /dev/log.
+class LogAside {
+public:
+    LogAside();
+    ~LogAside();
+    LogAside(const LogAside&) = delete;
+    LogAside& operator=(const LogAside&) = delete;
+};
+
+/// While it is held, who writes to /dev/log waits there: its queue is full and nobody reads it. The
+/// monitor writes its first line early in its start, with the initialization mutex taken.
+class HeldLog {
+public:
+    HeldLog();
+    ~HeldLog();
+    HeldLog(const HeldLog&) = delete;
+    HeldLog& operator=(const HeldLog&) = delete;
+
+    /// The queue could be filled.
+    bool holds() const { return holds_; }
+
+    /// Reads the queue, and what is written from then on is lost. May be called again.
+    void release();
+
+private:
+    LogAside aside_;
+    int socket_ = -1;
+    bool holds_ = false;
+};
+
+} // namespace systemtest
+
+#endif // OVARD_TESTS_SYSTEM_LOG_SOCKET_H

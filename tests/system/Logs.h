@@ -1,0 +1,56 @@
+// The monitor's two logs as parsed lines.
+
+#ifndef OVARD_TESTS_SYSTEM_LOGS_H
+#define OVARD_TESTS_SYSTEM_LOGS_H
+
+#include <string>
+#include <vector>
+
+#include "tests/system/Support.h"
+
+namespace systemtest {
+
+/// One line of the daemon log, "<PRI>Mon DD HH:MM:SS IDENT[PID]: TEXT".
+struct LogLine {
+    int level = -1;    ///< syslog priority, 0 to 7
+    int facility = -1; ///< times 8, as in the calls: 144 is local2
+    std::string ident;
+    int pid = 0;
+    std::string text;
+};
+
+/// One line of the event log, "YYYY-MM-DD HH:MM:SS.mmm TAG: TEXT".
+struct EventLine {
+    std::string time;
+    std::string tag;
+    std::string text;
+};
+
+/// All lines of the daemon log that have its form.
+std::vector<LogLine> daemonLog();
+
+/// Texts of the daemon log of one level, or of all with -1.
+std::vector<std::string> daemonLogTexts(int level = -1);
+
+/// How often the daemon log has that line.
+std::size_t countLog(int level, const std::string& text);
+
+/// Waits until the daemon log has that line.
+bool waitForLog(int level, const std::string& text, int timeoutMs = kPatienceMs);
+
+/// All lines of the event log; one without the right form has an empty tag and the whole line as
+/// its text.
+std::vector<EventLine> eventLog();
+
+/// Texts of the lines of tag "Ovard".
+std::vector<std::string> eventTexts();
+
+/// How often the event log has that text.
+std::size_t countEvent(const std::string& text);
+
+/// Waits until the event log has that text.
+bool waitForEvent(const std::string& text, int timeoutMs = kPatienceMs);
+
+} // namespace systemtest
+
+#endif // OVARD_TESTS_SYSTEM_LOGS_H

@@ -1,0 +1,452 @@
+// From the launch to the main loop, and what ends the start-up.
+
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <regex>
+#include <sstream>
+
+#include "tests/system/Harness.h"
+
+namespace systemtest {
+namespace {
+
+using Startup = SystemTest;
+
+const std::vector<std::string> kStartEvents = {"Application Monitor Started.",
+                                               "Application Monitor Initialized."};
+
+std::size_t countValue(const std::map<int, std::string>& descriptors, const std::string& start) {
+    std::size_t count = 0;
+    for (const auto& [number, target] : descriptors) {
+        count += target.compare(0, start.size(), start) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+/// Pids of running monitors, waited for until there is one.
+pid_t waitForMonitorBeside(pid_t launcher) {
+    pid_t found = 0;
+    (void)eventually([&] { // the caller looks at the result
+        for (const pid_t pid : processesNamed("ovard")) {
+            if (pid != launcher) {
+                found = pid;
+            }
+        }
+        return found != 0;
+    });
+    return found;
+}
+
+// --- order ---------------------------------------------------------------------------------------
+
+TEST_F(Startup, EventLogShowsStartedThenInitialized) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    EXPECT_EQ(eventTexts(), kStartEvents);
+    const std::regex time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})");
+    for (const EventLine& line : eventLog()) {
+        EXPECT_EQ(line.tag, "Ovard");
+        EXPECT_TRUE(std::regex_match(line.time, time)) << line.time;
+    }
+    EXPECT_EQ(permissions(kEventLogPath), 0644);
+}
+
+TEST_F(Startup, DaemonLogBeginsWithTheStartOfTheChannel) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    ASSERT_TRUE(waitForLog(6, "App monitor started"));
+    const LogLine first = daemonLog().front();
+    EXPECT_EQ(first.text, "App monitor started");
+    EXPECT_EQ(first.level, 6);
+    EXPECT_EQ(first.facility, 144);
+    EXPECT_EQ(first.ident, "Ovard");
+    EXPECT_EQ(first.pid, daemon.pid());
+    EXPECT_EQ(readFile(kDaemonLogPath).compare(0, 5, "<150>"), 0);
+}
+
+TEST_F(Startup, LauncherReturnsOnceTheMonitorIsInitialized) {
+    // Many times, since an early return would show only now and then.
+    for (int round = 0; round < 20; ++round) {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.spawn({}));
+        const Ending launcher = daemon.spawned().waitForEnd(kPatienceMs);
+        const std::vector<std::string> events = eventTexts();
+        EXPECT_EQ(launcher.text(), "status 0");
+        EXPECT_EQ(events, kStartEvents);
+        EXPECT_TRUE(socketListens());
+        ASSERT_TRUE(daemon.waitUntilReady());
+        ASSERT_TRUE(daemon.terminate().ended);
+        cleanMachine();
+    }
+}
+
+TEST_F(Startup, LauncherPrintsTheVersionOnceAndNothingElse) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_EQ(linesOf(daemon.console()).size(), 1U) << daemon.console();
+    EXPECT_EQ(daemon.console().compare(0, 9, "version: "), 0);
+    EXPECT_EQ(daemon.errors(), "");
+}
+
+TEST_F(Startup, VersionIsPrintedBeforeTheFirstTrace) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "5"}));
+    ASSERT_TRUE(eventually([&] {
+        return daemon.console().find("start process_command_thread()\n") != std::string::npos;
+    }));
+    const std::vector<std::string> lines = linesOf(daemon.console());
+    ASSERT_EQ(lines.size(), 3U) << daemon.console();
+    const std::regex versionLine(
+        R"(version: \d{4}\.\d{4}\.\d{6}\.\d{6} built on [A-Z][a-z]{2} [ \d]\d \d{4} )"
+        R"(\d\d:\d\d:\d\d \(\w*\))");
+    EXPECT_TRUE(std::regex_match(lines[0], versionLine)) << lines[0];
+    EXPECT_EQ(lines[1], "0=setpriority(PRIO_PROCESS, " + std::to_string(daemon.pid()) + ", -10)");
+    EXPECT_EQ(lines[2], "start process_command_thread()");
+}
+
+TEST_F(Startup, NothingButTheVersionAtTheDefaultVerbosity) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    ASSERT_TRUE(ask(makeRequest(APPMONCTL_Reserved9 + 100), 0) == std::nullopt);
+    EXPECT_EQ(linesOf(daemon.console()).size(), 1U) << daemon.console();
+}
+
+// --- pid file ------------------------------------------------------------------------------------
+
+TEST_F(Startup, PidFileHasPathPidAndVersion) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    const std::string path = "/tmp/pid/home/kelvo/root/ovard.pid." + std::to_string(daemon.pid());
+    ASSERT_EQ(entriesOf("/tmp/pid/home/kelvo/root"), std::vector<std::string>{path});
+    const std::string banner = daemon.console();
+    const std::size_t begin = std::string("version: ").size();
+    const std::string version = banner.substr(begin, banner.find(" built on ") - begin);
+    EXPECT_EQ(version.size(), 23U) << version;
+    EXPECT_EQ(readFile(path), std::to_string(daemon.pid()) + "\n" + version + "\n");
+    EXPECT_EQ(permissions(path), 0644);
+}
+
+TEST_F(Startup, PidFileLiesBelowTheMeterRoot) {
+    Daemon daemon;
+    daemon.setMeterRoot("/opt/x");
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_EQ(entriesOf("/tmp/pid/opt/x/home/kelvo/root"),
+              std::vector<std::string>{"/tmp/pid/opt/x/home/kelvo/root/ovard.pid." +
+                                       std::to_string(daemon.pid())});
+    EXPECT_FALSE(fileExists("/tmp/pid/home"));
+}
+
+TEST_F(Startup, EmptyMeterRootCountsAsNone) {
+    Daemon daemon;
+    daemon.setMeterRoot("");
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_TRUE(fileExists("/tmp/pid/home/kelvo/root/ovard.pid." + std::to_string(daemon.pid())));
+}
+
+// --- the process ---------------------------------------------------------------------------------
+
+TEST_F(Startup, PriorityIsRaisedAndOutOfMemoryScoreLowered) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_EQ(processFacts(daemon.pid()).nice, -10);
+    const std::string process = "/proc/" + std::to_string(daemon.pid());
+    // -1 of the old scale, whose end is -17, on the new one of -1000.
+    EXPECT_EQ(readFile(process + "/oom_score_adj"), "-58\n");
+}
+
+TEST_F(Startup, SignalDispositionsWithoutLoggingOption) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_TRUE(signalIsIn(daemon.pid(), "SigIgn", SIGPIPE));
+    EXPECT_TRUE(signalIsIn(daemon.pid(), "SigCgt", SIGTERM));
+    EXPECT_TRUE(signalIsIn(daemon.pid(), "SigCgt", SIGINT));
+    for (const int other : {SIGHUP, SIGSEGV, SIGABRT, SIGTRAP, SIGUSR1, SIGCHLD, SIGCONT}) {
+        EXPECT_FALSE(signalIsIn(daemon.pid(), "SigCgt", other)) << other;
+        EXPECT_FALSE(signalIsIn(daemon.pid(), "SigIgn", other)) << other;
+    }
+}
+
+TEST_F(Startup, SignalDispositionsWithLoggingOption) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground({"-b"}));
+    for (const int logged : {SIGHUP, SIGINT, SIGTERM, SIGSEGV, SIGABRT, SIGPIPE, SIGTRAP}) {
+        EXPECT_TRUE(signalIsIn(daemon.pid(), "SigCgt", logged)) << logged;
+    }
+    EXPECT_FALSE(signalIsIn(daemon.pid(), "SigIgn", SIGPIPE));
+}
+
+TEST_F(Startup, TimerSignalIsHandledWithTheWatchdogOnly) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground({"-w", "300"}));
+    EXPECT_TRUE(signalIsIn(daemon.pid(), "SigCgt", SIGUSR1));
+}
+
+TEST_F(Startup, FileCreationMaskIsZero) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_EQ(statusValue(daemon.pid(), "Umask"), "0000");
+    EXPECT_EQ(permissions(kSocketPath), 0777);
+}
+
+TEST_F(Startup, BackgroundProcessIsDetached) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    const ProcessFacts facts = processFacts(daemon.pid());
+    EXPECT_EQ(facts.session, daemon.pid());
+    EXPECT_EQ(facts.group, daemon.pid());
+    EXPECT_EQ(facts.parent, 1);
+    EXPECT_EQ(facts.name, "ovard");
+    EXPECT_EQ(linkOf(daemon.pid(), "cwd"), "/");
+    const auto descriptors = descriptorsOf(daemon.pid());
+    for (const int standard : {0, 1, 2}) {
+        EXPECT_EQ(descriptors.count(standard) == 1 ? descriptors.at(standard) : "closed",
+                  "/dev/null");
+    }
+}
+
+TEST_F(Startup, ForegroundProcessIsTheOneThatWasStarted) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    EXPECT_EQ(processesNamed("ovard"), std::vector<pid_t>{daemon.spawned().pid()});
+    EXPECT_NE(processFacts(daemon.pid()).session, daemon.pid());
+    EXPECT_NE(descriptorsOf(daemon.pid()).at(1), "/dev/null");
+}
+
+TEST_F(Startup, ExactlyTheExpectedDescriptorsAreOpen) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    const auto descriptors = descriptorsOf(daemon.pid());
+    EXPECT_EQ(countValue(descriptors, "/dev/null"), 3U);
+    EXPECT_EQ(countValue(descriptors, "anon_inode:[signalfd]"), 1U);
+    EXPECT_EQ(countValue(descriptors, "socket:"), 2U); // control socket and log
+    const std::size_t segments = countValue(descriptors, "/dev/shm/meter_usr");
+    EXPECT_EQ(descriptors.size(), 6U + segments) << testing::PrintToString(descriptors);
+    EXPECT_LE(segments, 2U);
+    // Everything but the standard files is closed on exec.
+    for (const auto& [number, target] : descriptors) {
+        const std::string info =
+            readFile("/proc/" + std::to_string(daemon.pid()) + "/fdinfo/" + std::to_string(number));
+        const std::size_t at = info.find("flags:");
+        ASSERT_NE(at, std::string::npos);
+        unsigned long flags = 0;
+        std::istringstream(info.substr(at + 6)) >> std::oct >> flags;
+        EXPECT_EQ((flags & 02000000UL) != 0, number > 2) << number << " " << target;
+    }
+}
+
+TEST_F(Startup, DescriptorsDoNotGrowWhileServing) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    ASSERT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    const std::size_t before = descriptorsOf(daemon.pid()).size();
+    for (int request = 0; request < 3; ++request) {
+        ASSERT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    }
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(daemon.pid()).size() == before; }))
+        << testing::PrintToString(descriptorsOf(daemon.pid()));
+}
+
+TEST_F(Startup, OneCommandThreadBesideTheMainThread) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    EXPECT_EQ(threadsOf(daemon.pid()).size(), 2U);
+}
+
+TEST_F(Startup, SemaphoreFileIsNamedAfterTheMutex) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_TRUE(fileExists("/dev/shm/sem.ovard.initialization"));
+    EXPECT_EQ(permissions(kSemaphorePath) & ~0664, 0);
+}
+
+TEST_F(Startup, StaleSemaphoreOfAKilledMonitorDoesNotHoldTheNextOneUp) {
+    // Killed while it holds the mutex: a semaphore at zero stays behind.
+    for (int round = 0; round < 10; ++round) {
+        Daemon killed;
+        ASSERT_TRUE(killed.spawn({"-d"}));
+        (void)eventually([] { return fileExists(kSemaphorePath); }); // any moment will do
+        killed.kill();
+        Daemon next;
+        ASSERT_TRUE(next.startInBackground());
+        ASSERT_TRUE(next.terminate().ended);
+    }
+}
+
+// --- a second one --------------------------------------------------------------------------------
+
+void expectRefused(const std::vector<std::string>& arguments, pid_t running) {
+    const ProgramResult second = runProgram(daemonProgram(), arguments);
+    EXPECT_EQ(second.ending.text(), "status 246");
+    EXPECT_EQ(second.output, "process \"ovard\" is running, pid = " + std::to_string(running) +
+                                 ", please close it and then restart process\n");
+    EXPECT_EQ(second.errors, "");
+}
+
+TEST_F(Startup, SecondInstanceIsRefusedWhateverItsOptions) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {}, {"-d"}, {"-?"}, {"-t"}, {"-v"}, {"--nonsense"}, {"-x", "/tmp/file"}}) {
+        expectRefused(arguments, daemon.pid());
+    }
+    // The first one has not been disturbed.
+    EXPECT_TRUE(socketListens());
+    EXPECT_TRUE(fileExists(daemon.pidFile()));
+    EXPECT_TRUE(fileExists(kSemaphorePath));
+    EXPECT_EQ(eventTexts(), kStartEvents);
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+}
+
+TEST_F(Startup, SecondInstanceIsRefusedBesideOneInTheForeground) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    expectRefused({"-?"}, daemon.pid());
+}
+
+TEST_F(Startup, NextInstanceStartsAfterTheFirstEnded) {
+    Daemon first;
+    ASSERT_TRUE(first.startInBackground());
+    ASSERT_TRUE(first.terminate().ended);
+    Daemon second;
+    ASSERT_TRUE(second.startInBackground());
+    EXPECT_NE(first.pid(), second.pid());
+}
+
+TEST_F(Startup, NextInstanceStartsAfterTheFirstWasKilled) {
+    Daemon first;
+    ASSERT_TRUE(first.startInBackground());
+    first.kill();
+    EXPECT_TRUE(fileExists(kSocketPath));
+    EXPECT_FALSE(socketListens());
+    Daemon second;
+    ASSERT_TRUE(second.startInBackground());
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+}
+
+// --- failures ------------------------------------------------------------------------------------
+
+TEST_F(Startup, StaleSocketFileIsReplaced) {
+    ASSERT_TRUE(writeFile(kSocketPath, "no socket at all"));
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    struct stat facts = {};
+    ASSERT_EQ(::lstat(kSocketPath, &facts), 0);
+    EXPECT_TRUE(S_ISSOCK(facts.st_mode));
+    EXPECT_EQ(daemon.errors(), "");
+}
+
+/// What the console shows when the socket's place is a directory. Which errno the system gives for
+/// its removal, it decides.
+const std::regex kBindFailure(R"(remove socket path error: [^\n]+\nbind error: [^\n]+\n)");
+
+const std::vector<std::string> kFailedStartLog = {"App monitor started", "bind error, exit"};
+
+void blockSocketPath() {
+    ASSERT_TRUE(writeFile(std::string(kSocketPath) + "/file", "in the way"));
+}
+
+TEST_F(Startup, SocketPathThatCannotBeRemovedEndsTheStart) {
+    ASSERT_NO_FATAL_FAILURE(blockSocketPath());
+    const ProgramResult result = runProgram(daemonProgram(), {"-d"});
+    EXPECT_EQ(result.ending.text(), "status 1");
+    EXPECT_TRUE(std::regex_match(result.errors, kBindFailure)) << result.errors;
+    EXPECT_NE(result.errors.find("bind error: Address already in use\n"), std::string::npos);
+    EXPECT_TRUE(waitForLog(3, "bind error, exit"));
+    EXPECT_EQ(daemonLogTexts(), kFailedStartLog);
+    EXPECT_EQ(eventTexts(), (std::vector<std::string>{"Application Monitor Started.",
+                                                      "Application Monitor Stopped."}));
+    EXPECT_NE(result.output.find("\novard ovardAtExit()\n"), std::string::npos) << result.output;
+    EXPECT_FALSE(fileExists("/tmp/pid"));
+    EXPECT_TRUE(fileExists(std::string(kSocketPath) + "/file"));
+}
+
+TEST_F(Startup, LauncherEndsWithTheStatusOfAFailedStart) {
+    ASSERT_NO_FATAL_FAILURE(blockSocketPath());
+    const ProgramResult result = runProgram(daemonProgram(), {});
+    EXPECT_EQ(result.ending.text(), "status 1");
+    EXPECT_EQ(linesOf(result.output).size(), 1U) << result.output;
+    EXPECT_TRUE(waitForLog(3, "bind error, exit"));
+    EXPECT_EQ(countEvent("Application Monitor Initialized."), 0U);
+    EXPECT_TRUE(waitForEvent("Application Monitor Stopped."));
+    EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
+    EXPECT_TRUE(eventually([] { return processesNamed("ovard").empty(); }));
+}
+
+TEST_F(Startup, StartsWithoutASystemLog) {
+    const LogAside aside;
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_EQ(daemonLogTexts(), std::vector<std::string>{});
+    EXPECT_TRUE(daemon.terminate().ended);
+    EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
+}
+
+TEST_F(Startup, StartsWithoutAPlaceForTheEventLog) {
+    // A directory of that name takes the place away; root may write anywhere else.
+    ASSERT_TRUE(makeDirectories(kEventLogPath));
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInBackground());
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_TRUE(waitForLog(6, "App monitor started"));
+    EXPECT_TRUE(daemon.terminate().ended);
+    EXPECT_FALSE(fileExists(kSocketPath));
+    EXPECT_FALSE(fileExists(daemon.pidFile()));
+}
+
+TEST_F(Startup, StartsWithoutAPlaceForThePidFile) {
+    ASSERT_TRUE(writeFile("/tmp/pid", "in the way"));
+    Daemon daemon;
+    ASSERT_TRUE(daemon.spawn({"-d"}));
+    ASSERT_TRUE(waitForEvent("Application Monitor Initialized."));
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_EQ(daemon.terminate().text(), "status 0");
+}
+
+TEST_F(Startup, KilledLauncherDoesNotDisturbTheMonitor) {
+    std::size_t killedInTime = 0;
+    for (int round = 0; round < 30; ++round) {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.spawn({}));
+        const pid_t launcher = daemon.spawned().pid();
+        ASSERT_NE(waitForMonitorBeside(launcher), 0);
+        ASSERT_TRUE(sendSignal(launcher, SIGKILL));
+        killedInTime += daemon.spawned().waitForEnd(kPatienceMs).text() == "signal 9" ? 1U : 0U;
+        ASSERT_TRUE(
+            eventually([&] { return countEvent("Application Monitor Initialized.") == 1; }));
+        ASSERT_TRUE(eventually([] { return socketListens(); }));
+        const std::vector<pid_t> monitors = processesNamed("ovard");
+        ASSERT_EQ(monitors.size(), 1U);
+        EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+        ASSERT_TRUE(sendSignal(monitors[0], SIGTERM));
+        ASSERT_TRUE(eventually([&] { return !isRunning(monitors[0]); }));
+        EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
+        cleanMachine();
+    }
+    EXPECT_GT(killedInTime, 0U) << "the launcher was never killed before its end";
+}
+
+TEST_F(Startup, LauncherReportsAMonitorThatIsKilled) {
+    // The window is short: killed too late, the launcher has its 0; killed in time, 128 + 9.
+    std::size_t seen = 0;
+    for (int round = 0; round < 40 && seen == 0; ++round) {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.spawn({}));
+        const pid_t monitor = waitForMonitorBeside(daemon.spawned().pid());
+        (void)sendSignal(monitor, SIGKILL); // it is there, or its launcher would have ended
+        const Ending launcher = daemon.spawned().waitForEnd(kPatienceMs);
+        ASSERT_TRUE(launcher.exited) << launcher.text();
+        ASSERT_TRUE(launcher.status == 0 || launcher.status == 128 + SIGKILL) << launcher.status;
+        seen += launcher.status == 0 ? 0U : 1U;
+        ASSERT_TRUE(eventually([] { return processesNamed("ovard").empty(); }));
+        cleanMachine();
+    }
+    EXPECT_EQ(seen, 1U) << "never killed before it was ready";
+}
+
+} // namespace
+} // namespace systemtest

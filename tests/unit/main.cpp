@@ -1,0 +1,91 @@
+// Runs the unit tests, each in a fresh world and with the monitor's settings as at its start.
+
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "appmanager/AppManager.h"
+#include "appmanager/RequestFiles.h"
+#include "platform/Settings.h"
+#include "runtime/Globals.h"
+#include "tests/fakes/FakePlatform.h"
+
+namespace {
+
+void resetSettings() {
+    g_verbose = 3;
+    verbose = 0;
+    app_pidfile_minimum_start_time = 7;
+    app_heartbeat_minimum_start_time = 30;
+    app_heartbeat_expire_interval = 30;
+    pszExecuteAppConfigurationFile = nullptr;
+    pszAppendToAppConfigurationFile = nullptr;
+    g_bDaemonShutdown = 0;
+    g_releaseResources = nullptr;
+    g_exitMonitor = nullptr;
+}
+
+void resetRuntime() {
+    initWatchDog = false;
+    watchdog_timer_inteval = 5;
+    watchdogDeferTime = 120;
+    block_signal = false;
+    appmgr = nullptr;
+    pidfile.clear();
+    version[0] = '\0';
+    buildtime[0] = '\0';
+    thread_startupAppConfiguration = kNoThread;
+    sigemptyset(&prevMask);
+    savedSigAction_SIGCONT = {};
+    saved_sa = {};
+    timerid = kNoTimer;
+    wdog_fd = -1;
+    thread_heartbeat_counter = 0;
+    detect_heartbeat = 0;
+    ::optind = 0; // makes getopt begin anew
+}
+
+class FreshWorld : public testing::EmptyTestEventListener {
+public:
+    FreshWorld()
+        : fileMask_(::umask(022)) {
+        ::umask(fileMask_);
+        pthread_sigmask(SIG_SETMASK, nullptr, &signalMask_);
+    }
+
+private:
+    void OnTestStart(const testing::TestInfo& /*test*/) override {
+        fakes::resetWorld();
+        applist.clear();
+        ovard_start_time = 0;
+        file_request_list.clear();
+        resetSettings();
+        resetRuntime();
+    }
+
+    /// What the test left of the monitor goes with it, and so do its changes to this process.
+    void OnTestEnd(const testing::TestInfo& /*test*/) override {
+        delete AppManager::m_pInstance;
+        appmgr = nullptr;
+        ::umask(fileMask_);
+        pthread_sigmask(SIG_SETMASK, &signalMask_, nullptr);
+    }
+
+    mode_t fileMask_;
+    sigset_t signalMask_;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    ::setenv("TZ", "UTC", 1); // local times in traces are the same everywhere
+    testing::InitGoogleMock(&argc, argv);
+    testing::UnitTest::GetInstance()->listeners().Append(new FreshWorld);
+    return RUN_ALL_TESTS();
+}

@@ -36,7 +36,6 @@ int launcherStatus(int waitStatus) {
 /// The launcher's side: stays until the daemon is ready or gone. Ends with _exit, because the exit
 /// handlers and buffers belong to the daemon.
 [[noreturn]] void waitForDaemon(pid_t daemon, InterprocessWaitable& mutex) {
-    ::signal(SIGCHLD, SIG_DFL); // an ignored SIGCHLD would discard the daemon's exit status
     const timespec pause =
         platform::toTimespec(kLauncherPollMs * platform::kNanosecondsPerMillisecond);
     for (;;) {
@@ -58,10 +57,18 @@ int launcherStatus(int waitStatus) {
 } // namespace
 
 void daemonize_withSTDFILE_waitforInterprocessNamedMutex(InterprocessWaitable* mutex) {
+    // While SIGCHLD is ignored the system discards exit statuses: the daemon's own, which may be
+    // gone at once.
+    struct sigaction childAction = {};
+    struct sigaction defaultAction = {};
+    defaultAction.sa_handler = SIG_DFL;
+    ::sigaction(SIGCHLD, &defaultAction, &childAction);
     const pid_t daemon = ::fork();
+    if (daemon > 0) {
+        waitForDaemon(daemon, *mutex);
+    }
+    ::sigaction(SIGCHLD, &childAction, nullptr);
     if (daemon == 0) {
         becomeDaemon();
-    } else if (daemon > 0) {
-        waitForDaemon(daemon, *mutex);
     }
 }

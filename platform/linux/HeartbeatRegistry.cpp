@@ -23,7 +23,7 @@ class MappedTable {
 public:
     MappedTable(const UniqueFd& segment, int protection) {
         struct stat facts = {};
-        if (!segment.valid() || ::fstat(segment.get(), &facts) != 0 ||
+        if (!segment.valid() || ::fstat(segment.get(), &facts) != 0 || !S_ISREG(facts.st_mode) ||
             facts.st_size < static_cast<off_t>(sizeof(HeartbeatTable))) {
             return;
         }
@@ -48,14 +48,14 @@ private:
 };
 
 UniqueFd openSegment(const char* name, int flags) {
-    return UniqueFd(::shm_open(name, flags | O_NOFOLLOW | O_CLOEXEC, kSegmentMode));
+    return UniqueFd(::shm_open(name, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kSegmentMode));
 }
 
 /// Gives the segment its size and, whatever the umask was, its mode. Both are left alone where they
 /// are right, and where another user's segment cannot be changed.
 void settleSegment(const UniqueFd& segment) {
     struct stat facts = {};
-    if (!segment.valid() || ::fstat(segment.get(), &facts) != 0) {
+    if (!segment.valid() || ::fstat(segment.get(), &facts) != 0 || !S_ISREG(facts.st_mode)) {
         return;
     }
     constexpr auto kSize = static_cast<off_t>(sizeof(HeartbeatTable));

@@ -112,6 +112,8 @@ void waitAtGate(int fd) {
 void cleanLaunchedProcess(int keptFd) {
     if (!closeByDirectory(keptFd)) {
         closeByNumber(keptFd);
+        // Where descriptors had run out the list can be read now; it may name higher ones.
+        (void)closeByDirectory(keptFd);
     }
     resetSignalActions();
     sigset_t none;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -50,10 +51,21 @@ void createDirectories(std::string_view path) {
     }
 }
 
-/// Name of the pid file below `root` of the program `program` running as `pid`.
-Path pidFileName(std::string_view root, std::string_view program, pid_t pid) {
+constexpr char kPidFileFolder[] = "/tmp/pid";
+
+/// argv[0] of process `pid`, viewed in `buffer`; empty when there is none.
+std::string_view programOf(pid_t pid, char (&buffer)[PATH_MAX]) {
+    FixedText<32> source;
+    source.add("/proc/").addNumber(pid).add("/cmdline");
+    const ssize_t count = readFileOnce(source.c_str(), buffer, sizeof buffer);
+    return {buffer, count > 0 ? ::strnlen(buffer, static_cast<std::size_t>(count)) : 0};
+}
+
+/// Name of the pid file below `base` and `root` of the program `program` running as `pid`.
+Path pidFileName(std::string_view base, std::string_view root, std::string_view program,
+                 pid_t pid) {
     Path name;
-    name.add("/tmp/pid").add(root).add(program).add(".pid.").addNumber(pid);
+    name.add(base).add(root).add(program).add(".pid.").addNumber(pid);
     return name;
 }
 
@@ -67,37 +79,35 @@ bool confirmsPidAndVersion(std::string_view text, pid_t pid, std::string_view ve
     return pid > 0 && pidLine == expected.view() && (version.empty() || versionLine == version);
 }
 
+int writtenPidFileName(std::string_view base, const char* root, pid_t pid, char* buffer,
+                       int* length) {
+    char arguments[PATH_MAX];
+    const std::string_view program = programOf(pid, arguments);
+    if (program.empty()) {
+        return -1;
+    }
+    Path name = pidFileName(base, root != nullptr ? root : "", program, pid);
+    if (root != nullptr && !isPlainFile(name.c_str())) {
+        name = pidFileName(base, "", program, pid);
+    }
+    const std::string_view text = name.view();
+    if (name.wasCut() || static_cast<std::int64_t>(text.size()) >= *length ||
+        !isPlainFile(name.c_str())) {
+        return -1;
+    }
+    std::memcpy(buffer, name.c_str(), text.size() + 1);
+    *length = static_cast<int>(text.size());
+    return 0;
+}
+
 } // namespace platform
 
 int get_pid_filename(const int* pid, char* buffer, int* length) {
     if (pid == nullptr || *pid <= 0 || buffer == nullptr || length == nullptr) {
         return -1;
     }
-    platform::FixedText<32> source;
-    source.add("/proc/").addNumber(*pid).add("/cmdline");
-    char arguments[PATH_MAX];
-    const ssize_t count = platform::readFileOnce(source.c_str(), arguments, sizeof arguments);
-    if (count <= 0) {
-        return -1;
-    }
-    const std::string_view program(arguments,
-                                   ::strnlen(arguments, static_cast<std::size_t>(count)));
-    if (program.empty()) {
-        return -1;
-    }
-    const char* root = std::getenv("METER_ROOT");
-    platform::Path name = platform::pidFileName(root != nullptr ? root : "", program, *pid);
-    if (root != nullptr && !platform::isPlainFile(name.c_str())) {
-        name = platform::pidFileName("", program, *pid);
-    }
-    const std::string_view text = name.view();
-    if (name.wasCut() || static_cast<std::int64_t>(text.size()) >= *length ||
-        !platform::isPlainFile(name.c_str())) {
-        return -1;
-    }
-    std::memcpy(buffer, name.c_str(), text.size() + 1);
-    *length = static_cast<int>(text.size());
-    return 0;
+    return platform::writtenPidFileName(platform::kPidFileFolder, std::getenv("METER_ROOT"), *pid,
+                                        buffer, length);
 }
 
 int read_pid_file_version(const appinfo& record, const char* path, const char* version) {
@@ -125,7 +135,9 @@ int set_pid_file_version(int* pid, const char* path, int flags, const char* vers
     }
     platform::Path name;
     name.add(path).add(".").addNumber(*pid);
-    if (name.wasCut()) {
+    platform::FixedText<platform::kPidFileRead> content;
+    content.addNumber(*pid).add("\n").add(version != nullptr ? version : "").add("\n");
+    if (name.wasCut() || content.wasCut()) {
         errno = ENAMETOOLONG;
         return -1;
     }
@@ -136,10 +148,8 @@ int set_pid_file_version(int* pid, const char* path, int flags, const char* vers
     if (!file.valid() || ::fchmod(file.get(), platform::kPidFileMode) != 0) {
         return -1;
     }
-    platform::FixedText<platform::kPidFileRead> content;
-    content.addNumber(*pid).add("\n").add(version != nullptr ? version : "").add("\n");
     const auto size = static_cast<ssize_t>(content.view().size());
     const ssize_t written =
         platform::writeFully(file.get(), content.c_str(), content.view().size());
-    return !content.wasCut() && written == size ? 0 : -1;
+    return written == size ? 0 : -1;
 }

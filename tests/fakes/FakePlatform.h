@@ -298,6 +298,10 @@ bool onMainThread();
 /// Threads made by createWorkerThread that have not ended yet.
 int liveWorkers();
 
+/// Waits, for real, until `condition` holds; it is called without the lock. False after five
+/// seconds.
+bool waitUntil(const std::function<bool()>& condition);
+
 /// Waits, for real, until no worker thread is left. False after five seconds.
 bool waitForWorkersToEnd();
 

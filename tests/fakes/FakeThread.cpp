@@ -56,14 +56,18 @@ int liveWorkers() {
     return workers;
 }
 
-bool waitForWorkersToEnd() {
-    for (int polls = 0; workers > 0; ++polls) {
+bool waitUntil(const std::function<bool()>& condition) {
+    for (int polls = 0; !condition(); ++polls) {
         if (polls == kMostPolls) {
             return false;
         }
         ::usleep(kPollMicros);
     }
     return true;
+}
+
+bool waitForWorkersToEnd() {
+    return waitUntil([] { return liveWorkers() == 0; });
 }
 
 } // namespace fakes

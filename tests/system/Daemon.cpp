@@ -8,6 +8,18 @@
 #include "tests/system/Support.h"
 
 namespace systemtest {
+namespace {
+
+/// There is a command thread, and it sleeps. A request that comes before its first wait would
+/// rightly stay in the queue until the next one.
+bool workersWait(pid_t pid) {
+    const std::vector<pid_t> threads = threadsOf(pid);
+    return threads.size() > 1 && std::all_of(threads.begin(), threads.end(), [pid](pid_t thread) {
+               return thread == pid || threadState(pid, thread) == 'S';
+           });
+}
+
+} // namespace
 
 Daemon::~Daemon() {
     kill();
@@ -46,7 +58,7 @@ bool Daemon::waitUntilReady(int timeoutMs) {
     bool failed = false;
     const bool ready = eventually(
         [&] {
-            if (learnPid() && socketListens()) {
+            if (followMonitor()) {
                 return true;
             }
             const Ending ending = spawned_.waitForEnd(0);
@@ -55,6 +67,10 @@ bool Daemon::waitUntilReady(int timeoutMs) {
         },
         timeoutMs);
     return ready && !failed;
+}
+
+bool Daemon::followMonitor() {
+    return learnPid() && socketListens() && workersWait(pid_);
 }
 
 /// Finds the pid file, whole, and the process that it names.

@@ -24,7 +24,8 @@ public:
     /// Value of METER_ROOT for the next start; not set without this call.
     void setMeterRoot(const std::string& root);
 
-    /// Starts `ovard -d ARGUMENTS` and waits until it serves: it listens and its pid file stands.
+    /// Starts `ovard -d ARGUMENTS` and waits until it serves: it listens, its pid file stands and
+    /// its command thread waits for work.
     bool startInForeground(const std::vector<std::string>& arguments = {});
 
     /// Starts `ovard ARGUMENTS`, waits for the launcher's end and until the monitor serves. False
@@ -37,6 +38,9 @@ public:
     /// Waits until a spawned monitor serves, and learns its pid. False at once when the spawned
     /// process ends with another status than 0 before.
     bool waitUntilReady(int timeoutMs = kReadyMs);
+
+    /// One look whether the monitor serves, whatever became of its launcher; learns its pid.
+    bool followMonitor();
 
     /// The monitor's pid, 0 before it is known. With -d it is known at once.
     pid_t pid() const { return pid_; }

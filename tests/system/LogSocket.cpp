@@ -49,7 +49,8 @@ LogAside::~LogAside() {
     (void)std::rename(kAside, kLogSocket); // cleanMachine tries again
 }
 
-HeldLog::HeldLog() : socket_(openDatagramSocket()) {
+HeldLog::HeldLog()
+    : socket_(openDatagramSocket()) {
     const sockaddr_un address = logAddress();
     holds_ = ::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
              fillLog();

@@ -42,6 +42,25 @@ std::vector<pid_t> numbersIn(const std::string& directory) {
     return numbers;
 }
 
+ProcessFacts parseStat(pid_t pid, const std::string& text) {
+    const std::size_t open = text.find('(');
+    const std::size_t close = text.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open) {
+        return {};
+    }
+    ProcessFacts facts;
+    facts.pid = pid;
+    facts.name = text.substr(open + 1, close - open - 1);
+    std::istringstream fields(text.substr(close + 1));
+    fields >> facts.state >> facts.parent >> facts.group >> facts.session;
+    std::string skipped;
+    for (int field = 7; field <= 18; ++field) {
+        fields >> skipped;
+    }
+    fields >> facts.nice >> skipped >> skipped >> facts.startTicks;
+    return facts;
+}
+
 template <typename Predicate> std::vector<pid_t> processesThat(Predicate predicate) {
     std::vector<pid_t> found;
     for (const pid_t pid : allProcesses()) {
@@ -86,7 +105,7 @@ void redirect(int from, int to) {
 
 /// The child's side of a start: only async-signal-safe calls.
 [[noreturn]] void becomeProgram(const char* outputPath, const char* errorPath, char* const* argv,
-                                char* const* environment) {
+                                char* const* environment, int highestDescriptor) {
     for (int signal = 1; signal < NSIG; ++signal) {
         (void)::signal(signal, SIG_DFL); // refused for two of them
     }
@@ -97,6 +116,9 @@ void redirect(int from, int to) {
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
     redirect(::open(outputPath, flags, 0644), STDOUT_FILENO);
     redirect(::open(errorPath, flags, 0644), STDERR_FILENO);
+    for (int inherited = STDERR_FILENO + 1; inherited <= highestDescriptor; ++inherited) {
+        (void)::close(inherited); // most are not open
+    }
     ::execve(argv[0], argv, environment);
     ::_exit(127);
 }
@@ -104,25 +126,13 @@ void redirect(int from, int to) {
 } // namespace
 
 ProcessFacts processFacts(pid_t pid) {
-    const std::string text = readFile(procPath(pid, "stat"));
-    const std::size_t open = text.find('(');
-    const std::size_t close = text.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open) {
-        return {};
-    }
-    ProcessFacts facts;
-    facts.pid = pid;
-    facts.name = text.substr(open + 1, close - open - 1);
-    std::istringstream fields(text.substr(close + 1));
-    fields >> facts.state >> facts.parent >> facts.group >> facts.session;
-    std::string skipped;
-    for (int field = 7; field <= 18; ++field) {
-        fields >> skipped;
-    }
-    fields >> facts.nice >> skipped >> skipped >> facts.startTicks;
-    return facts;
+    return parseStat(pid, readFile(procPath(pid, "stat")));
 }
 
+char threadState(pid_t pid, pid_t thread) {
+    return parseStat(thread, readFile(procPath(pid, "task/" + std::to_string(thread) + "/stat")))
+        .state;
+}
 bool isRunning(pid_t pid) {
     const ProcessFacts facts = processFacts(pid);
     return facts.pid > 0 && facts.state != 'Z' && facts.state != 'X';
@@ -221,10 +231,12 @@ bool Program::start(const std::string& path, const std::vector<std::string>& arg
     if (!makeDirectories(kScratchFolder)) {
         return false;
     }
+    const int highestDescriptor = descriptorsOf(::getpid()).rbegin()->first;
     ending_ = {};
     pid_ = ::fork();
     if (pid_ == 0) {
-        becomeProgram(outputPath_.c_str(), errorPath_.c_str(), argv.data(), envp.data());
+        becomeProgram(outputPath_.c_str(), errorPath_.c_str(), argv.data(), envp.data(),
+                      highestDescriptor);
     }
     return pid_ > 0;
 }

@@ -48,6 +48,9 @@ std::map<int, std::string> descriptorsOf(pid_t pid);
 /// Ids of the threads of a process.
 std::vector<pid_t> threadsOf(pid_t pid);
 
+/// State letter of a thread; '?' when there is none.
+char threadState(pid_t pid, pid_t thread);
+
 /// Every process, zombies too, sorted.
 std::vector<pid_t> allProcesses();
 
@@ -80,7 +83,8 @@ public:
     ~Program();
 
     /// Starts it with an empty signal mask, every signal at its default action, standard input from
-    /// /dev/null. `environment`: "NAME=value" to add, "NAME" to take away. False when that fails.
+    /// /dev/null and no other descriptors than the standard ones. `environment`: "NAME=value" to
+    /// add, "NAME" to take away. False when that fails.
     bool start(const std::string& path, const std::vector<std::string>& arguments,
                const std::vector<std::string>& environment = {});
 

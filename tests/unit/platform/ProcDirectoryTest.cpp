@@ -34,8 +34,8 @@ TEST(ProcDirectory, ConvertsNamesToPids) {
 }
 
 TEST(ProcDirectory, GivesNoPidForOtherNames) {
-    for (const char* name : {"", "0", "-1", "2147483648", "99999999999999999999", "self", "1a", "a1",
-                             "1 ", " 1", "+1", "."}) {
+    for (const char* name : {"", "0", "-1", "2147483648", "99999999999999999999", "self", "1a",
+                             "a1", "1 ", " 1", "+1", "."}) {
         EXPECT_EQ(platform::pidFromName(name), 0) << '"' << name << '"';
     }
 }

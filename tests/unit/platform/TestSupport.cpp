@@ -80,8 +80,8 @@ EnvironmentGuard::~EnvironmentGuard() {
 CapturedDescriptor::CapturedDescriptor(int fd)
     : fd_(fd)
     , saved_(::fcntl(fd, F_DUPFD_CLOEXEC, 3)) {
-    const platform::UniqueFd file(
-        ::open(directory_.file("captured").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    const platform::UniqueFd file(::open(directory_.file("captured").c_str(),
+                                         O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     ::dup2(file.get(), fd_);
 }
 

@@ -91,8 +91,8 @@ private:
 template <typename Content> class Shared {
 public:
     Shared()
-        : content_(new(::mmap(nullptr, sizeof(Content), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Content()) {}
+        : content_(new (::mmap(nullptr, sizeof(Content), PROT_READ | PROT_WRITE,
+                               MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Content()) {}
     ~Shared() { ::munmap(content_, sizeof(Content)); }
     Shared(const Shared&) = delete;
     Shared& operator=(const Shared&) = delete;

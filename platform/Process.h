@@ -62,9 +62,9 @@ protected:
 
 /// Puts the process into the background: it goes on in a child that leads a session of its own,
 /// has its standard files on /dev/null and "/" as its working directory. The launching process
-/// stays until `mutex` is released, then ends with status 0; should the daemon end first, with the
-/// daemon's exit status (128 + signal for a signal). When the fork fails the call returns and the
-/// process stays as it is.
+/// stays until `mutex` is released, then ends with status 0; should the daemon end before that or
+/// within the next 100 ms, with the daemon's exit status (128 + signal for a signal). When the fork
+/// fails the call returns and the process stays as it is.
 void daemonize_withSTDFILE_waitforInterprocessNamedMutex(InterprocessWaitable* mutex);
 
 namespace platform {

@@ -51,6 +51,10 @@ ssize_t writeDescriptor(int fd, const void* buffer, std::size_t size);
 /// exec.
 void waitAtGate(int fd);
 
+/// Raises the limit on open descriptors as far as the system allows, 65536 at most: connections of
+/// requests without a reply stay open. Launched processes get the limit back that was in force.
+void raiseDescriptorLimit();
+
 // --- between fork and exec ---------------------------------------------------------------------
 
 /// Makes the calling, freshly forked process clean: every descriptor above 2 closed, `keptFd`

@@ -1,6 +1,6 @@
 // Worker threads and their cancellation.
 //
-// A worker thread runs with every signal blocked and with cancellation disabled: it ends only where
+// A worker thread runs with signals blocked and with cancellation disabled: it ends only where
 // it waits on purpose, that is in platform::sleepMilliseconds, in admitCancellation and inside a
 // CancellationWindow. All
 // frames on such a path are left by unwinding, so they hold their locks and descriptors in guards
@@ -13,7 +13,8 @@
 
 namespace platform {
 
-/// pthread_create with every signal blocked in the new thread. 0 or an error number.
+/// pthread_create with every signal blocked in the new thread but those that report its own faults.
+/// 0 or an error number.
 int createWorkerThread(pthread_t* thread, void* (*body)(void*), void* argument);
 
 /// First call of a worker thread's body.

@@ -32,8 +32,9 @@ bool terminationPending();
 /// Waits until `fd` is readable. `timeoutMs` < 0 waits for ever. `fd` may be of any size.
 WaitResult waitReadable(int fd, int timeoutMs);
 
-/// Locks `mutex` for the main thread. False when a watched signal became pending first: the mutex
-/// is then not held. On a thread that does not watch it is a plain lock.
+/// Locks `mutex` for the main thread, at once when it is free. False when a watched signal is
+/// pending before it becomes free: the mutex is then not held. On a thread that does not watch it
+/// is a plain lock.
 bool lockUnlessTerminating(pthread_mutex_t& mutex);
 
 } // namespace platform

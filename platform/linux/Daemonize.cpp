@@ -12,6 +12,7 @@
 namespace {
 
 constexpr int kLauncherPollMs = 5;
+constexpr int kLooksAfterRelease = 20;
 
 /// The daemon's side: out of the launcher's session, off its terminal and out of its directory.
 void becomeDaemon() {
@@ -33,22 +34,33 @@ int launcherStatus(int waitStatus) {
     return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
 }
 
+/// The launcher's status once the mutex is released. A daemon that fails releases it too, as it
+/// ends: a short look tells that from one that is ready.
+int statusAfterRelease(pid_t daemon, const timespec& pause) {
+    for (int look = 0; look < kLooksAfterRelease; ++look) {
+        int waitStatus = 0;
+        if (::waitpid(daemon, &waitStatus, WNOHANG) == daemon) {
+            return launcherStatus(waitStatus);
+        }
+        ::nanosleep(&pause, nullptr);
+    }
+    return EXIT_SUCCESS;
+}
+
 /// The launcher's side: stays until the daemon is ready or gone. Ends with _exit, because the exit
 /// handlers and buffers belong to the daemon.
 [[noreturn]] void waitForDaemon(pid_t daemon, InterprocessWaitable& mutex) {
     const timespec pause =
         platform::toTimespec(kLauncherPollMs * platform::kNanosecondsPerMillisecond);
     for (;;) {
-        if (mutex.tryAcquire() != 0) {
-            ::_exit(EXIT_SUCCESS);
+        const int acquired = mutex.tryAcquire();
+        if (acquired != 0) {
+            ::_exit(acquired > 0 ? statusAfterRelease(daemon, pause) : EXIT_SUCCESS);
         }
         int waitStatus = 0;
         const pid_t ended = ::waitpid(daemon, &waitStatus, WNOHANG);
         if (ended != 0) {
-            // It may have released the mutex between the two looks.
-            const bool wasReady = mutex.tryAcquire() != 0;
-            const int status = ended == daemon ? launcherStatus(waitStatus) : EXIT_FAILURE;
-            ::_exit(wasReady ? EXIT_SUCCESS : status);
+            ::_exit(ended == daemon ? launcherStatus(waitStatus) : EXIT_FAILURE);
         }
         ::nanosleep(&pause, nullptr);
     }

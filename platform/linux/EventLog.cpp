@@ -1,9 +1,11 @@
 #include "platform/linux/EventLog.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -42,17 +44,31 @@ UniqueFd openEventLog(const char* path, struct stat& facts) {
     return openPlainFile(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, kEventLogMode, facts);
 }
 
-/// Renames the full log `full` away. When another process has done that already, its fresh file
-/// stays where it is. False when the log is still in its place.
-bool retireEventLog(const char* path, const struct stat& full) {
+bool isStillInPlace(const char* path, const struct stat& log) {
     struct stat present = {};
-    if (::lstat(path, &present) != 0 || present.st_dev != full.st_dev ||
-        present.st_ino != full.st_ino) {
-        return true;
-    }
+    return ::lstat(path, &present) == 0 && present.st_dev == log.st_dev &&
+           present.st_ino == log.st_ino;
+}
+
+bool renameAway(const char* path) {
     FixedText<PATH_MAX> oldPath;
     oldPath.add(path).add(".1");
     return !oldPath.wasCut() && ::rename(path, oldPath.c_str()) == 0;
+}
+
+/// Puts a fresh log in place of the full one that `log` and `facts` are of. Only who holds the lock
+/// of the full one renames it, lest two writers rename twice and lose what it held. Whoever finds
+/// it locked does not wait, it may be its own thread below a signal handler: the line still goes
+/// into the full log. False when there is no log to write to.
+bool renewEventLog(const char* path, UniqueFd& log, struct stat& facts) {
+    if (::flock(log.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        return true;
+    }
+    if (isStillInPlace(path, facts) && !renameAway(path)) {
+        return false;
+    }
+    log = openEventLog(path, facts);
+    return log.valid();
 }
 
 bool hasRoomFor(const struct stat& facts, std::size_t size) {
@@ -66,13 +82,10 @@ int appendEvent(const char* path, const char* tag, const zortime8b& time, const 
     const std::string_view content = line.view();
     struct stat facts = {};
     UniqueFd log = openEventLog(path, facts);
-    if (log.valid() && !hasRoomFor(facts, content.size())) {
-        if (!retireEventLog(path, facts)) {
-            return -1;
-        }
-        log = openEventLog(path, facts);
-    }
     if (!log.valid()) {
+        return -1;
+    }
+    if (!hasRoomFor(facts, content.size()) && !renewEventLog(path, log, facts)) {
         return -1;
     }
     if ((facts.st_mode & 07777) != kEventLogMode) {

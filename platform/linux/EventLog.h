@@ -8,7 +8,8 @@
 
 namespace platform {
 
-/// Size that the event log never exceeds, in bytes.
+/// Size that the event log does not exceed, in bytes, but for lines that other processes append at
+/// the very moment of its renaming.
 inline constexpr int kEventLogLimit = 1048576;
 
 /// Longest tag and text of an event line, in characters; longer ones are cut.

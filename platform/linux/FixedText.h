@@ -7,7 +7,6 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string_view>
 
 namespace platform {
@@ -20,7 +19,7 @@ public:
 
     FixedText& add(std::string_view text) {
         const std::size_t count = std::min(text.size(), Size - 1 - length_);
-        std::memcpy(buffer_ + length_, text.data(), count);
+        text.copy(buffer_ + length_, count);
         length_ += count;
         buffer_[length_] = '\0';
         wasCut_ = wasCut_ || count < text.size();

@@ -18,17 +18,18 @@ namespace {
 constexpr mode_t kSegmentMode = 0666;
 
 /// Maps the table for as long as it lives. A segment that is too short is never mapped: touching
-/// what lies beyond its end would kill the process.
+/// what lies beyond its end would kill the process. That another program shortens it in just that
+/// moment cannot be ruled out, so only what needs a compare-and-swap is done in the mapped table.
 class MappedTable {
 public:
-    MappedTable(const UniqueFd& segment, int protection) {
+    explicit MappedTable(const UniqueFd& segment) {
         struct stat facts = {};
         if (!segment.valid() || ::fstat(segment.get(), &facts) != 0 || !S_ISREG(facts.st_mode) ||
             facts.st_size < static_cast<off_t>(sizeof(HeartbeatTable))) {
             return;
         }
-        void* address =
-            ::mmap(nullptr, sizeof(HeartbeatTable), protection, MAP_SHARED, segment.get(), 0);
+        void* address = ::mmap(nullptr, sizeof(HeartbeatTable), PROT_READ | PROT_WRITE, MAP_SHARED,
+                               segment.get(), 0);
         if (address != MAP_FAILED) {
             table_ = static_cast<HeartbeatTable*>(address);
         }
@@ -67,23 +68,38 @@ void settleSegment(const UniqueFd& segment) {
     }
 }
 
+/// Copies the segment into `table`. False when it is not there or too short.
+bool copyTable(const UniqueFd& segment, HeartbeatTable& table) {
+    return segment.valid() && ::pread(segment.get(), static_cast<void*>(&table), sizeof table, 0) ==
+                                  static_cast<ssize_t>(sizeof table);
+}
+
 bool hasHeader(const HeartbeatTable& table) {
     return table.magic.load() == kHeartbeatMagic && table.slotCount.load() == kHeartbeatSlots;
 }
 
+bool writeAt(const UniqueFd& segment, std::size_t offset, const void* data, std::size_t size) {
+    return ::pwrite(segment.get(), data, size, static_cast<off_t>(offset)) ==
+           static_cast<ssize_t>(size);
+}
+
+bool writeWord(const UniqueFd& segment, std::size_t offset, std::uint32_t word) {
+    return writeAt(segment, offset, &word, sizeof word);
+}
+
 /// Writes the header where it is missing. A new segment is all zero, so any number of processes may
 /// do this at once; a damaged one is emptied, and each process is back with its next beat.
-void settleHeader(HeartbeatTable& table) {
-    if (hasHeader(table)) {
+void settleHeader(const UniqueFd& segment) {
+    HeartbeatTable table = {};
+    if (!copyTable(segment, table) || hasHeader(table)) {
         return;
     }
     if (table.magic.load() != 0) {
-        for (HeartbeatSlot& slot : table.slots) {
-            slot.pid.store(0);
-        }
+        const char noSlots[sizeof table.slots] = {};
+        (void)writeAt(segment, offsetof(HeartbeatTable, slots), noSlots, sizeof noSlots);
     }
-    table.slotCount.store(kHeartbeatSlots);
-    table.magic.store(kHeartbeatMagic);
+    (void)writeWord(segment, offsetof(HeartbeatTable, slotCount), kHeartbeatSlots);
+    (void)writeWord(segment, offsetof(HeartbeatTable, magic), kHeartbeatMagic);
 }
 
 /// Low 32 bits of the start time of `pid`; 0 when it cannot be had.
@@ -100,13 +116,28 @@ std::uint32_t beatClock() {
     return static_cast<std::uint32_t>(monotonicMilliseconds());
 }
 
-HeartbeatSlot* findSlot(HeartbeatTable& table, pid_t pid) {
-    for (HeartbeatSlot& slot : table.slots) {
+const HeartbeatSlot* findSlot(const HeartbeatTable& table, pid_t pid) {
+    for (const HeartbeatSlot& slot : table.slots) {
         if (slot.pid.load() == pid) {
             return &slot;
         }
     }
     return nullptr;
+}
+
+/// Refreshes the slot that `self` holds already; false when it holds none.
+bool refreshSlot(const UniqueFd& segment, pid_t self) {
+    HeartbeatTable table = {};
+    const HeartbeatSlot* const slot =
+        copyTable(segment, table) && hasHeader(table) ? findSlot(table, self) : nullptr;
+    if (slot == nullptr) {
+        return false;
+    }
+    const auto index = static_cast<std::size_t>(slot - table.slots);
+    const std::size_t offset = offsetof(HeartbeatTable, slots) + index * sizeof *slot;
+    // In this order a check never sees a valid start time beside an older time.
+    return writeWord(segment, offset + offsetof(HeartbeatSlot, lastBeat), beatClock()) &&
+           writeWord(segment, offset + offsetof(HeartbeatSlot, startTime), startTimeOf(self));
 }
 
 /// The pid word of a slot that `pid` is claiming; and back. Defined for every value that a damaged
@@ -148,17 +179,17 @@ HeartbeatSlot* claimSlot(HeartbeatTable& table, pid_t pid) {
 void HeartbeatRegistry::notify() const {
     const UniqueFd segment = openSegment(name_, O_RDWR | O_CREAT);
     settleSegment(segment);
-    const MappedTable mapping(segment, PROT_READ | PROT_WRITE);
+    settleHeader(segment);
+    const pid_t self = currentProcessId();
+    if (refreshSlot(segment, self)) {
+        return;
+    }
+    const MappedTable mapping(segment);
     HeartbeatTable* const table = mapping.get();
     if (table == nullptr) {
         return;
     }
-    settleHeader(*table);
-    const pid_t self = currentProcessId();
-    HeartbeatSlot* slot = findSlot(*table, self);
-    if (slot == nullptr) {
-        slot = claimSlot(*table, self);
-    }
+    HeartbeatSlot* const slot = claimSlot(*table, self);
     if (slot == nullptr) {
         return;
     }
@@ -169,25 +200,23 @@ void HeartbeatRegistry::notify() const {
 }
 
 int HeartbeatRegistry::check(pid_t pid, int expireSeconds) const {
-    const MappedTable mapping(openSegment(name_, O_RDONLY), PROT_READ);
-    HeartbeatTable* const table = mapping.get();
-    if (pid <= 0 || table == nullptr || !hasHeader(*table)) {
+    HeartbeatTable table = {};
+    if (pid <= 0 || !copyTable(openSegment(name_, O_RDONLY), table) || !hasHeader(table)) {
         return kHeartbeatNone;
     }
-    const HeartbeatSlot* const slot = findSlot(*table, pid);
+    const std::uint32_t now = beatClock();
+    const HeartbeatSlot* const slot = findSlot(table, pid);
     if (slot == nullptr || !isSameStart(slot->startTime.load(), startTimeOf(pid))) {
         return kHeartbeatNone;
     }
-    // The clock is read after the beat, so that the age cannot be negative.
-    const std::uint32_t lastBeat = slot->lastBeat.load();
-    const std::uint32_t ageMs = beatClock() - lastBeat;
+    const std::uint32_t ageMs = now - slot->lastBeat.load();
     return ageMs > expireSeconds * std::int64_t{1000} ? kHeartbeatExpired : kHeartbeatFresh;
 }
 
 void HeartbeatRegistry::cleanup(pid_t pid) const {
     const pid_t holder = pid == -1 ? currentProcessId() : pid;
     const UniqueFd segment = openSegment(name_, O_RDWR);
-    const MappedTable mapping(segment, PROT_READ | PROT_WRITE);
+    const MappedTable mapping(segment);
     HeartbeatTable* const table = mapping.get();
     if (holder <= 0 || table == nullptr || !hasHeader(*table)) {
         return;

@@ -93,6 +93,16 @@ void closeByNumber(int keptFd) {
     }
 }
 
+/// The limit that was in force before the monitor raised its own.
+rlimit foundLimit = {};
+bool limitIsRaised = false;
+
+void restoreDescriptorLimit() {
+    if (limitIsRaised) {
+        (void)::setrlimit(RLIMIT_NOFILE, &foundLimit); // lowering is always allowed
+    }
+}
+
 void resetSignalActions() {
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
@@ -103,6 +113,16 @@ void resetSignalActions() {
 }
 
 } // namespace
+
+void raiseDescriptorLimit() {
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kHighestFdTried) {
+        return;
+    }
+    foundLimit = limit;
+    limit.rlim_cur = limit.rlim_max < kHighestFdTried ? limit.rlim_max : kHighestFdTried;
+    limitIsRaised = ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
 
 void waitAtGate(int fd) {
     char byte = 0;
@@ -115,6 +135,7 @@ void cleanLaunchedProcess(int keptFd) {
         // Where descriptors had run out the list can be read now; it may name higher ones.
         (void)closeByDirectory(keptFd);
     }
+    restoreDescriptorLimit();
     resetSignalActions();
     sigset_t none;
     ::sigemptyset(&none);

@@ -134,14 +134,12 @@ bool lockUnlessTerminating(pthread_mutex_t& mutex) {
     if (!threadWatch.active) {
         return ::pthread_mutex_lock(&mutex) == 0;
     }
-    while (!terminationPending()) {
-        const int result = ::pthread_mutex_trylock(&mutex);
-        if (result != EBUSY) {
-            return result == 0;
-        }
+    int result = ::pthread_mutex_trylock(&mutex);
+    while (result == EBUSY && !terminationPending()) {
         pauseUntil(deadlineAfter(kLockRetryMs));
+        result = ::pthread_mutex_trylock(&mutex);
     }
-    return false;
+    return result == 0;
 }
 
 } // namespace platform

@@ -23,6 +23,10 @@ void flushFileSystems() {
     world().record("sync");
 }
 
+void raiseDescriptorLimit() {
+    world().record("raiseDescriptorLimit");
+}
+
 int restartMachine() {
     const Lock lock;
     world().record("restart");

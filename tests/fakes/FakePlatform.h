@@ -155,6 +155,8 @@ public:
     int logCloses = 0;
     std::vector<std::string> events; ///< "TAG: TEXT"
     std::vector<std::string> calls;  ///< see the top of the file
+    /// Runs after each recorded call, any thread, with the world's lock held; may throw.
+    std::function<void(const std::string& call)> onCall;
 
     // --- clocks -----------------------------------------------------------------------------
     std::time_t now = 1700000000;      ///< wall clock; a test may make it jump
@@ -214,6 +216,7 @@ public:
     std::deque<Input> receives;       ///< empty: end of file
     std::deque<Result> sendResults;   ///< empty: all bytes
     std::vector<Output> sent;
+    std::function<void(int fd)> onSend;           ///< runs before the bytes are taken; any thread
     std::deque<platform::WaitResult> waitResults; ///< empty: Ready; TimedOut moves the clocks on
     int waitErrno = EBADF;                        ///< errno of a scripted WaitResult::Failed
     std::function<void(int fd, int timeoutMs)> onWait; ///< runs before the wait ends
@@ -283,7 +286,7 @@ public:
 
     // --- for the fakes ------------------------------------------------------------------------
     static std::recursive_mutex& mutex();
-    void record(std::string call);
+    void record(const std::string& call);
     int newDescriptor() { return nextDescriptor++; }
 };
 

@@ -73,8 +73,16 @@ ssize_t receiveBytes(int fd, void* buffer, std::size_t size) {
 }
 
 ssize_t sendBytes(int fd, const void* buffer, std::size_t size) {
+    std::function<void(int)> hook;
+    {
+        const Lock lock;
+        world().record(joined("send", fd, size));
+        hook = world().onSend;
+    }
+    if (hook) {
+        hook(fd);
+    }
     const Lock lock;
-    world().record(joined("send", fd, size));
     const std::int64_t count =
         fakes::takeResult(world().sendResults, static_cast<std::int64_t>(size));
     if (count > 0) {

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstring>
 #include <iterator>
-#include <utility>
 
 namespace fakes {
 namespace {
@@ -47,12 +46,15 @@ std::recursive_mutex& World::mutex() {
     return instance;
 }
 
-void World::record(std::string call) {
+void World::record(const std::string& call) {
     const Lock lock;
     if (calls.size() < kMostCalls) {
-        calls.push_back(std::move(call));
+        calls.push_back(call);
     } else if (onMainThread()) {
         throw EndlessLoop("endless loop, last call: " + call);
+    }
+    if (const auto hook = onCall) {
+        hook(call);
     }
 }
 

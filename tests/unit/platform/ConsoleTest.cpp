@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "platform/Time.h"
+#include "platform/UniqueFd.h"
 
 namespace {
 
@@ -38,6 +40,24 @@ TEST(Console, PrintsMoreThanAPipeHolds) {
     std::string read(text.size() + 1, '\0');
     EXPECT_EQ(platform::readFully(reader.get(), read.data(), read.size()),
               static_cast<ssize_t>(text.size()));
+}
+
+TEST(Console, DropsWhatAReaderDoesNotTakeWithinASecond) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const platform::UniqueFd reader(ends[0]);
+    const auto begin = platform::monotonicMilliseconds();
+    EXPECT_EQ(runInChild([&] {
+                  ::dup2(ends[1], STDOUT_FILENO);
+                  platform::printConsole(std::string(200000, 'x'));
+                  platform::printConsole(std::string(200000, 'x'));
+                  return 0;
+              }),
+              0);
+    const auto spanMs = platform::monotonicMilliseconds() - begin;
+    ::close(ends[1]);
+    EXPECT_GE(spanMs, 1000);
+    EXPECT_LT(spanMs, 1900) << "the second text must not wait again";
 }
 
 TEST(Console, PrintsErrorsLikePerror) {

@@ -1,0 +1,283 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "platform/System.h"
+#include "platform/UniqueFd.h"
+
+namespace {
+
+using namespace testsupport;
+
+/// Descriptors that are open in this process, but for the one that lists them.
+std::vector<int> openDescriptors() {
+    std::vector<int> found;
+    DIR* const directory = ::opendir("/proc/self/fd");
+    while (const dirent* entry = ::readdir(directory)) {
+        const int fd = entry->d_name[0] == '.' ? -1 : std::atoi(entry->d_name);
+        if (fd >= 0 && fd != ::dirfd(directory)) {
+            found.push_back(fd);
+        }
+    }
+    ::closedir(directory);
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+/// The clean child's descriptors above 2.
+std::vector<int> ownDescriptors() {
+    std::vector<int> found = openDescriptors();
+    found.erase(std::remove_if(found.begin(), found.end(), [](int fd) { return fd <= 2; }),
+                found.end());
+    return found;
+}
+
+bool standardFilesAreOpen() {
+    return ::fcntl(0, F_GETFD) >= 0 && ::fcntl(1, F_GETFD) >= 0 && ::fcntl(2, F_GETFD) >= 0;
+}
+
+void allowDescriptors(rlim_t count) {
+    rlimit limit = {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min(count, limit.rlim_max);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// Opens `count` descriptors; how many there are.
+int openMany(int count) {
+    int opened = 0;
+    while (opened < count && ::dup(0) >= 0) {
+        ++opened;
+    }
+    return opened;
+}
+
+TEST(CleanLaunchedProcess, ClosesEveryDescriptorAboveStandardError) {
+    EXPECT_EQ(runInChild([] {
+                  if (openMany(20) != 20) {
+                      return 1;
+                  }
+                  platform::cleanLaunchedProcess(-1);
+                  return ownDescriptors().empty() && standardFilesAreOpen() ? 0 : 2;
+              }),
+              0);
+}
+
+TEST(CleanLaunchedProcess, ClosesMoreThanAThousand) {
+    EXPECT_EQ(runInChild([] {
+                  allowDescriptors(4096);
+                  rlimit limit = {};
+                  ::getrlimit(RLIMIT_NOFILE, &limit);
+                  const int wanted = limit.rlim_cur >= 4096 ? 3000 : 100;
+                  if (openMany(wanted) != wanted) {
+                      return 1;
+                  }
+                  platform::cleanLaunchedProcess(-1);
+                  return ownDescriptors().empty() && standardFilesAreOpen() ? 0 : 2;
+              }),
+              0);
+}
+
+TEST(CleanLaunchedProcess, KeepsTheOneThatIsAskedFor) {
+    for (const int kept : {3, 7, 200}) {
+        EXPECT_EQ(runInChild([kept] {
+                      allowDescriptors(256);
+                      (void)openMany(20);
+                      if (::dup2(0, kept) != kept) {
+                          return 1;
+                      }
+                      platform::cleanLaunchedProcess(kept);
+                      return ownDescriptors() == std::vector<int>{kept} ? 0 : 2;
+                  }),
+                  0)
+            << kept;
+    }
+}
+
+TEST(CleanLaunchedProcess, WorksWhenThereIsNothingToClose) {
+    EXPECT_EQ(runInChild([] {
+                  platform::cleanLaunchedProcess(-1);
+                  platform::cleanLaunchedProcess(-1);
+                  ::close(0);
+                  platform::cleanLaunchedProcess(-1);
+                  return ownDescriptors().empty() && ::fcntl(0, F_GETFD) < 0 ? 0 : 1;
+              }),
+              0);
+}
+
+TEST(CleanLaunchedProcess, WorksWhenDescriptorsHaveRunOut) {
+    EXPECT_EQ(runInChild([] {
+                  allowDescriptors(64);
+                  (void)openMany(1000);
+                  if (::dup(0) >= 0) {
+                      return 1;
+                  }
+                  platform::cleanLaunchedProcess(5);
+                  return ownDescriptors() == std::vector<int>{5} ? 0 : 2;
+              }),
+              0);
+}
+
+TEST(CleanLaunchedProcess, ClosesWhatLiesAboveALimitThatWasLoweredLater) {
+    EXPECT_EQ(runInChild([] {
+                  allowDescriptors(256);
+                  if (::dup2(0, 200) != 200) {
+                      return 1;
+                  }
+                  allowDescriptors(32);
+                  (void)openMany(1000);
+                  if (::dup(0) >= 0) {
+                      return 2;
+                  }
+                  platform::cleanLaunchedProcess(-1);
+                  return ownDescriptors().empty() ? 0 : 3;
+              }),
+              0);
+}
+
+/// Signals whose action a program can set.
+std::vector<int> settableSignals() {
+    std::vector<int> signals;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action = {};
+        if (signal != SIGKILL && signal != SIGSTOP && ::sigaction(signal, nullptr, &action) == 0) {
+            signals.push_back(signal);
+        }
+    }
+    return signals;
+}
+
+TEST(CleanLaunchedProcess, GivesTheDescriptorLimitBack) {
+    EXPECT_EQ(runInChild([] {
+                  rlimit found = {};
+                  ::getrlimit(RLIMIT_NOFILE, &found);
+                  found.rlim_cur = 64;
+                  ::setrlimit(RLIMIT_NOFILE, &found);
+                  platform::raiseDescriptorLimit();
+                  rlimit raised = {};
+                  ::getrlimit(RLIMIT_NOFILE, &raised);
+                  const rlim_t most = found.rlim_max < 65536 ? found.rlim_max : 65536;
+                  if (raised.rlim_cur != most || raised.rlim_max != found.rlim_max) {
+                      return 1;
+                  }
+                  platform::cleanLaunchedProcess(-1);
+                  ::getrlimit(RLIMIT_NOFILE, &raised);
+                  return raised.rlim_cur == 64 && raised.rlim_max == found.rlim_max ? 0 : 2;
+              }),
+              0);
+}
+
+TEST(CleanLaunchedProcess, SetsEverySignalToItsDefaultActionAndUnblocksAll) {
+    ASSERT_GE(settableSignals().size(), 60U);
+    EXPECT_EQ(runInChild([] {
+                  sigset_t mask;
+                  ::sigfillset(&mask);
+                  ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+                  for (const int signal : settableSignals()) {
+                      struct sigaction action = {};
+                      action.sa_handler = signal % 2 == 0 ? SIG_IGN : [](int) {};
+                      ::sigaction(signal, &action, nullptr);
+                  }
+                  platform::cleanLaunchedProcess(-1);
+                  for (const int signal : settableSignals()) {
+                      struct sigaction action = {};
+                      ::sigaction(signal, nullptr, &action);
+                      if (action.sa_handler != SIG_DFL) {
+                          return signal;
+                      }
+                  }
+                  ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+                  return ::sigisemptyset(&mask) == 1 ? 0 : 100;
+              }),
+              0);
+}
+
+TEST(CleanLaunchedProcess, PassesNothingOnToAProgram) {
+    const TemporaryDirectory directory;
+    EXPECT_EQ(runInChild([&] {
+                  ::signal(SIGPIPE, SIG_IGN);
+                  ::signal(SIGCHLD, SIG_IGN);
+                  sigset_t mask;
+                  ::sigfillset(&mask);
+                  ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+                  (void)openMany(20);
+                  platform::cleanLaunchedProcess(-1);
+                  const std::string command = "grep -E '^Sig(Blk|Ign)' /proc/self/status > '" +
+                                              directory.file("signals") +
+                                              "'; test \"$(ls /proc/self/fd | wc -l)\" = 4";
+                  ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+                  return 127;
+              }),
+              0)
+        << "more than three descriptors and the one that lists them";
+    EXPECT_EQ(readText(directory.file("signals")),
+              "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+}
+
+TEST(SignalMask, IsBlockedAndRestored) {
+    sigset_t original;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &original);
+    sigset_t one;
+    ::sigemptyset(&one);
+    ::sigaddset(&one, SIGUSR1);
+    ::pthread_sigmask(SIG_SETMASK, &one, nullptr);
+
+    sigset_t saved;
+    platform::blockAllSignals(&saved);
+    sigset_t now;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &now);
+    for (const int signal : settableSignals()) {
+        EXPECT_EQ(::sigismember(&now, signal), 1) << signal;
+    }
+    platform::restoreSignalMask(&saved);
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &now);
+    EXPECT_EQ(::sigismember(&now, SIGUSR1), 1);
+    EXPECT_EQ(::sigismember(&now, SIGTERM), 0);
+    ::pthread_sigmask(SIG_SETMASK, &original, nullptr);
+}
+
+TEST(Gate, OpensForAByteAndTakesIt) {
+    int ends[2];
+    ASSERT_EQ(platform::openPipe(ends), 0);
+    const platform::UniqueFd reader(ends[0]);
+    const platform::UniqueFd writer(ends[1]);
+    ASSERT_EQ(::write(writer.get(), "ab", 2), 2);
+    platform::waitAtGate(reader.get());
+    char byte = 0;
+    ASSERT_EQ(::read(reader.get(), &byte, 1), 1);
+    EXPECT_EQ(byte, 'b');
+}
+
+TEST(Gate, StaysClosedUntilTheOtherEndIsGone) {
+    int ends[2];
+    ASSERT_EQ(platform::openPipe(ends), 0);
+    const ChildGuard child(startChild([&] {
+        ::close(ends[1]);
+        platform::waitAtGate(ends[0]);
+        return 0;
+    }));
+    ::close(ends[0]);
+    ::usleep(10000);
+    EXPECT_EQ(::waitpid(child.pid(), nullptr, WNOHANG), 0) << "still waiting";
+    ::close(ends[1]);
+    siginfo_t ended = {};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child.pid()), &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(ended.si_code, CLD_EXITED);
+    EXPECT_EQ(ended.si_status, 0);
+}
+
+TEST(Gate, OpensForADescriptorThatIsNotOpen) {
+    platform::waitAtGate(-1);
+}
+
+} // namespace

@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "platform/Process.h"
+#include "platform/ProcessScan.h"
 #include "platform/UniqueFd.h"
 #include "records/appinfo.h"
 #include "records/reqcmd.h"
@@ -264,11 +265,10 @@ private:
     int readGrandchildPid(int readEnd);
     [[noreturn]] void giveUpForking(int error);
 
-    struct Candidate;
     struct Wanted;
-    int examineCandidate(pid_t pid, const Wanted& wanted, Candidate& candidate);
-    int compareWords(const Wanted& wanted, const Candidate& candidate);
-    void adoptDaemon(const Candidate& candidate, appinfo& app);
+    int examineCandidate(pid_t pid, const Wanted& wanted, platform::Candidate& candidate);
+    int compareWords(const Wanted& wanted, const platform::Candidate& candidate);
+    void adoptDaemon(const platform::Candidate& candidate, appinfo& app);
     int awaitDaemon(appinfo& app, statstruct_proc& facts, int argc, char** argv);
     int searchDaemon(appinfo& app, statstruct_proc& facts, int argc, char** argv,
                      std::time_t termination);

@@ -1,7 +1,6 @@
 // Which process is the application: the search of /proc for the daemon that a launch left behind,
 // and small process utilities.
 
-#include <dirent.h>
 #include <fcntl.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include "appmanager/AppManager.h"
 #include "appmanager/CommandWords.h"
 #include "platform/InstallationDirectories.h"
+#include "platform/ProcessScan.h"
 #include "platform/Settings.h"
 #include "platform/System.h"
 #include "platform/Text.h"
@@ -44,18 +44,7 @@ enum WaitFailure : int {
     kNoBootTime = -5,
 };
 
-/// A start time as the traces show it.
-int traceTicks(const statstruct_proc& info) {
-    return static_cast<int>(info.starttime);
-}
-
 } // namespace
-
-/// A process under examination.
-struct AppManager::Candidate {
-    statstruct_proc info;
-    char cmdline[1024];
-};
 
 /// What a process is compared with.
 struct AppManager::Wanted {
@@ -78,12 +67,9 @@ int AppManager::findDaemon(appinfo& app, const statstruct_proc* info, int argc, 
     }
     const Wanted wanted = {app.cmd, argc, argv, argv0_only};
     int result = kNoFacts;
-    Candidate candidate;
+    platform::Candidate candidate;
     platform::ProcDirectory::Entry entry;
-    while (result < 0 && proc.next(entry)) {
-        if (entry.type != DT_DIR || is_uint(entry.name) != 0) {
-            continue;
-        }
+    while (result < 0 && platform::nextProcess(proc, entry)) {
         platform::trace(verbose > 7, "findDaemon: d_type=0x%x pid=%s\n", entry.type, entry.name);
         const pid_t pid = platform::pidFromName(entry.name);
         if (pid != platform::currentProcessId()) { // The monitor is no application.
@@ -102,17 +88,15 @@ int AppManager::findDaemon(appinfo& app, const statstruct_proc* info, int argc, 
 }
 
 /// The pid when the process is the one wanted, else the reason why not.
-int AppManager::examineCandidate(pid_t pid, const Wanted& wanted, Candidate& candidate) {
+int AppManager::examineCandidate(pid_t pid, const Wanted& wanted, platform::Candidate& candidate) {
     if (get_proc_info_by_pid(pid, &candidate.info) != 0) {
         platform::trace(verbose > 7, "findDaemon: pid=%d process info not found\n", pid);
         return kNoFacts;
     }
-    candidate.cmdline[0] = '\0';
-    int length = sizeof candidate.cmdline;
-    if (get_proc_cmdline(pid, candidate.cmdline, &length) != 0 || candidate.cmdline[0] != '/') {
+    if (!platform::readCommandLine(pid, candidate)) {
         platform::trace(verbose > 7,
                         "findDaemon: pid=%d, starttime=%d, missing or invalid cmdline=\"%s\"\n",
-                        pid, traceTicks(candidate.info), candidate.cmdline);
+                        pid, platform::traceTicks(candidate.info), candidate.cmdline);
         return kNoCommandLine;
     }
     const int refusal = compareWords(wanted, candidate);
@@ -122,19 +106,19 @@ int AppManager::examineCandidate(pid_t pid, const Wanted& wanted, Candidate& can
     if (!platform::isInIncludedDirectory(candidate.cmdline)) {
         platform::trace(verbose > 7,
                         "findDaemon: not included pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
-                        traceTicks(candidate.info), candidate.cmdline);
+                        platform::traceTicks(candidate.info), candidate.cmdline);
         return kNotIncluded;
     }
     if (platform::isInExcludedDirectory(candidate.cmdline)) {
         platform::trace(verbose > 7, "findDaemon: excluded pid=%d, starttime=%d, cmdline=\"%s\"\n",
-                        pid, traceTicks(candidate.info), candidate.cmdline);
+                        pid, platform::traceTicks(candidate.info), candidate.cmdline);
         return kExcluded;
     }
     return pid;
 }
 
 /// 0 when the process runs with the wanted words, else the reason why not.
-int AppManager::compareWords(const Wanted& wanted, const Candidate& candidate) {
+int AppManager::compareWords(const Wanted& wanted, const platform::Candidate& candidate) {
     const CommandWords words(*this, candidate.cmdline);
     if (words.count() == 0 || words.count() != wanted.argc) {
         platform::trace(
@@ -165,7 +149,7 @@ int AppManager::compareWords(const Wanted& wanted, const Candidate& candidate) {
     return 0;
 }
 
-void AppManager::adoptDaemon(const Candidate& candidate, appinfo& app) {
+void AppManager::adoptDaemon(const platform::Candidate& candidate, appinfo& app) {
     app.pid = candidate.info.pid;
     if (statusUpdate_.bootTimeKnown()) {
         app.start_time = statusUpdate_.startTimeOf(candidate.info);
@@ -176,7 +160,7 @@ void AppManager::adoptDaemon(const Candidate& candidate, appinfo& app) {
         char date[256];
         getDateStringFromTimeStruct(date, app.start_time);
         platform::trace(true, "findDaemon: found daemon pid=%d, starttime=%d(%s) cmdline=\"%s\"\n",
-                        app.pid, traceTicks(candidate.info), date, candidate.cmdline);
+                        app.pid, platform::traceTicks(candidate.info), date, candidate.cmdline);
     }
 }
 

@@ -104,9 +104,9 @@ int readAppConfigurationFileList(const char* path, long /*unused*/, std::deque<r
         return -2;
     }
     reqcmd record;
-    // Neither a source without end nor a large file must fill the memory or hold up a shutdown.
-    for (std::int64_t left = countRecords(file.get());
-         left > 0 && g_bDaemonShutdown == 0 && readRecord(file.get(), record); --left) {
+    // A source without end must not fill the memory.
+    for (std::int64_t left = countRecords(file.get()); left > 0 && readRecord(file.get(), record);
+         --left) {
         queue.push_back(record);
         ++readConfigurationCount;
         platform::trace(verbose > 4, "%d) reading %s REQUEST_CMD={action=%d,%.64s}\n",

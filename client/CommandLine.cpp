@@ -135,7 +135,7 @@ private:
 
     CLI::App* addCommand(const char* name, const char* help);
     CLI::Option* addText(CLI::App* app, const std::string& name, const std::string& help,
-                         std::function<void(const std::string&)> store);
+                         const std::function<void(const std::string&)>& store);
     template <std::size_t Size>
     CLI::Option* addField(CLI::App* app, const std::string& name, char (&field)[Size],
                           const std::string& help);
@@ -179,8 +179,8 @@ CLI::App* Parser::addCommand(const char* name, const char* help) {
 }
 
 CLI::Option* Parser::addText(CLI::App* app, const std::string& name, const std::string& help,
-                             std::function<void(const std::string&)> store) {
-    return app->add_option_function<std::string>(name, std::move(store), help);
+                             const std::function<void(const std::string&)>& store) {
+    return app->add_option_function<std::string>(name, store, help);
 }
 
 template <std::size_t Size>

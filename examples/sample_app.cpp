@@ -64,7 +64,7 @@ void prepareSignals(bool ignoreTerm) {
 
 /// Waits until the given point in time; true when an ending signal came first.
 bool waitUntil(std::int64_t pointMs, bool ignoreTerm) {
-    constexpr std::int64_t kLongestWaitMs = 3600 * 1000;
+    constexpr std::int64_t kLongestWaitMs = 3600000;
     const sigset_t ending = endingSignals(ignoreTerm);
     for (std::int64_t now = nowMs(); now < pointMs; now = nowMs()) {
         const std::int64_t spanMs = std::min(pointMs - now, kLongestWaitMs);

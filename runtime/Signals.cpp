@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "platform/Console.h"
 #include "platform/Settings.h"
@@ -51,7 +52,9 @@ std::atomic<int> g_exitStatus{0};
 // What the timer's handler leaves for the main loop to log.
 std::atomic<std::uint32_t> g_watchdogOpenFailures{0};
 std::atomic<std::uint32_t> g_watchdogKicks{0};
-std::atomic<int> g_watchdogKickResult{0};
+/// Results of the latest kicks, by their number. The stall budget ends the feeding long before a
+/// result that has not been logged is overwritten.
+std::atomic<int> g_watchdogKickResults[32];
 
 /// Wakes the main thread for a reason that is no termination signal. Blocked while the monitor
 /// runs, and ignored, so that one still pending does no harm when the mask is restored.
@@ -132,9 +135,9 @@ bool openWatchdog() {
 }
 
 void feedWatchdog() {
-    g_watchdogKickResult = static_cast<int>(platform::writeDescriptor(wdog_fd, "w", 1));
+    const auto result = static_cast<int>(platform::writeDescriptor(wdog_fd, "w", 1));
     (void)platform::flushDescriptor(wdog_fd); // Devices without it are fed all the same.
-    ++g_watchdogKicks;
+    g_watchdogKickResults[g_watchdogKicks++ % std::size(g_watchdogKickResults)] = result;
 }
 
 /// Calls the handler that the monitor found for SIGCONT, if it was one.
@@ -273,9 +276,13 @@ void reportWatchdogEvents() {
     for (std::uint32_t left = g_watchdogOpenFailures.exchange(0); left > 0; --left) {
         appmgr->writeLog(kLogError, " watch dog open failure, exit");
     }
-    for (std::uint32_t left = g_watchdogKicks.exchange(0); left > 0 && g_verbose > 5; --left) {
-        platform::trace(true, "kicked watchdog... %d\n", g_watchdogKickResult.load());
-        appmgr->writeLog(kLogDebug, "kicked watchdog");
+    static std::uint32_t reported = 0;
+    for (; reported != g_watchdogKicks; ++reported) {
+        if (g_verbose > 5) {
+            const std::size_t slot = reported % std::size(g_watchdogKickResults);
+            platform::trace(true, "kicked watchdog... %d\n", g_watchdogKickResults[slot].load());
+            appmgr->writeLog(kLogDebug, "kicked watchdog");
+        }
     }
 }
 

@@ -84,6 +84,7 @@ void settleProcess() {
     // Inherited as ignored it would take the statuses away for which the launch waits.
     (void)platform::setSignalHandler(SIGCHLD, SIG_DFL);
     (void)platform::setSignalAction(SIGCONT, nullptr, &savedSigAction_SIGCONT);
+    platform::raiseDescriptorLimit();
     const int pid = platform::currentProcessId();
     const int result = platform::setProcessPriority(pid, kMonitorPriority);
     platform::trace(g_verbose > 4, "%d=setpriority(PRIO_PROCESS, %d, %d)\n", result, pid,

@@ -8,7 +8,7 @@
 #include <ctime>
 #include <vector>
 
-#include "platform/Process.h"
+#include "platform/ProcessScan.h"
 #include "records/appinfo.h"
 
 /// Publishes the registry and the machine's statistics, and knows when the machine was booted.
@@ -62,13 +62,8 @@ public:
     int findDaemonName(appinfo& app);
 
 private:
-    struct Candidate {
-        statstruct_proc info;
-        char cmdline[1024];
-    };
-
-    int examineCandidate(pid_t pid, const appinfo& app, Candidate& candidate) const;
-    void adoptCandidate(const Candidate& candidate, appinfo& app) const;
+    int examineCandidate(pid_t pid, const appinfo& app, platform::Candidate& candidate) const;
+    void adoptCandidate(const platform::Candidate& candidate, appinfo& app) const;
 
     std::atomic<std::uint32_t> bootTime_{0};
     std::atomic<std::int32_t> clockTicks_{0};

@@ -1,11 +1,9 @@
 // Search of /proc for an application's process by its executable name.
 
-#include <dirent.h>
-
 #include <cstring>
 
 #include "platform/InstallationDirectories.h"
-#include "platform/Process.h"
+#include "platform/ProcessScan.h"
 #include "platform/Settings.h"
 #include "platform/System.h"
 #include "platform/Text.h"
@@ -26,11 +24,6 @@ enum Refusal : int {
 /// Length of a process's executable name as the kernel keeps it.
 constexpr std::size_t kExeNameLength = 15;
 
-/// A start time as the traces show it.
-int traceTicks(const statstruct_proc& info) {
-    return static_cast<int>(info.starttime);
-}
-
 } // namespace
 
 int AppStatusUpdate::findDaemonName(appinfo& app) {
@@ -44,12 +37,9 @@ int AppStatusUpdate::findDaemonName(appinfo& app) {
         return kNoProc;
     }
     int result = kNoProcess;
-    Candidate candidate;
+    platform::Candidate candidate;
     platform::ProcDirectory::Entry entry;
-    while (result < 0 && proc.next(entry)) {
-        if (entry.type != DT_DIR || !platform::isAllDigits(entry.name)) {
-            continue;
-        }
+    while (result < 0 && platform::nextProcess(proc, entry)) {
         platform::trace(verbose >= 8, "findDaemonName: d_type=0x%x pid=%s\n", entry.type,
                         entry.name);
         const pid_t pid = platform::pidFromName(entry.name);
@@ -67,7 +57,8 @@ int AppStatusUpdate::findDaemonName(appinfo& app) {
 }
 
 /// The pid when the process is the application's, else the reason why not.
-int AppStatusUpdate::examineCandidate(pid_t pid, const appinfo& app, Candidate& candidate) const {
+int AppStatusUpdate::examineCandidate(pid_t pid, const appinfo& app,
+                                      platform::Candidate& candidate) const {
     if (get_proc_info_by_pid(pid, &candidate.info) != 0) {
         platform::trace(verbose >= 8, "findDaemonName: pid=%d process info not found\n", pid);
         return kNoProcess;
@@ -78,33 +69,31 @@ int AppStatusUpdate::examineCandidate(pid_t pid, const appinfo& app, Candidate& 
                         pid, candidate.info.exeName, app.name);
         return kOtherName;
     }
-    candidate.cmdline[0] = '\0';
-    int length = sizeof candidate.cmdline;
-    if (get_proc_cmdline(pid, candidate.cmdline, &length) != 0 || candidate.cmdline[0] != '/') {
+    if (!platform::readCommandLine(pid, candidate)) {
         platform::trace(verbose >= 8,
                         "findDaemonName: pid=%d, starttime=%d, missing or invalid cmdline=\"%s\"\n",
-                        pid, traceTicks(candidate.info), candidate.cmdline);
+                        pid, platform::traceTicks(candidate.info), candidate.cmdline);
         return kNoCommandLine;
     }
     if (!platform::isInIncludedDirectory(candidate.cmdline)) {
         platform::trace(verbose >= 8,
                         "findDaemonName: not included pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
-                        traceTicks(candidate.info), candidate.cmdline);
+                        platform::traceTicks(candidate.info), candidate.cmdline);
         return kNotIncluded;
     }
     if (platform::isInExcludedDirectory(candidate.cmdline)) {
         platform::trace(verbose >= 8,
                         "findDaemonName: excluded pid=%d, starttime=%d, cmdline=\"%s\"\n", pid,
-                        traceTicks(candidate.info), candidate.cmdline);
+                        platform::traceTicks(candidate.info), candidate.cmdline);
         return kExcluded;
     }
     return pid;
 }
 
-void AppStatusUpdate::adoptCandidate(const Candidate& candidate, appinfo& app) const {
+void AppStatusUpdate::adoptCandidate(const platform::Candidate& candidate, appinfo& app) const {
     platform::trace(verbose >= 7,
                     "findDaemonName: found daemon pid=%d, starttime=%d cmdline=\"%s\"\n",
-                    candidate.info.pid, traceTicks(candidate.info), candidate.cmdline);
+                    candidate.info.pid, platform::traceTicks(candidate.info), candidate.cmdline);
     app.pid = candidate.info.pid;
     if (bootTimeKnown()) {
         app.start_time = startTimeOf(candidate.info);

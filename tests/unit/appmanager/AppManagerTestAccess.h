@@ -1,0 +1,36 @@
+// The manager's private parts, for its tests.
+
+#ifndef OVARD_TESTS_UNIT_APPMANAGER_APP_MANAGER_TEST_ACCESS_H
+#define OVARD_TESTS_UNIT_APPMANAGER_APP_MANAGER_TEST_ACCESS_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <deque>
+
+#include "appmanager/AppManager.h"
+
+class AppManagerTestAccess {
+public:
+    static std::atomic<bool>& shuttingDown(AppManager& manager) { return manager.shutting_down; }
+    static pthread_t commandThread(const AppManager& manager) { return manager.commandThread_; }
+    static void cancelCommandThread(AppManager& manager) { manager.cancelCommandThread(); }
+    static std::deque<reqcmd>& queue(AppManager& manager) { return manager.reqlist; }
+    static pthread_mutex_t& queueLock(AppManager& manager) { return manager.queue_lock; }
+    static pthread_mutex_t& appLock(AppManager& manager) { return manager.app_lock; }
+    static bool drainQueue(AppManager& manager) { return manager.drainQueue(); }
+    static appinfo& workRecord(AppManager& manager) { return manager.workRecord_; }
+    static std::atomic<bool>& restartAllRequested(AppManager& manager) {
+        return manager.restart_all_requested;
+    }
+    static bool& rebootRequested(AppManager& manager) { return manager.reboot_requested; }
+    static std::int32_t& lastHeartbeatResult(AppManager& manager) {
+        return manager.last_heartbeat_result;
+    }
+    static std::atomic<bool>& commandThreadAlive(AppManager& manager) {
+        return manager.commandThreadAlive_;
+    }
+    static AppStatusUpdate& statusUpdate(AppManager& manager) { return manager.statusUpdate_; }
+};
+
+#endif // OVARD_TESTS_UNIT_APPMANAGER_APP_MANAGER_TEST_ACCESS_H

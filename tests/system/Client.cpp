@@ -1,6 +1,8 @@
 #include "tests/system/Client.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -67,6 +69,15 @@ bool Client::send(const std::string& bytes) {
         done += static_cast<std::size_t>(count);
     }
     return true;
+}
+
+bool Client::waitUntilRead(int timeoutMs) const {
+    return eventually(
+        [this] {
+            int unread = -1;
+            return ::ioctl(fd_, SIOCOUTQ, &unread) == 0 && unread == 0;
+        },
+        timeoutMs);
 }
 
 Received Client::receive(int timeoutMs, std::size_t limit) {

@@ -41,6 +41,9 @@ public:
     bool send(const std::string& bytes);
     bool send(const reqcmd& request) { return send(bytesOf(request)); }
 
+    /// Waits until the other side has read all that was sent.
+    bool waitUntilRead(int timeoutMs = kPatienceMs) const;
+
     /// Reads until the other side closes the connection, until `limit` bytes have come (0: no
     /// limit), or until the time is over.
     Received receive(int timeoutMs, std::size_t limit = 0);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <set>
 
 #include "tests/system/Client.h"
 #include "tests/system/Support.h"
@@ -19,10 +20,26 @@ bool workersWait(pid_t pid) {
            });
 }
 
+std::set<Daemon*>& liveDaemons() {
+    static std::set<Daemon*> daemons;
+    return daemons;
+}
+
 } // namespace
+
+Daemon::Daemon() {
+    liveDaemons().insert(this);
+}
 
 Daemon::~Daemon() {
     kill();
+    liveDaemons().erase(this);
+}
+
+void Daemon::killAll() {
+    for (Daemon* const daemon : liveDaemons()) {
+        daemon->kill();
+    }
 }
 
 void Daemon::setMeterRoot(const std::string& root) {

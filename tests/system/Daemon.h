@@ -16,7 +16,7 @@ namespace systemtest {
 /// in files; in the background it is an orphan whose end shows in /proc and in the logs only.
 class Daemon {
 public:
-    Daemon() = default;
+    Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
     ~Daemon();
@@ -67,6 +67,9 @@ public:
 
     /// SIGKILL and wait.
     void kill();
+
+    /// Kills what is left of every Daemon object, whatever became of its test.
+    static void killAll();
 
 private:
     static constexpr int kReadyMs = 10000;

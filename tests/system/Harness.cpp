@@ -58,6 +58,7 @@ void SystemTest::TearDown() {
     if (HasFailure()) {
         showEvidence();
     }
+    Daemon::killAll();
     EXPECT_TRUE(processesNamed("ovard").empty()) << "a monitor is left over";
     EXPECT_TRUE(endStrangers()) << "some process cannot be ended";
 }

@@ -247,16 +247,17 @@ Ending Program::waitForEnd(int timeoutMs) {
     }
     const std::int64_t begin = monotonicMs();
     int status = 0;
+    pid_t waited = 0;
     const bool ended =
-        eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs);
+        eventually([&] { return (waited = ::waitpid(pid_, &status, WNOHANG)) != 0; }, timeoutMs);
     Ending result;
     result.tookMs = monotonicMs() - begin;
     if (ended) {
         result.ended = true;
-        result.statusKnown = true;
-        result.exited = WIFEXITED(status);
+        result.statusKnown = waited == pid_;
+        result.exited = result.statusKnown && WIFEXITED(status);
         result.status = result.exited ? WEXITSTATUS(status) : 0;
-        result.signal = result.exited ? 0 : WTERMSIG(status);
+        result.signal = result.statusKnown && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
         ending_ = result;
     }
     return result;

@@ -11,7 +11,9 @@
 #include <climits>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
+#include <stdexcept>
 
 namespace systemtest {
 namespace {
@@ -186,6 +188,16 @@ std::vector<std::string> entriesOf(const std::string& directory) {
 }
 
 void emptyDirectory(const std::string& directory) {
+    // Everything else belongs to the real machine.
+    constexpr const char* kPrivateFolders[] = {"/tmp", "/dev/shm", "/home",
+                                               "/mnt", "/var/log", "/var/lib/dhcp"};
+    const bool isPrivate = std::any_of(std::begin(kPrivateFolders), std::end(kPrivateFolders),
+                                       [&](const std::string& folder) {
+                                           return directory == folder || isBelow(directory, folder);
+                                       });
+    if (!isPrivate) {
+        throw std::invalid_argument("not a private folder of the sandbox: " + directory);
+    }
     emptyDirectoryBut(directory, protectedPaths());
 }
 

@@ -64,6 +64,7 @@ bool copyProgram(const std::string& from, const std::string& to);
 std::vector<std::string> entriesOf(const std::string& directory);
 
 /// Removes what is in a directory, but neither what is mounted there nor the programs under test.
+/// Throws for a directory outside the private folders of the sandbox.
 void emptyDirectory(const std::string& directory);
 
 /// Lines of a text without their ends; a last line without an end counts.

@@ -1,0 +1,675 @@
+// The actions of control requests with real applications: replies, log lines and processes. The
+// actions on one application first, then those on all of them.
+
+#include <algorithm>
+#include <csignal>
+
+#include "tests/system/Applications.h"
+
+namespace systemtest {
+namespace {
+
+class Actions : public ApplicationTest {};
+class ActionsOnAll : public ApplicationTest {};
+
+constexpr int kNotFound = -20;
+constexpr int kStopFailed = -4;
+
+std::string pidText(pid_t pid) {
+    return "[pid=" + std::to_string(pid) + "]";
+}
+
+/// The line of an intake.
+LogText queued(const reqcmd& request) {
+    return {7, "processRequest: action=" + std::to_string(request.action) +
+                   " name=" + request.name + ", cmd=" + request.cmd};
+}
+
+LogText stopped(const std::string& name, pid_t pid) {
+    return {6, name + pidText(pid) + " is stopped"};
+}
+
+/// The line of a launch without the launched pid, which nothing outside tells.
+LogText withoutLaunchedPid(LogText line) {
+    const std::string sign = "start_process_fork2=";
+    const std::size_t at = line.text.find(sign);
+    if (at != std::string::npos) {
+        line.text = line.text.substr(0, at + sign.size()) + "PID";
+    }
+    return line;
+}
+
+LogText launched(const std::string& name) {
+    return {6, "start_process: name=" + name + "  status=1 start_process_fork2=PID"};
+}
+
+/// The lines since the mark in the form of the functions above.
+std::vector<LogText> linesSince(const LogMark& mark, std::size_t count) {
+    std::vector<LogText> lines = mark.lines(count);
+    std::transform(lines.begin(), lines.end(), lines.begin(), withoutLaunchedPid);
+    return lines;
+}
+
+void expectLines(const LogMark& mark, const std::vector<LogText>& expected) {
+    EXPECT_EQ(linesSince(mark, expected.size()), expected);
+}
+
+// --- Start ---------------------------------------------------------------------------------------
+
+TEST_F(Actions, StartRunsTheProgram) {
+    ASSERT_TRUE(startMonitor());
+    const reqcmd request = makeStart("one");
+    const LogMark mark;
+    const Reply reply = askFor(request);
+    const pid_t pid = pidIn(reply.message);
+    EXPECT_EQ(reply, replyOf(0, "one " + pidText(pid) + " is started @DATE\n"));
+    EXPECT_TRUE(runsAlone("one", pid));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Start one"},
+                       launched("one"),
+                       {6, "one " + pidText(pid) + " is started @DATE"}});
+}
+
+TEST_F(Actions, StartOfARunningNameReplacesItsProcess) {
+    ASSERT_TRUE(startMonitor());
+    const pid_t first = launch("one", "red");
+    const LogMark mark;
+    const reqcmd request = makeStart("one", "blue");
+    const pid_t second = launch(request);
+    EXPECT_FALSE(isRunning(first));
+    EXPECT_EQ(processesNamed("one"), std::vector<pid_t>{second});
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Start one"},
+                       stopped("one", first),
+                       launched("one"),
+                       {6, "one " + pidText(second) + " is started @DATE"}});
+    // One entry is left of the two: a second stop finds none.
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "one")), replyOf(0, "one is stopped @DATE\n"));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "one")), replyOf(kNotFound, "one is not found\n"));
+}
+
+TEST_F(Actions, StartOfANameWithTwoEntriesReplacesBoth) {
+    ASSERT_TRUE(startMonitor());
+    // A name without a NUL matches no entry, so that each of these adds one; the entries keep 63
+    // characters of it.
+    const std::string whole(64, 'n');
+    (void)installSample("first");
+    (void)installSample("second");
+    const Reply first =
+        askFor(makeRequestWithWholeName(APPMONCTL_Start, whole, commandOf("first")));
+    const Reply second =
+        askFor(makeRequestWithWholeName(APPMONCTL_Start, whole, commandOf("second")));
+    ASSERT_TRUE(runsAlone("first", pidIn(first.message)));
+    ASSERT_TRUE(runsAlone("second", pidIn(second.message)));
+
+    reqcmd request = makeStart("third");
+    whole.copy(request.name, 63);
+    const pid_t third = launch(request);
+    EXPECT_TRUE(processesNamed("first").empty());
+    EXPECT_TRUE(processesNamed("second").empty());
+    EXPECT_TRUE(runsAlone("third", third));
+    const std::string name = whole.substr(0, 63);
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, name)), replyOf(0, name + " is stopped @DATE\n"));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, name)),
+              replyOf(kNotFound, name + " is not found\n"));
+}
+
+TEST_F(Actions, StartWithoutACommandStopsWhatRanAndIsNotAnswered) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    const pid_t pid = launch("one");
+    const LogMark mark;
+    const reqcmd request = makeRequest(APPMONCTL_Start, "one");
+    EXPECT_TRUE(staysUnanswered(request));
+    EXPECT_FALSE(isRunning(pid));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Start one"},
+                       stopped("one", pid),
+                       {3, "one has no command line failure"},
+                       {3, "one fails to start"}});
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "one")), replyOf(kNotFound, "one is not found\n"));
+    EXPECT_EQ(tracedResults(), (std::vector<std::string>{"0=0", "0=-3", "1=0"}));
+}
+
+TEST_F(Actions, RequestsDuringASlowStartRunAfterwardsInOrder) {
+    ASSERT_TRUE(startMonitor());
+    const reqcmd slow = makeStart("slow", "--daemonize-after 4000");
+    const reqcmd next = makeStart("next");
+    const reqcmd last = makeRequest(APPMONCTL_Stop, "slow");
+    const LogMark mark;
+    for (const reqcmd& request : {slow, next, last}) {
+        ASSERT_TRUE(sendWithoutWaiting(request));
+    }
+    ASSERT_TRUE(eventually([] { return !processesNamed("slow").empty(); }));
+    const std::vector<LogText> lines = linesSince(mark, 9);
+    ASSERT_EQ(lines.size(), 9U);
+    const std::vector<LogText> begin(lines.begin(), lines.begin() + 6);
+    EXPECT_EQ(begin,
+              (std::vector<LogText>{queued(slow),
+                                    {7, "processCmd() request.action=APPMONCTL_Start slow"},
+                                    queued(next),
+                                    queued(last),
+                                    launched("slow"),
+                                    {7, "processCmd() request.action=APPMONCTL_Start next"}}));
+    EXPECT_EQ(lines[6], launched("next"));
+    EXPECT_EQ(lines[7], (LogText{7, "processCmd() request.action=APPMONCTL_Stop slow"}));
+    EXPECT_EQ(lines[8], stopped("slow", pidIn(lines[8].text)));
+    EXPECT_TRUE(processesNamed("slow").empty());
+    EXPECT_EQ(processesNamed("next").size(), 1U);
+}
+
+// --- Stop ----------------------------------------------------------------------------------------
+
+TEST_F(Actions, StopEndsTheProcessAndForgetsIt) {
+    ASSERT_TRUE(startMonitor());
+    const pid_t pid = launch("one");
+    const pid_t other = launch("two");
+    const reqcmd request = makeRequest(APPMONCTL_Stop, "one");
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, "one is stopped @DATE\n"));
+    EXPECT_FALSE(isRunning(pid));
+    EXPECT_TRUE(runsAlone("two", other));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Stop one"},
+                       stopped("one", pid),
+                       {6, "one is stopped @DATE"}});
+    const LogMark again;
+    EXPECT_EQ(askFor(request), replyOf(kNotFound, "one is not found\n"));
+    expectLines(again, {queued(request),
+                        {7, "processCmd() request.action=APPMONCTL_Stop one"},
+                        {6, "one is not found"}});
+}
+
+TEST_F(Actions, StopThatFailsIsNotAnsweredAndForgetsAllTheSame) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    launchOneThatCannotBeStopped("one");
+    const reqcmd request = makeRequest(APPMONCTL_Stop, "one");
+    const LogMark mark;
+    Client client;
+    ASSERT_TRUE(sendRequest(client, request));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Stop one"},
+                       {3, "one fails to stop"}});
+    EXPECT_EQ(client.receive(kSilenceMs).bytes, "");
+    EXPECT_EQ(askFor(request), replyOf(kNotFound, "one is not found\n"));
+    EXPECT_EQ(tracedResults(), (std::vector<std::string>{"0=0", "1=-4", "1=0"}));
+    EXPECT_EQ(countOf(monitor_.console(), "stopApp failed for one\n"), 1U);
+}
+
+// --- Restart -------------------------------------------------------------------------------------
+
+TEST_F(Actions, RestartReplacesTheProcess) {
+    ASSERT_TRUE(startMonitor());
+    const pid_t first = launch("one", "--daemonize-after 100");
+    const pid_t other = launch("two");
+    const reqcmd request = makeRequest(APPMONCTL_Restart, "one");
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, "one is restarted @DATE\n"));
+    EXPECT_FALSE(isRunning(first));
+    const std::vector<pid_t> now = processesNamed("one");
+    ASSERT_EQ(now.size(), 1U);
+    EXPECT_EQ(commandLineOf(now[0]), commandOf("one", "--daemonize-after 100"));
+    EXPECT_TRUE(runsAlone("two", other));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Restart one"},
+                       stopped("one", first),
+                       launched("one"),
+                       {6, "one is restarted @DATE"}});
+    // The entry knows the new process: a stop ends it, and names it.
+    const LogMark stop;
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "one")), replyOf(0, "one is stopped @DATE\n"));
+    EXPECT_EQ(stop.lines(4).at(2), stopped("one", now[0]));
+}
+
+TEST_F(Actions, RestartOfAnUnknownNameSucceeds) {
+    ASSERT_TRUE(startMonitor());
+    const reqcmd request = makeRequest(APPMONCTL_Restart, "ghost");
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, "ghost is restarted @DATE\n")) << "nothing registered";
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Restart ghost"},
+                       {6, "ghost is restarted @DATE"}});
+    const pid_t pid = launch("one");
+    EXPECT_EQ(askFor(request), replyOf(0, "ghost is restarted @DATE\n"));
+    EXPECT_TRUE(runsAlone("one", pid));
+}
+
+TEST_F(Actions, RestartOfOneWithPolicyAllRestartsNothing) {
+    ASSERT_TRUE(startMonitor());
+    reqcmd start = makeStart("one");
+    start.restart_type = RESTART_TYPE_ALL;
+    const pid_t pid = launch(start);
+    const reqcmd request = makeRequest(APPMONCTL_Restart, "one");
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, "one is restarted @DATE\n"));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Restart one"},
+                       {6, "one is restarted @DATE"}});
+    EXPECT_TRUE(runsAlone("one", pid));
+}
+
+TEST_F(Actions, RestartThatFailsIsAnswered) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    launchOneThatCannotBeStopped("one");
+    const reqcmd request = makeRequest(APPMONCTL_Restart, "one");
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(kStopFailed, "one fails to restart\n"));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Restart one"},
+                       {3, "one fails to restart"}});
+    EXPECT_TRUE(processesNamed("one").empty());
+    EXPECT_TRUE(eventually([&] {
+        return tracedResults() == std::vector<std::string>{"0=0", "5=-3"};
+    }));
+}
+
+TEST_F(Actions, RestartOfANameWithTwoEntriesRestartsBoth) {
+    ASSERT_TRUE(startMonitor());
+    const std::string whole(64, 'n');
+    std::vector<pid_t> before;
+    for (const char* program : {"first", "second"}) {
+        (void)installSample(program);
+        const Reply reply =
+            askFor(makeRequestWithWholeName(APPMONCTL_Start, whole, commandOf(program)));
+        before.push_back(pidIn(reply.message));
+    }
+    const std::string name = whole.substr(0, 63);
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Restart, name)),
+              replyOf(0, name + " is restarted @DATE\n"));
+    EXPECT_FALSE(isRunning(before[0]));
+    EXPECT_FALSE(isRunning(before[1]));
+    EXPECT_EQ(processesNamed("first").size(), 1U);
+    EXPECT_EQ(processesNamed("second").size(), 1U);
+}
+
+// --- other codes ---------------------------------------------------------------------------------
+
+TEST_F(Actions, ReservedCodesDoNothing) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    const pid_t pid = launch("one");
+    for (const int action : {APPMONCTL_Reserved9, APPMONCTL_Reserved10}) {
+        const reqcmd request = makeRequest(action, "one");
+        const LogMark mark;
+        EXPECT_TRUE(staysUnanswered(request)) << action;
+        EXPECT_EQ(mark.lines(1), std::vector<LogText>{queued(request)});
+    }
+    EXPECT_TRUE(eventually([&] {
+        return tracedResults() == std::vector<std::string>{"0=0", "9=0", "10=0"};
+    }));
+    EXPECT_TRUE(runsAlone("one", pid));
+    EXPECT_EQ(countLog(6, "request.action=UNKNOWN"), 0U);
+}
+
+TEST_F(Actions, UnknownCodesAreLoggedOnly) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "6"}));
+    const pid_t pid = launch("one");
+    for (const int action : {-1, 11}) {
+        const reqcmd request = makeRequest(action, "one");
+        const LogMark mark;
+        Client client;
+        ASSERT_TRUE(sendRequest(client, request));
+        EXPECT_EQ(mark.lines(2),
+                  (std::vector<LogText>{queued(request), {6, "request.action=UNKNOWN"}}));
+        const Received received = client.receive(kSilenceMs);
+        EXPECT_EQ(received.bytes, "") << action;
+        EXPECT_FALSE(received.ended) << action;
+    }
+    EXPECT_EQ(tracedResults(), (std::vector<std::string>{"0=0", "-1=-8", "11=-8"}));
+    for (const char* action : {"-1", "11"}) {
+        EXPECT_EQ(countOf(monitor_.console(),
+                          std::string("processCmd() request.action=UNKNOWN(") + action + ")\n"),
+                  1U);
+    }
+    EXPECT_TRUE(runsAlone("one", pid));
+}
+
+// --- without waiting -----------------------------------------------------------------------------
+
+TEST_F(Actions, WithoutWaitingTheWorkIsDoneSilently) {
+    ASSERT_TRUE(startMonitor());
+    reqcmd start = makeStart("one");
+    reqcmd restart = makeRequest(APPMONCTL_Restart, "one");
+    reqcmd stop = makeRequest(APPMONCTL_Stop, "one");
+    for (reqcmd* request : {&start, &restart, &stop}) {
+        request->nowait = 1;
+    }
+    const LogMark atStart;
+    EXPECT_TRUE(staysUnanswered(start));
+    expectLines(
+        atStart,
+        {queued(start), {7, "processCmd() request.action=APPMONCTL_Start one"}, launched("one")});
+    const std::vector<pid_t> first = processesNamed("one");
+    ASSERT_EQ(first.size(), 1U);
+
+    const LogMark atRestart;
+    ASSERT_TRUE(sendWithoutWaiting(restart));
+    expectLines(atRestart, {queued(restart),
+                            {7, "processCmd() request.action=APPMONCTL_Restart one"},
+                            stopped("one", first[0]),
+                            launched("one")});
+    const std::vector<pid_t> second = processesNamed("one");
+    ASSERT_EQ(second.size(), 1U);
+    EXPECT_NE(second, first);
+
+    const LogMark atStop;
+    ASSERT_TRUE(sendWithoutWaiting(stop));
+    expectLines(atStop, {queued(stop),
+                         {7, "processCmd() request.action=APPMONCTL_Stop one"},
+                         stopped("one", second[0])});
+    sleepMs(kSilenceMs);
+    EXPECT_EQ(atStop.lines(0).size(), 3U) << "no result is logged";
+    EXPECT_TRUE(processesNamed("one").empty());
+}
+
+TEST_F(Actions, WithoutWaitingFailuresAreNotLogged) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    launchOneThatCannotBeStopped("one");
+    for (const int action : {APPMONCTL_Restart, APPMONCTL_Stop, APPMONCTL_Start}) {
+        ASSERT_TRUE(sendWithoutWaiting(makeRequest(action, "one")));
+    }
+    ASSERT_TRUE(sendWithoutWaiting(makeRequest(11, "one")));
+    EXPECT_TRUE(eventually([&] {
+        return tracedResults() == std::vector<std::string>{"0=0", "5=0", "1=0", "0=0", "11=-8"};
+    })) << monitor_.console();
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{"one has no command line failure"});
+}
+
+// --- names ---------------------------------------------------------------------------------------
+
+TEST_F(Actions, NamesThatFitTheirFieldAreKept) {
+    ASSERT_TRUE(startMonitor());
+    for (const std::size_t length : {62U, 63U}) {
+        const std::string name(length, 'n');
+        reqcmd request = makeStart("program");
+        name.copy(request.name, sizeof request.name);
+        request.name[length] = '\0';
+        const pid_t pid = launch(request);
+        EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, name)),
+                  replyOf(0, name + " is stopped @DATE\n"));
+        EXPECT_FALSE(isRunning(pid));
+    }
+}
+
+TEST_F(Actions, NameThatFillsItsFieldIsCutAndThenNotFound) {
+    ASSERT_TRUE(startMonitor());
+    const std::string whole = std::string(60, 'n') + "WXYZ";
+    const std::string cut = whole.substr(0, 63);
+    (void)installSample("program");
+    const Reply reply =
+        askFor(makeRequestWithWholeName(APPMONCTL_Start, whole, commandOf("program")));
+    const pid_t pid = pidIn(reply.message);
+    EXPECT_EQ(reply, replyOf(0, cut + " " + pidText(pid) + " is started @DATE\n"));
+    EXPECT_EQ(askFor(makeRequestWithWholeName(APPMONCTL_Stop, whole)),
+              replyOf(kNotFound, cut + " is not found\n"));
+    EXPECT_TRUE(runsAlone("program", pid));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, cut)), replyOf(0, cut + " is stopped @DATE\n"));
+    EXPECT_FALSE(isRunning(pid));
+}
+
+// --- all applications: stopping ------------------------------------------------------------------
+
+reqcmd onPort(reqcmd request, int type, int number) {
+    request.porttype = type;
+    request.portnum = number;
+    return request;
+}
+
+reqcmd withPolicy(reqcmd request, int type) {
+    request.restart_type = type;
+    return request;
+}
+
+/// The names and pids of the lines "NAME[pid=N] is stopped".
+std::vector<LogText> stopsIn(const std::vector<LogText>& lines) {
+    std::vector<LogText> stops;
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(stops), [](const LogText& line) {
+        return line.text.find("] is stopped") != std::string::npos;
+    });
+    return stops;
+}
+
+const std::string kNoApplication = "no app is running. \n";
+const std::string kAllStopped = "all apps were stopped @DATE\n";
+const std::string kAllButSecurityStopped = "all apps but sec_server were stopped @DATE\n";
+const std::string kPortsStopped = "all apps on ports were stopped @DATE\n";
+const std::string kAllRestarted = "all apps were restarted @DATE\n";
+const std::string kAllButSecurityRestarted = "all apps but sec_server were restarted @DATE\n";
+const std::string kPortsRestarted = "all apps on communication ports were restarted @DATE\n";
+
+TEST_F(ActionsOnAll, EmptyRegistryIsSaidSo) {
+    ASSERT_TRUE(startMonitor());
+    const std::vector<std::pair<int, std::string>> actions = {
+        {APPMONCTL_Stop_All, "APPMONCTL_Stop_All"},
+        {APPMONCTL_Stop_All_But, "APPMONCTL_Stop_All_But"},
+        {APPMONCTL_Stop_PortApps, "APPMONCTL_Stop_PortApps"},
+        {APPMONCTL_Restart_All, "APPMONCTL_Restart_All"},
+        {APPMONCTL_Restart_All_But, "APPMONCTL_Restart_All_But"},
+        {APPMONCTL_Restart_PortApps, "APPMONCTL_Restart_PortApps"}};
+    for (const auto& [action, name] : actions) {
+        const LogMark mark;
+        EXPECT_EQ(askFor(makeRequest(action)), replyOf(kNotFound, kNoApplication)) << name;
+        expectLines(mark, {queued(makeRequest(action)),
+                           {7, "processCmd() request.action=" + name},
+                           {6, "no app is running. "}});
+    }
+}
+
+TEST_F(ActionsOnAll, StopAllStopsEveryOneFromTheLastToTheFirst) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    const pid_t first = launch("first");
+    const pid_t second = launch("security_server");
+    const pid_t third = launch("third");
+    const reqcmd request = makeRequest(APPMONCTL_Stop_All);
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, kAllStopped));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Stop_All"},
+                       stopped("third", third),
+                       stopped("security_server", second),
+                       stopped("first", first),
+                       {6, "all apps were stopped @DATE"}});
+    for (const pid_t pid : {first, second, third}) {
+        EXPECT_FALSE(isRunning(pid));
+    }
+    EXPECT_EQ(askFor(request), replyOf(kNotFound, kNoApplication));
+    EXPECT_EQ(countOf(monitor_.console(), "applist size before =3\n"), 1U);
+    EXPECT_EQ(countOf(monitor_.console(), "applist size after 0\n"), 1U);
+}
+
+TEST_F(ActionsOnAll, StopAllForgetsWhatCouldNotBeStopped) {
+    ASSERT_TRUE(startMonitor());
+    launchOneThatCannotBeStopped("first");
+    const pid_t second = launch("second");
+    // The code is that of the last stop made, which is the first entry's.
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_All)), replyOf(kStopFailed, kAllStopped));
+    EXPECT_FALSE(isRunning(second));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_All)), replyOf(kNotFound, kNoApplication));
+    const pid_t third = launch("third");
+    launchOneThatCannotBeStopped("fourth");
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_All)), replyOf(0, kAllStopped));
+    EXPECT_FALSE(isRunning(third));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_All)), replyOf(kNotFound, kNoApplication));
+}
+
+TEST_F(ActionsOnAll, StopAllButSparesTheSecurityServer) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    const pid_t a = launch("a");
+    const pid_t security = launch("security_server");
+    const pid_t b = launch("security_serve");
+    const reqcmd request = makeRequest(APPMONCTL_Stop_All_But);
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, kAllButSecurityStopped));
+    const std::vector<LogText> lines = linesSince(mark, 5);
+    EXPECT_EQ(lines,
+              (std::vector<LogText>{queued(request),
+                                    {7, "processCmd() request.action=APPMONCTL_Stop_All_But"},
+                                    stopped("security_serve", b),
+                                    stopped("a", a),
+                                    {6, "all apps but sec_server were stopped @DATE"}}));
+    EXPECT_FALSE(isRunning(a));
+    EXPECT_FALSE(isRunning(b));
+    EXPECT_TRUE(runsAlone("security_server", security));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "a")), replyOf(kNotFound, "a is not found\n"));
+    // Nothing may be stopped any more, but the registry is not empty.
+    EXPECT_EQ(askFor(request), replyOf(0, kAllButSecurityStopped));
+    EXPECT_TRUE(isRunning(security));
+    EXPECT_EQ(countOf(monitor_.console(), "applist size"), 0U);
+}
+
+TEST_F(ActionsOnAll, StopAllButKeepsWhatCouldNotBeStopped) {
+    ASSERT_TRUE(startMonitor());
+    launchOneThatCannotBeStopped("first");
+    const pid_t second = launch("second");
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_All_But)),
+              replyOf(kStopFailed, kAllButSecurityStopped));
+    EXPECT_FALSE(isRunning(second));
+    // It is still there to fail again.
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_All_But)),
+              replyOf(kStopFailed, kAllButSecurityStopped));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "second")),
+              replyOf(kNotFound, "second is not found\n"));
+}
+
+TEST_F(ActionsOnAll, StopPortAppsGoesByThePortType) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    const pid_t serial = launch(onPort(makeStart("serial"), PORT_TYPE_COM, 1));
+    const pid_t none = launch(onPort(makeStart("none"), PORT_TYPE_NONE, 502));
+    const pid_t network = launch(onPort(makeStart("network"), PORT_TYPE_ETH, 502));
+    const pid_t odd = launch(onPort(makeStart("security_server"), -1, 0));
+    const reqcmd request = makeRequest(APPMONCTL_Stop_PortApps);
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, kPortsStopped));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Stop_PortApps"},
+                       stopped("security_server", odd),
+                       stopped("network", network),
+                       stopped("serial", serial),
+                       {6, "all apps on ports were stopped @DATE"}});
+    EXPECT_TRUE(runsAlone("none", none));
+    EXPECT_EQ(countOf(monitor_.console(), "applist size before =4\n"), 1U);
+    EXPECT_EQ(countOf(monitor_.console(), "applist size after 1\n"), 1U);
+}
+
+TEST_F(ActionsOnAll, StopPortAppsKeepsWhatCouldNotBeStopped) {
+    ASSERT_TRUE(startMonitor());
+    launchOneThatCannotBeStopped(
+        onPort(makeStart("serial", "--no-pidfile", "/tmp/of_its_own.pid"), PORT_TYPE_COM, 1));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_PortApps)), replyOf(kStopFailed, kPortsStopped));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_PortApps)), replyOf(kStopFailed, kPortsStopped));
+}
+
+// --- all applications: restarting ----------------------------------------------------------------
+
+TEST_F(ActionsOnAll, RestartAllRestartsFromTheFirstToTheLast) {
+    ASSERT_TRUE(startMonitor());
+    const pid_t first = launch("first");
+    const pid_t all = launch(withPolicy(makeStart("all"), RESTART_TYPE_ALL));
+    const pid_t third = launch(withPolicy(makeStart("third"), 2));
+    const reqcmd request = makeRequest(APPMONCTL_Restart_All);
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, kAllRestarted));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Restart_All"},
+                       stopped("first", first),
+                       launched("first"),
+                       stopped("third", third),
+                       launched("third"),
+                       {6, "all apps were restarted @DATE"}});
+    EXPECT_TRUE(runsAlone("all", all)) << "its restart is a request for later";
+    EXPECT_FALSE(isRunning(first));
+    EXPECT_FALSE(isRunning(third));
+    EXPECT_EQ(processesNamed("first").size(), 1U);
+    EXPECT_EQ(processesNamed("third").size(), 1U);
+    // The entries know the new processes.
+    const std::vector<LogText> expected = {stopped("third", processesNamed("third").at(0)),
+                                           stopped("all", all),
+                                           stopped("first", processesNamed("first").at(0))};
+    const LogMark stop;
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop_All)), replyOf(0, kAllStopped));
+    EXPECT_EQ(stopsIn(stop.lines(6)), expected);
+}
+
+TEST_F(ActionsOnAll, RestartAllButGoesByThePolicyNotByTheName) {
+    ASSERT_TRUE(startMonitor());
+    const pid_t self = launch(withPolicy(makeStart("security_server"), RESTART_TYPE_SELF));
+    const pid_t all = launch(withPolicy(makeStart("all"), RESTART_TYPE_ALL));
+    const pid_t other = launch(withPolicy(makeStart("other"), 2));
+    const reqcmd request = makeRequest(APPMONCTL_Restart_All_But);
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, kAllButSecurityRestarted));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Restart_All_But"},
+                       stopped("security_server", self),
+                       launched("security_server"),
+                       {6, "all apps but sec_server were restarted @DATE"}});
+    EXPECT_FALSE(isRunning(self));
+    EXPECT_EQ(processesNamed("security_server").size(), 1U);
+    EXPECT_TRUE(runsAlone("all", all));
+    EXPECT_TRUE(runsAlone("other", other));
+}
+
+TEST_F(ActionsOnAll, RestartPortAppsGoesByThePortType) {
+    ASSERT_TRUE(startMonitor());
+    const pid_t none = launch(onPort(makeStart("none"), PORT_TYPE_NONE, 502));
+    const pid_t serial = launch(onPort(makeStart("serial"), PORT_TYPE_COM, 0));
+    const pid_t network = launch(onPort(makeStart("network"), PORT_TYPE_ETH, 502));
+    const reqcmd request = makeRequest(APPMONCTL_Restart_PortApps);
+    const LogMark mark;
+    EXPECT_EQ(askFor(request), replyOf(0, kPortsRestarted));
+    expectLines(mark, {queued(request),
+                       {7, "processCmd() request.action=APPMONCTL_Restart_PortApps"},
+                       stopped("serial", serial),
+                       launched("serial"),
+                       stopped("network", network),
+                       launched("network"),
+                       {6, "all apps on communication ports were restarted @DATE"}});
+    EXPECT_TRUE(runsAlone("none", none));
+}
+
+TEST_F(ActionsOnAll, RestartAllEndsUnansweredAtTheFirstFailure) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    const pid_t first = launch("first");
+    launchOneThatCannotBeStopped(
+        onPort(makeStart("second", "--no-pidfile", "/tmp/of_its_own.pid"), PORT_TYPE_COM, 1));
+    const pid_t third = launch(onPort(makeStart("third"), PORT_TYPE_COM, 2));
+    for (const int action :
+         {APPMONCTL_Restart_All, APPMONCTL_Restart_All_But, APPMONCTL_Restart_PortApps}) {
+        Client client;
+        ASSERT_TRUE(sendRequest(client, makeRequest(action)));
+        // The wait for the dead process to come alive takes a second.
+        EXPECT_EQ(client.receive(2500).bytes, "") << action;
+    }
+    EXPECT_TRUE(eventually([&] {
+        return tracedResults() ==
+               std::vector<std::string>{"0=0", "0=0", "0=0", "6=-1", "7=-1", "8=-5"};
+    })) << monitor_.console();
+    EXPECT_FALSE(isRunning(first));
+    EXPECT_EQ(processesNamed("first").size(), 1U);
+    EXPECT_TRUE(runsAlone("third", third));
+    EXPECT_TRUE(daemonLogTexts(3).empty());
+}
+
+// --- all applications: without waiting -----------------------------------------------------------
+
+TEST_F(ActionsOnAll, WithoutWaitingTheWorkIsDoneSilently) {
+    ASSERT_TRUE(startMonitorInForeground({"-v", "4"}));
+    const pid_t first = launch(onPort(makeStart("first"), PORT_TYPE_COM, 1));
+    const LogMark mark;
+    for (const int action : {APPMONCTL_Restart_All, APPMONCTL_Restart_All_But,
+                             APPMONCTL_Restart_PortApps, APPMONCTL_Stop_PortApps}) {
+        ASSERT_TRUE(sendWithoutWaiting(makeRequest(action)));
+    }
+    EXPECT_TRUE(eventually([&] {
+        return tracedResults() == std::vector<std::string>{"0=0", "6=0", "7=0", "8=0", "4=0"};
+    })) << monitor_.console();
+    EXPECT_FALSE(isRunning(first));
+    EXPECT_TRUE(processesNamed("first").empty());
+    for (const int action : {APPMONCTL_Stop_All, APPMONCTL_Stop_All_But}) {
+        ASSERT_TRUE(sendWithoutWaiting(makeRequest(action)));
+    }
+    EXPECT_TRUE(eventually([&] { return tracedResults().size() == 7; }));
+    // Three restarts of two lines each and one stop; and two lines for each of the six requests.
+    EXPECT_EQ(mark.lines(0).size(), 3U * 2 + 1 + 6U * 2);
+}
+
+} // namespace
+} // namespace systemtest

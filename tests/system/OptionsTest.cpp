@@ -1,0 +1,426 @@
+// The command line, as far as its effects show outside.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <regex>
+
+#include "tests/system/Harness.h"
+
+namespace systemtest {
+namespace {
+
+using Options = SystemTest;
+using OptionsAtUptime300 = SystemTest;
+using Cadence = SystemTest;
+
+constexpr const char* kVersionLine =
+    R"(version: (\d{4}\.\d{4}\.\d{6}\.\d{6}) built on ([A-Z][a-z]{2} [ \d]\d \d{4} \d\d:\d\d:\d\d \(\w*\)))";
+
+/// The first line of every run, without its end.
+std::string versionLine() {
+    return linesOf(runProgram(daemonProgram(), {"-?"}).output).at(0);
+}
+
+/// What a run that only shows the version prints.
+std::string versionAndDate() {
+    const std::string line = versionLine();
+    std::smatch parts;
+    if (!std::regex_match(line, parts, std::regex(kVersionLine))) {
+        return "malformed version line: " + line;
+    }
+    return line + "\nVER_FileVersion=" + parts[1].str() + "\nVER_FileDate=" + parts[2].str() +
+           "\n\n";
+}
+
+void expectNoTraceOfAMonitor() {
+    EXPECT_EQ(eventTexts(), std::vector<std::string>{});
+    EXPECT_EQ(daemonLogTexts(), std::vector<std::string>{});
+    EXPECT_FALSE(fileExists(kSocketPath));
+    EXPECT_FALSE(fileExists("/tmp/pid"));
+}
+
+void expectVersionOnly(const std::vector<std::string>& arguments, const std::string& complaint) {
+    const ProgramResult result = runProgram(daemonProgram(), arguments);
+    EXPECT_EQ(result.ending.text(), "status 0") << testing::PrintToString(arguments);
+    EXPECT_EQ(result.output, versionAndDate()) << testing::PrintToString(arguments);
+    EXPECT_EQ(result.errors, complaint.empty() ? "" : daemonProgram() + ": " + complaint + "\n");
+    expectNoTraceOfAMonitor();
+}
+
+// --- version -------------------------------------------------------------------------------------
+
+TEST_F(Options, QuestionMarkShowsVersionAndDate) {
+    expectVersionOnly({"-?"}, "");
+}
+
+TEST_F(Options, QuestionMarkEndsTheOptionsAtOnce) {
+    expectVersionOnly({"-d", "-v", "8", "-?", "-t"}, "");
+    expectVersionOnly({"-?d"}, "");
+    expectVersionOnly({"word", "-?"}, "");
+}
+
+TEST_F(Options, UnknownOptionShowsVersionAndDate) {
+    expectVersionOnly({"-z"}, "invalid option -- 'z'");
+    expectVersionOnly({"-d", "-z", "-d"}, "invalid option -- 'z'");
+    expectVersionOnly({"--help"}, "invalid option -- '-'");
+    expectVersionOnly({"-D"}, "invalid option -- 'D'");
+}
+
+TEST_F(Options, MissingArgumentShowsVersionAndDate) {
+    for (const char option : std::string("wvsphiIfx")) {
+        expectVersionOnly({std::string("-") + option},
+                          std::string("option requires an argument -- '") + option + "'");
+    }
+}
+
+// --- port 22 -------------------------------------------------------------------------------------
+
+std::string diagnosis() {
+    const ProgramResult result = runProgram(daemonProgram(), {"-t"});
+    EXPECT_EQ(result.ending.text(), "status 0");
+    EXPECT_EQ(result.errors, "");
+    expectNoTraceOfAMonitor();
+    const std::string banner = versionLine() + "\n";
+    EXPECT_EQ(result.output.compare(0, banner.size(), banner), 0) << result.output;
+    return result.output.substr(std::min(banner.size(), result.output.size()));
+}
+
+sockaddr_in addressOf(const char* text, std::uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    (void)::inet_pton(AF_INET, text, &address.sin_addr); // the addresses here are well-formed
+    return address;
+}
+
+/// A TCP socket bound to an address, closed with the object.
+class TcpSocket {
+public:
+    explicit TcpSocket(int fd)
+        : fd_(fd) {}
+    TcpSocket(const char* address, std::uint16_t port)
+        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const int enabled = 1;
+        const sockaddr_in own = addressOf(address, port);
+        bound_ = ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &enabled, sizeof enabled) == 0 &&
+                 ::bind(fd_, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0;
+    }
+    ~TcpSocket() { (void)::close(fd_); }
+    TcpSocket(const TcpSocket&) = delete;
+    TcpSocket& operator=(const TcpSocket&) = delete;
+
+    bool bound() const { return bound_; }
+    bool listen() const { return ::listen(fd_, 4) == 0; }
+    int accept() const { return ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC); }
+    bool connect(const char* address, std::uint16_t port) const {
+        const sockaddr_in peer = addressOf(address, port);
+        return ::connect(fd_, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0;
+    }
+
+private:
+    int fd_;
+    bool bound_ = true;
+};
+
+constexpr std::uint16_t kPort22 = 22;
+const std::string kNobody = "isEstablishedTCPconnectionOnPort22()=false\n";
+const std::string kSomebody = "isEstablishedTCPconnectionOnPort22()=true\n";
+
+TEST_F(Options, DiagnosisWithoutAnyConnection) {
+    EXPECT_EQ(diagnosis(), kNobody);
+}
+
+TEST_F(Options, DiagnosisWithAListenerOnly) {
+    const TcpSocket listener("127.0.0.1", kPort22);
+    ASSERT_TRUE(listener.bound() && listener.listen());
+    EXPECT_EQ(diagnosis(), kNobody);
+}
+
+TEST_F(Options, DiagnosisOfAConnectionOnAnotherPort) {
+    const TcpSocket listener("127.0.0.1", 2222);
+    const TcpSocket client("127.0.0.1", 0);
+    ASSERT_TRUE(listener.bound() && listener.listen() && client.connect("127.0.0.1", 2222));
+    const TcpSocket accepted(listener.accept());
+    EXPECT_EQ(diagnosis(), kNobody);
+}
+
+TEST_F(Options, DiagnosisNamesThePeerWithoutALineEnd) {
+    const TcpSocket listener("127.0.0.1", kPort22);
+    const TcpSocket client("127.0.0.9", 0);
+    ASSERT_TRUE(listener.bound() && listener.listen() && client.connect("127.0.0.1", kPort22));
+    const TcpSocket accepted(listener.accept());
+    EXPECT_EQ(diagnosis(), kSomebody + "127.0.0.9");
+}
+
+TEST_F(Options, DiagnosisEndsTheOptionsAtOnce) {
+    const ProgramResult result = runProgram(daemonProgram(), {"-t", "-z", "-?"});
+    EXPECT_EQ(result.ending.text(), "status 0");
+    EXPECT_EQ(result.output, versionLine() + "\n" + kNobody);
+    EXPECT_EQ(result.errors, "");
+}
+
+// --- form ----------------------------------------------------------------------------------------
+
+TEST_F(Options, OptionsMayShareAWordAndWordsAreIgnored) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.spawn({"word", "-abv5", "other", "-d"}));
+    ASSERT_TRUE(daemon.waitUntilReady());
+    EXPECT_NE(daemon.console().find("=setpriority(PRIO_PROCESS, "), std::string::npos);
+    EXPECT_TRUE(signalIsIn(daemon.pid(), "SigCgt", SIGHUP));
+}
+
+TEST_F(Options, TheLastOfSeveralCounts) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "8", "-v", "3"}));
+    EXPECT_EQ(linesOf(daemon.console()).size(), 1U) << daemon.console();
+}
+
+TEST_F(Options, VerbosityThatIsNoNumberIsZero) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "many"}));
+    ASSERT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_EQ(linesOf(daemon.console()).size(), 4U) << daemon.console(); // version and reply
+}
+
+TEST_F(Options, NumbersOfTheTunablesAreNeverRefused) {
+    for (const char* number : {"0", "-5", "1", "100", "4000", "90000", "99999999999", "text", ""}) {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.startInForeground(
+            {"-s", number, "-p", number, "-h", number, "-i", number, "-I", number}))
+            << number;
+        EXPECT_EQ(daemon.terminate().text(), "status 0") << number;
+    }
+}
+
+// --- files ---------------------------------------------------------------------------------------
+
+TEST_F(Options, ReceivedRequestsAreAppendedToTheNamedFile) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-f", "/tmp/recorded"}));
+    const reqcmd request = makeRequest(APPMONCTL_Stop, "nobody", "/bin/none", "/tmp/none");
+    ASSERT_TRUE(ask(request));
+    EXPECT_EQ(readFile("/tmp/recorded"), bytesOf(request));
+}
+
+TEST_F(Options, NoRequestIsRecordedWithoutTheOption) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    const std::vector<std::string> before = entriesOf("/tmp");
+    ASSERT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_EQ(entriesOf("/tmp"), before);
+}
+
+TEST_F(Options, NamedFileIsReplayed) {
+    ASSERT_TRUE(writeFile("/tmp/replayed", bytesOf(makeRequest(APPMONCTL_Stop, "filed", "/x y"))));
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-x", "/tmp/replayed"}));
+    EXPECT_EQ(threadsOf(daemon.pid()).size(), 3U);
+    EXPECT_TRUE(waitForLog(7, "processRequest: action=1 name=filed, cmd=/x y"));
+}
+
+TEST_F(Options, MissingFileToReplayIsReported) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-x", "/tmp/nowhere"}));
+    EXPECT_TRUE(eventually([&] {
+        return countOf(daemon.console(), "Error 2 opening /tmp/nowhere for reading\n") == 1;
+    }));
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+}
+
+// --- watchdog ------------------------------------------------------------------------------------
+
+std::string fed() {
+    return readFile(kWatchdogPath);
+}
+
+bool onlyFed(const std::string& text) {
+    return text.find_first_not_of('w') == std::string::npos;
+}
+
+TEST_F(Options, WithoutWatchdogOptionNothingIsFed) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-I", "1"}));
+    sleepMs(2500);
+    EXPECT_EQ(fed(), "");
+    EXPECT_EQ(daemon.terminate().text(), "status 0");
+    EXPECT_EQ(fed(), "");
+}
+
+TEST_F(Options, WatchdogIsFedFromTheFirstTickWithoutDefer) {
+    for (const char* defer : {"0", "-7", "text"}) {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.startInForeground({"-w", defer, "-I", "1", "-v", "6"}));
+        EXPECT_TRUE(eventually([] { return fed() == "w"; }, 2500)) << defer;
+        EXPECT_TRUE(eventually([] { return fed() == "ww"; }, 2500)) << defer;
+        EXPECT_TRUE(
+            eventually([&] { return countOf(daemon.console(), "kicked watchdog... 1\n") >= 1; }));
+        EXPECT_TRUE(waitForLog(7, "kicked watchdog"));
+        EXPECT_EQ(daemon.terminate().text(), "status 0");
+        cleanMachine();
+    }
+}
+
+TEST_F(Options, FeedingIsSilentAtVerbosity5) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-w", "0", "-I", "1", "-v", "5"}));
+    ASSERT_TRUE(eventually([] { return fed() == "www"; }));
+    EXPECT_EQ(countOf(daemon.console(), "kicked"), 0U);
+    EXPECT_EQ(countLog(7, "kicked watchdog"), 0U);
+}
+
+TEST_F(Options, TimerPeriodBelowOneIsOneSecond) {
+    for (const char* period : {"0", "-3"}) {
+        Daemon daemon;
+        const std::int64_t begin = monotonicMs();
+        ASSERT_TRUE(daemon.startInForeground({"-w", "0", "-I", period}));
+        EXPECT_TRUE(eventually([] { return fed() == "ww"; })) << period;
+        const std::int64_t tookMs = monotonicMs() - begin;
+        EXPECT_GE(tookMs, 1900) << period;
+        EXPECT_LE(tookMs, 3500) << period;
+        daemon.kill();
+        cleanMachine();
+    }
+}
+
+TEST_F(Options, TimerPeriodIsFiveSecondsByDefault) {
+    Daemon daemon;
+    const std::int64_t begin = monotonicMs();
+    ASSERT_TRUE(daemon.startInForeground({"-w", "0"}));
+    EXPECT_TRUE(eventually([] { return !fed().empty(); }));
+    const std::int64_t tookMs = monotonicMs() - begin;
+    EXPECT_GE(tookMs, 4900);
+    EXPECT_LE(tookMs, 6500);
+    EXPECT_EQ(fed(), "w");
+}
+
+/// Seconds since boot.
+double uptime() {
+    return std::strtod(readFile("/proc/uptime").c_str(), nullptr);
+}
+
+// Needs a machine that is not up for 300 seconds yet, so it is run on its own.
+TEST_F(OptionsAtUptime300, DeferTimeIsAtMost300Seconds) {
+    if (uptime() > 297) {
+        GTEST_SKIP() << "the machine is up for too long: " << uptime();
+    }
+    ASSERT_GT(uptime(), 290);
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-w", "500", "-I", "1"}));
+    // The system counts a second that has begun.
+    while (uptime() < 298.9) {
+        ASSERT_EQ(fed(), "") << uptime();
+        sleepMs(50);
+    }
+    EXPECT_TRUE(eventually([] { return !fed().empty(); }, 4000));
+    EXPECT_TRUE(onlyFed(fed()));
+}
+
+// --- status-check interval -----------------------------------------------------------------------
+
+/// The main loop goes on at once when a client comes and goes.
+void turnMainLoop() {
+    Client client;
+    (void)client.connect(); // a monitor that is not there shows elsewhere
+}
+
+std::size_t checks() {
+    return countLog(7, " checkStatus for heartbeats");
+}
+
+/// Lets the main loop turn for a while and returns how many status checks were made.
+std::size_t checksWithin(int milliseconds) {
+    const std::size_t before = checks();
+    const std::int64_t end = monotonicMs() + milliseconds;
+    while (monotonicMs() < end) {
+        turnMainLoop();
+        sleepMs(100);
+    }
+    return checks() - before;
+}
+
+TEST_F(Options, IntervalOfZeroOrLessChecksInEveryTurn) {
+    for (const char* interval : {"0", "-5", "text"}) {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.startInForeground({"-v", "8", "-i", interval}));
+        EXPECT_GE(checksWithin(1500), 8U) << interval;
+        daemon.kill();
+        cleanMachine();
+    }
+}
+
+TEST_F(Options, IntervalIsInSeconds) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "8", "-i", "2"}));
+    const std::size_t count = checksWithin(6500);
+    EXPECT_GE(count, 2U);
+    EXPECT_LE(count, 4U);
+}
+
+TEST_F(Options, LongIntervalChecksNothingSoon) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "8", "-i", "90000"}));
+    EXPECT_EQ(checksWithin(3000), 0U);
+}
+
+TEST_F(Cadence, IntervalIsFiveSecondsByDefault) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "8"}));
+    const std::int64_t begin = monotonicMs();
+    ASSERT_TRUE(eventually([] {
+        turnMainLoop();
+        return checks() == 1;
+    }));
+    // Whole seconds of the clock are compared: up to one less than five may have passed.
+    EXPECT_GE(monotonicMs() - begin, 3900);
+    EXPECT_LE(monotonicMs() - begin, 6500);
+}
+
+TEST_F(Cadence, WithoutClientsOneTurnTakesTwoSeconds) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "8", "-i", "0"}));
+    ASSERT_TRUE(eventually([] { return checks() == 1; }));
+    const std::int64_t begin = monotonicMs();
+    ASSERT_TRUE(eventually([] { return checks() == 3; }));
+    EXPECT_GE(monotonicMs() - begin, 4100);
+    EXPECT_LE(monotonicMs() - begin, 5500);
+}
+
+TEST_F(Cadence, TracesOfTheStatusCheckAtTheirThresholds) {
+    const std::string check = "checkStatus(bErasePreloadApplistEntries=0) for heartbeats\n";
+    for (const int verbosity : {6, 7, 8}) {
+        Daemon daemon;
+        ASSERT_TRUE(daemon.startInForeground({"-i", "0", "-v", std::to_string(verbosity)}));
+        (void)checksWithin(500); // how many does not matter here
+        const std::string console = daemon.console();
+        EXPECT_EQ(countOf(console, check) > 0, verbosity > 7) << verbosity;
+        EXPECT_EQ(checks() > 0, verbosity > 7) << verbosity;
+        EXPECT_EQ(countOf(console, " updateStatus()\n") > 0, verbosity > 6) << verbosity;
+        daemon.kill();
+        cleanMachine();
+    }
+}
+
+TEST_F(Cadence, PreloadedEntriesMayBeErasedAfterThirtySeconds) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-v", "8", "-i", "0"}));
+    const std::int64_t begin = monotonicMs();
+    const auto erases = [&](int value) {
+        return countOf(daemon.console(), "checkStatus(bErasePreloadApplistEntries=" +
+                                             std::to_string(value) + ") for heartbeats\n");
+    };
+    ASSERT_TRUE(eventually([&] { return erases(1) > 0; }, 40000));
+    EXPECT_GE(monotonicMs() - begin, 28900);
+    EXPECT_LE(monotonicMs() - begin, 34000);
+    EXPECT_GT(erases(0), 0U);
+    const std::size_t before = erases(0);
+    ASSERT_TRUE(eventually([&] { return erases(1) > 1; }));
+    EXPECT_EQ(erases(0), before);
+}
+
+} // namespace
+} // namespace systemtest

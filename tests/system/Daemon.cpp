@@ -11,15 +11,6 @@
 namespace systemtest {
 namespace {
 
-/// There is a command thread, and it sleeps. A request that comes before its first wait would
-/// rightly stay in the queue until the next one.
-bool workersWait(pid_t pid) {
-    const std::vector<pid_t> threads = threadsOf(pid);
-    return threads.size() > 1 && std::all_of(threads.begin(), threads.end(), [pid](pid_t thread) {
-               return thread == pid || threadState(pid, thread) == 'S';
-           });
-}
-
 std::set<Daemon*>& liveDaemons() {
     static std::set<Daemon*> daemons;
     return daemons;
@@ -87,7 +78,14 @@ bool Daemon::waitUntilReady(int timeoutMs) {
 }
 
 bool Daemon::followMonitor() {
-    return learnPid() && socketListens() && workersWait(pid_);
+    return learnPid() && socketListens() && workersWait();
+}
+
+bool Daemon::workersWait() const {
+    const std::vector<pid_t> threads = threadsOf(pid_);
+    return threads.size() > 1 && std::all_of(threads.begin(), threads.end(), [this](pid_t thread) {
+               return thread == pid_ || threadState(pid_, thread) == 'S';
+           });
 }
 
 /// Finds the pid file, whole, and the process that it names.
@@ -97,7 +95,7 @@ bool Daemon::learnPid() {
         if (path.compare(0, base.size() + 1, base + ".") != 0) {
             continue;
         }
-        const auto pid = static_cast<pid_t>(std::atoi(path.c_str() + base.size() + 1));
+        const auto pid = toPid(path.substr(base.size() + 1));
         const std::string content = readFile(path);
         const bool isWhole = std::count(content.begin(), content.end(), '\n') == 2;
         const bool isOurs = inForeground_ ? pid == pid_ : isRunning(pid);
@@ -123,7 +121,8 @@ Ending Daemon::waitForEnd(int timeoutMs) {
     }
     const std::int64_t begin = monotonicMs();
     Ending ending;
-    ending.ended = eventually([&] { return !alive(); }, timeoutMs);
+    // A zombie may still have threads that hold its files.
+    ending.ended = eventually([&] { return processFacts(pid_).pid == 0; }, timeoutMs);
     ending.tookMs = monotonicMs() - begin;
     return ending;
 }

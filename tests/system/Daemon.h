@@ -42,6 +42,10 @@ public:
     /// One look whether the monitor serves, whatever became of its launcher; learns its pid.
     bool followMonitor();
 
+    /// There is a command thread, and it sleeps. A request that comes before its first wait would
+    /// rightly stay in the queue until the next one.
+    bool workersWait() const;
+
     /// The monitor's pid, 0 before it is known. With -d it is known at once.
     pid_t pid() const { return pid_; }
 

@@ -14,11 +14,11 @@ bool parseLogLine(const std::string& line, LogLine& parsed) {
     if (!std::regex_match(line, parts, form)) {
         return false;
     }
-    const int priority = std::atoi(parts[1].str().c_str());
+    const auto priority = static_cast<int>(std::strtol(parts[1].str().c_str(), nullptr, 10));
     parsed.level = priority & 7;
     parsed.facility = priority & ~7;
     parsed.ident = parts[2];
-    parsed.pid = std::atoi(parts[3].str().c_str());
+    parsed.pid = static_cast<int>(std::strtol(parts[3].str().c_str(), nullptr, 10));
     parsed.text = parts[4];
     return true;
 }

@@ -14,8 +14,6 @@
 
 #include "tests/system/Support.h"
 
-extern char** environ;
-
 namespace systemtest {
 namespace {
 
@@ -35,7 +33,7 @@ std::vector<pid_t> numbersIn(const std::string& directory) {
     for (const std::string& path : entriesOf(directory)) {
         const std::string name = path.substr(directory.size() + 1);
         if (isNumber(name)) {
-            numbers.push_back(static_cast<pid_t>(std::strtol(name.c_str(), nullptr, 10)));
+            numbers.push_back(toPid(name));
         }
     }
     std::sort(numbers.begin(), numbers.end());
@@ -90,6 +88,7 @@ std::vector<std::string> mergedEnvironment(const std::vector<std::string>& chang
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }
@@ -124,6 +123,10 @@ void redirect(int from, int to) {
 }
 
 } // namespace
+
+pid_t toPid(const std::string& text) {
+    return static_cast<pid_t>(std::strtol(text.c_str(), nullptr, 10));
+}
 
 ProcessFacts processFacts(pid_t pid) {
     return parseStat(pid, readFile(procPath(pid, "stat")));

@@ -24,6 +24,9 @@ struct ProcessFacts {
     std::uint64_t startTicks = 0; ///< since boot
 };
 
+/// A text as a process id; 0 when it is none.
+pid_t toPid(const std::string& text);
+
 /// Facts of a process; `pid` is 0 when there is none.
 ProcessFacts processFacts(pid_t pid);
 

@@ -172,6 +172,7 @@ bool copyProgram(const std::string& from, const std::string& to) {
 
 std::vector<std::string> entriesOf(const std::string& directory) {
     std::vector<std::string> paths;
+    const std::string start = directory + "/";
     DIR* const stream = ::opendir(directory.c_str());
     if (stream == nullptr) {
         return paths;
@@ -179,7 +180,7 @@ std::vector<std::string> entriesOf(const std::string& directory) {
     while (const dirent* const entry = ::readdir(stream)) {
         const std::string name = entry->d_name;
         if (name != "." && name != "..") {
-            paths.push_back(directory + "/" + name);
+            paths.push_back(start + name);
         }
     }
     (void)::closedir(stream);

@@ -170,8 +170,8 @@ protected:
 
     template <std::size_t Size> void fill(char (&field)[Size], char letter) {
         requests::fillField(
-            field, std::string(Size, letter)
-                       .substr(0, static_cast<std::size_t>(static_cast<int>(Size) + GetParam())));
+            field,
+            std::string(Size, letter).substr(0, Size + static_cast<std::size_t>(GetParam())));
     }
 };
 
@@ -244,13 +244,13 @@ TEST_F(StartAppTest, DoesNotHoldTheRegistryWhileTheLaunchWaits) {
     bool held = false;
     world().onSleep = [&](int) {
         ++looks;
-        held = held || requests::isHeld(Access::appLock(manager_));
+        held = held || requests::isHeld(&Access::appLock(manager_));
         world().now += 31; // The launch gives up.
     };
     EXPECT_EQ(manager_.startApp(makeRequest(APPMONCTL_Start, "app", "/bin/app"), info_), 0);
     EXPECT_GE(looks, 1);
     EXPECT_FALSE(held);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 TEST_F(StartAppTest, WaitsForTheRegistryBeforeItAppends) {
@@ -358,13 +358,13 @@ TEST_F(StopAppTest, HoldsTheRegistryDuringEveryStop) {
     int looks = 0;
     const auto look = [&] {
         ++looks;
-        EXPECT_TRUE(requests::isHeld(Access::appLock(manager_)));
+        EXPECT_TRUE(requests::isHeld(&Access::appLock(manager_)));
     };
     world().onSleep = [&](int) { look(); };
     world().onSignal = [&](pid_t, int) { look(); };
     manager_.stopApp(makeRequest(APPMONCTL_Stop, "app"), info_);
     EXPECT_GE(looks, 12);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 TEST_F(StopAppTest, WorksOnACopyUntilTheStopIsOver) {
@@ -480,7 +480,7 @@ TEST_F(RestartAppTest, EndsAtTheFirstFailedStart) {
     EXPECT_EQ(applist[0].pid, 701);
     EXPECT_THAT(signalled(), ElementsAre("701"));
     EXPECT_EQ(applist[1].status, APP_STATUS_RUNNING);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 TEST_F(RestartAppTest, FailedStartOutweighsAFailedStop) {
@@ -497,12 +497,12 @@ TEST_F(RestartAppTest, EntryIsStoppedWhileItIsLaunched) {
     world().onSleep = [&](int) {
         ++looks;
         EXPECT_EQ(applist[0].status, APP_STATUS_STOPPED);
-        EXPECT_TRUE(requests::isHeld(Access::appLock(manager_)));
+        EXPECT_TRUE(requests::isHeld(&Access::appLock(manager_)));
         world().now += 31; // The launch gives up.
     };
     EXPECT_EQ(manager_.restartApp(makeRequest(APPMONCTL_Restart, "app"), info_), 0);
     EXPECT_GE(looks, 1);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 // --- what every action has in common -------------------------------------------------------------
@@ -535,7 +535,7 @@ TEST_P(RequestLineTest, IsLoggedWithoutAReplyToo) {
 TEST_P(RequestLineTest, ActionReleasesTheRegistry) {
     addRunning(makeApp("app", 701));
     manager_.processCmd(makeRequest(GetParam().action, "app", "/bin/app"));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 TEST_P(RequestLineTest, ActionAnswersOnceTheRegistryIsReleased) {
@@ -543,7 +543,7 @@ TEST_P(RequestLineTest, ActionAnswersOnceTheRegistryIsReleased) {
     int sends = 0;
     world().onSend = [&](int) {
         ++sends;
-        EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+        EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
     };
     EXPECT_EQ(manager_.processCmd(makeRequest(GetParam().action, "app", "/bin/app")), 0);
     EXPECT_EQ(sends, 1);
@@ -600,7 +600,7 @@ TEST_P(EmptyRegistryTest, AnswersThatNoAppIsRunning) {
     EXPECT_EQ(manager_.processCmd(makeRequest(GetParam())), 0);
     expectAnswer(-20, "no app is running. ");
     EXPECT_THAT(logLines(), SizeIs(2));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 TEST_P(EmptyRegistryTest, IsSilentWithoutAReply) {
@@ -1277,7 +1277,7 @@ protected:
     void expectFailure() {
         EXPECT_EQ(manager_.processCmd(makeRequest(GetParam().action)), GetParam().result);
         expectNoReply();
-        EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+        EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
         EXPECT_EQ(applist[0].pid, 801); // stays restarted
         EXPECT_EQ(applist[1].pid, 702);
         EXPECT_EQ(applist[2].pid, 703); // not touched
@@ -1330,7 +1330,7 @@ TEST_P(RestartManyFailureTest, RegistryIsHeldThroughoutARestart) {
     int looks = 0;
     const auto look = [&] {
         ++looks;
-        EXPECT_TRUE(requests::isHeld(Access::appLock(manager_)));
+        EXPECT_TRUE(requests::isHeld(&Access::appLock(manager_)));
     };
     world().onSignal = [&](pid_t, int) { look(); };
     world().onSleep = [&](int milliseconds) {
@@ -1341,7 +1341,7 @@ TEST_P(RestartManyFailureTest, RegistryIsHeldThroughoutARestart) {
     };
     EXPECT_EQ(manager_.processCmd(makeRequest(GetParam().action)), 0);
     EXPECT_GE(looks, 10);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Actions, RestartManyFailureTest,
@@ -1358,7 +1358,7 @@ TEST_P(StopManyLockTest, RegistryIsHeldThroughoutAStop) {
     int looks = 0;
     world().onSignal = [&](pid_t, int) {
         ++looks;
-        EXPECT_TRUE(requests::isHeld(Access::appLock(manager_)));
+        EXPECT_TRUE(requests::isHeld(&Access::appLock(manager_)));
     };
     EXPECT_EQ(manager_.processCmd(makeRequest(GetParam())), 0);
     EXPECT_EQ(looks, 4);

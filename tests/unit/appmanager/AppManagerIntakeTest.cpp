@@ -193,8 +193,8 @@ TEST_F(AppManagerIntakeTest, TakesPercentSignsAsText) {
 
 TEST_F(AppManagerIntakeTest, LeavesBothLocksFree) {
     queue("app");
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::queueLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 TEST_F(AppManagerIntakeTest, NeedsNoRegistryLock) {
@@ -208,13 +208,13 @@ TEST_F(AppManagerIntakeTest, NeedsNoRegistryLock) {
 
 TEST_F(AppManagerIntakeTest, NotifyReturnsTheResultOfUnlocking) {
     EXPECT_EQ(manager_.notify(), 0);
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::queueLock(manager_)));
 }
 
 TEST_F(AppManagerIntakeTest, NotifyKeepsWhatItsCallerHolds) {
     pthread_mutex_lock(&Access::queueLock(manager_));
     EXPECT_EQ(manager_.notify(), 0);
-    EXPECT_TRUE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_TRUE(requests::isHeld(&Access::queueLock(manager_)));
     EXPECT_EQ(pthread_mutex_unlock(&Access::queueLock(manager_)), 0);
 }
 
@@ -254,7 +254,7 @@ TEST_F(AppManagerIntakeTest, YieldsAfterEveryRequest) {
 TEST_F(AppManagerIntakeTest, ExecutesWithTheQueueUnlocked) {
     bool held = true;
     manager_.onExecute = [&](const reqcmd&) {
-        held = requests::isHeld(Access::queueLock(manager_));
+        held = requests::isHeld(&Access::queueLock(manager_));
     };
     queue("one");
     EXPECT_TRUE(Access::drainQueue(manager_));
@@ -492,7 +492,7 @@ TEST_F(CommandThreadTest, CancelledInItsWaitLeavesTheQueueUnlocked) {
     startThread();
     Access::cancelCommandThread(manager_);
     EXPECT_TRUE(fakes::waitForWorkersToEnd());
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::queueLock(manager_)));
     EXPECT_EQ(Access::commandThread(manager_), 0U);
     EXPECT_TRUE(manager_.commandThreadHasLeft());
 }
@@ -599,7 +599,7 @@ protected:
     void cancelDuringTheStop(const reqcmd& request) {
         world().onSleep = [this](int) {
             if (!fakes::onMainThread()) {
-                lockHeld_ = lockHeld_ || requests::isHeld(Access::appLock(manager_));
+                lockHeld_ = lockHeld_ || requests::isHeld(&Access::appLock(manager_));
                 sleeping_ = true;
                 EXPECT_TRUE(fakes::waitUntil([this] { return cancelled_.load(); }));
             }
@@ -620,8 +620,8 @@ protected:
 TEST_F(CancelledStopTest, ReleasesTheRegistryAndLeavesItAsItWas) {
     applist.push_back(requests::makeLostApp("app", 700));
     cancelDuringTheStop(makeRequest(APPMONCTL_Stop, "app"));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::queueLock(manager_)));
     EXPECT_TRUE(manager_.commandThreadHasLeft());
     EXPECT_THAT(requests::registeredNames(), ElementsAre("app"));
     EXPECT_THAT(requests::replies(), IsEmpty());
@@ -631,7 +631,7 @@ TEST_F(CancelledStopTest, ReleasesTheRegistryInAStopOfAll) {
     applist.push_back(requests::makeApp("one", 0));
     applist.push_back(requests::makeLostApp("two", 700));
     cancelDuringTheStop(makeRequest(APPMONCTL_Stop_All));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
     EXPECT_THAT(requests::registeredNames(), ElementsAre("one", "two"));
     EXPECT_THAT(requests::replies(), IsEmpty());
 }
@@ -641,7 +641,7 @@ TEST_F(CancelledStopTest, ReleasesTheRegistryInARestartOfAll) {
     applist.push_back(requests::makeApp("one", 700));
     applist.push_back(requests::makeApp("two", 0));
     cancelDuringTheStop(makeRequest(APPMONCTL_Restart_All));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
     EXPECT_THAT(applist, SizeIs(2));
     EXPECT_EQ(world().count("fork"), 0U);
 }

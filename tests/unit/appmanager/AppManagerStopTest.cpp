@@ -725,14 +725,17 @@ TEST_F(WholeRegistryTest, StartAllHoldsTheLockThroughout) {
 // Applications outlive the monitor: what a restart of all has stopped must run again.
 TEST_F(WholeRegistryTest, StartAllStartsEverythingAlsoWhenTheMonitorIsAskedToEnd) {
     registerApps(3);
-    for (int pid = 601; pid <= 603; ++pid) {
-        world().scriptLaunch(pid + 100, pid);
+    for (int number = 1; number <= 3; ++number) {
+        const std::string name = "app" + std::to_string(number);
+        world().scriptLaunch(600 + 10 * number, 601 + 10 * number);
+        world().addProcess(601 + 10 * number, name, "/home/kelvo/root/" + name + " -old");
     }
-    world().terminationIsPending = true;
+    world().onSleep = [](int) { world().terminationIsPending = true; };
     EXPECT_EQ(manager_.start_allprocess(), 0);
-    EXPECT_EQ(app(1).pid, 601);
-    EXPECT_EQ(app(2).pid, 602);
-    EXPECT_EQ(app(3).pid, 603);
+    EXPECT_EQ(world().count("fork"), 3U);
+    EXPECT_EQ(app(1).pid, 611);
+    EXPECT_EQ(app(2).pid, 621);
+    EXPECT_EQ(app(3).pid, 631);
 }
 
 // --- restart_allprocess -------------------------------------------------------------------------

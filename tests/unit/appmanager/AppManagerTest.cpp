@@ -21,7 +21,6 @@ using requests::makeRequest;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 using Access = AppManagerTestAccess;
 
@@ -110,11 +109,11 @@ TEST_F(AppManagerTest, BothLocksAreRecursive) {
     for (pthread_mutex_t* mutex : {&Access::appLock(manager_), &Access::queueLock(manager_)}) {
         ASSERT_EQ(pthread_mutex_trylock(mutex), 0);
         ASSERT_EQ(pthread_mutex_trylock(mutex), 0);
-        EXPECT_TRUE(requests::isHeld(*mutex));
+        EXPECT_TRUE(requests::isHeld(mutex));
         EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
-        EXPECT_TRUE(requests::isHeld(*mutex));
+        EXPECT_TRUE(requests::isHeld(mutex));
         EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
-        EXPECT_FALSE(requests::isHeld(*mutex));
+        EXPECT_FALSE(requests::isHeld(mutex));
     }
 }
 
@@ -137,10 +136,10 @@ TEST_F(AppManagerTest, InitWithDiscoverySucceedsToo) {
 
 TEST_F(AppManagerTest, InitLeavesBothLocksFree) {
     ASSERT_EQ(manager_.init(true), 0);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
     // The command thread holds it for a moment on its way to the wait.
     EXPECT_TRUE(
-        fakes::waitUntil([this] { return !requests::isHeld(Access::queueLock(manager_)); }));
+        fakes::waitUntil([this] { return !requests::isHeld(&Access::queueLock(manager_)); }));
 }
 
 TEST_F(AppManagerTest, InitPrintsNothingWhenAllGoesWell) {
@@ -175,7 +174,7 @@ TEST_F(AppManagerTest, InitWithoutASocketEndsTheMonitorBeforeAnyThread) {
     EXPECT_THROW(manager_.init(false), fakes::ExitMonitorCalled);
     EXPECT_THAT(world().calls, Contains("exitMonitor 1"));
     EXPECT_EQ(world().count("thread"), 0U);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
 TEST_F(AppManagerTest, SecondInitReplacesTheCommandThread) {

@@ -103,12 +103,12 @@ inline std::vector<std::string> registeredNames() {
 }
 
 /// Whether a thread other than a new one holds `mutex`.
-inline bool isHeld(pthread_mutex_t& mutex) {
+inline bool isHeld(pthread_mutex_t* mutex) {
     int result = 0;
     std::thread([&] {
-        result = pthread_mutex_trylock(&mutex);
+        result = pthread_mutex_trylock(mutex);
         if (result == 0) {
-            pthread_mutex_unlock(&mutex);
+            pthread_mutex_unlock(mutex);
         }
     }).join();
     return result == EBUSY;

@@ -23,7 +23,6 @@ using fakes::world;
 using requests::makeRequest;
 using requests::replies;
 using testing::EndsWith;
-using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 using Access = AppManagerTestAccess;

@@ -50,9 +50,9 @@ constexpr std::time_t kBeginning = 1700000000;
 /// How much memory a run may take beyond what its first fifth took. Instrumented programs keep
 /// freed memory for a while.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::int64_t kMostGrowthKb = 400 * 1024;
+constexpr std::int64_t kMostGrowthKb = 409600;
 #else
-constexpr std::int64_t kMostGrowthKb = 16 * 1024;
+constexpr std::int64_t kMostGrowthKb = 16384;
 #endif
 
 std::uint64_t fromEnvironment(const char* name, std::uint64_t otherwise) {
@@ -255,8 +255,8 @@ protected:
         ASSERT_TRUE(Access::queue(manager_).empty());
         ASSERT_EQ(world().liveBlocks(), 0U);
         ASSERT_EQ(world().foreignReleases, 0);
-        ASSERT_FALSE(requests::isHeld(Access::appLock(manager_)));
-        ASSERT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+        ASSERT_FALSE(requests::isHeld(&Access::appLock(manager_)));
+        ASSERT_FALSE(requests::isHeld(&Access::queueLock(manager_)));
         ASSERT_FALSE(Access::shuttingDown(manager_));
         ASSERT_LT(applist.size(), 10 * kManyApps);
         // Entries may be nameless, so the registry need not be empty for the next.

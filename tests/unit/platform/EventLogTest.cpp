@@ -18,7 +18,7 @@ namespace {
 
 using namespace testsupport;
 
-constexpr std::size_t kLimit = 1024 * 1024;
+constexpr std::size_t kLimit = 1048576;
 
 zortime8b timeOf(std::int64_t milliseconds) {
     zortime8b time;

@@ -47,7 +47,7 @@ sigset_t setOf(int signal) {
 
 /// Sends SIGALRM to the whole process once, after `milliseconds`.
 void sendAlarmIn(int milliseconds) {
-    const itimerval once = {{0, 0}, {0, milliseconds * 1000}};
+    const itimerval once = {{0, 0}, {0, milliseconds * 1000L}};
     ::setitimer(ITIMER_REAL, &once, nullptr);
 }
 

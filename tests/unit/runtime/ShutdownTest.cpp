@@ -22,7 +22,6 @@
 
 namespace {
 
-using fakes::kFirstDescriptor;
 using fakes::world;
 using testing::Contains;
 using testing::ElementsAre;

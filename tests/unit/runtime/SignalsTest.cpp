@@ -20,7 +20,6 @@ namespace {
 
 using fakes::kFirstDescriptor;
 using fakes::world;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

@@ -316,7 +316,7 @@ TEST_F(OptionsAtUptime300, DeferTimeIsAtMost300Seconds) {
         ASSERT_EQ(fed(), "") << uptime();
         sleepMs(50);
     }
-    EXPECT_TRUE(eventually([] { return !fed().empty(); }, 4000));
+    EXPECT_TRUE(eventually([] { return !fed().empty(); }, 2500));
     EXPECT_TRUE(onlyFed(fed()));
 }
 

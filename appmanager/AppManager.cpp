@@ -57,7 +57,7 @@ AppManager::AppManager() {
     pthread_mutexattr_destroy(&recursive);
 }
 
-AppManager::~AppManager() {
+AppManager::~AppManager() noexcept(false) {
     processTermination(this);
     if (m_pInstance != nullptr && m_pInstance != this) {
         processTermination(m_pInstance);

@@ -73,7 +73,8 @@ public:
     static AppManager* Instance(int verbosity);
 
     AppManager();
-    virtual ~AppManager();
+    /// May throw what the status publisher throws.
+    virtual ~AppManager() noexcept(false);
 
     /// Opens shared memory and control socket and starts the command thread. Main thread.
     /// `discover` asks for applications that already run. Returns 0; -1 when the control socket

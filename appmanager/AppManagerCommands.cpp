@@ -178,8 +178,8 @@ int AppManager::prepareAppInfo(const reqcmd& request, appinfo& info) {
     info.start_time = now;
     info.uptime = 0;
     info.check_flag = 0;
-    info.keepalive = request.keepalive;
-    info.heartbeat = request.heartbeat;
+    info.keepalive = request.keepalive != 0 ? 1 : 0;
+    info.heartbeat = request.heartbeat != 0 ? 1 : 0;
     info.restart_type = request.restart_type;
     info.last_runtime_life_limit = request.last_runtime_life_limit;
     return now;

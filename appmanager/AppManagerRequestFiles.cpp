@@ -107,6 +107,7 @@ int readAppConfigurationFileList(const char* path, long /*unused*/, std::deque<r
     // A source without end must not fill the memory.
     for (std::int64_t left = countRecords(file.get()); left > 0 && readRecord(file.get(), record);
          --left) {
+        platform::admitCancellation(); // Nothing bounds the length of a file.
         queue.push_back(record);
         ++readConfigurationCount;
         platform::trace(verbose > 4, "%d) reading %s REQUEST_CMD={action=%d,%.64s}\n",

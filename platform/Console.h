@@ -9,8 +9,8 @@
 namespace platform {
 
 /// Writes `text` to standard output as it stands, at once; a failure is ignored. A reader that
-/// takes nothing for a second loses the rest, and is not waited for again until it takes something.
-/// Any thread; texts of one call stay together up to 4096 bytes.
+/// leaves a text waiting for half a second loses the rest, and is not waited for again until it
+/// takes something. Any thread; texts of one call stay together up to 4096 bytes.
 void printConsole(std::string_view text);
 
 /// As printConsole, followed by a line end.

@@ -42,6 +42,7 @@ void stopCommunication() {
     if (appmgr == nullptr) {
         return;
     }
+    reportWatchdogEvents();
     try {
         appmgr->processTermination(appmgr);
         g_commandThreadIsStuck = !appmgr->commandThreadHasLeft();

@@ -44,7 +44,7 @@ constexpr std::size_t kPidSuffixSize = 32;
 void completeStandardFiles() {
     int fd = 0;
     do {
-        fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        fd = ::open("/dev/null", O_RDWR); // The standard ones are for applications too.
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) {
         ::close(fd);

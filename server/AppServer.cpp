@@ -13,6 +13,7 @@
 #include "platform/System.h"
 #include "platform/Text.h"
 #include "platform/Time.h"
+#include "platform/UniqueFd.h"
 #include "platform/Wait.h"
 
 namespace {
@@ -150,7 +151,10 @@ int AppServer::recvCommand(reqcmd& request) {
     // Deliberate: a connection left open by an earlier request without a reply is not closed.
     connection_ = fd;
     platform::copyToField(peerAddress_.sun_path, kSocketPath);
-    return receiveRequest(request);
+    // The command thread may answer an earlier request on this connection and close it meanwhile;
+    // the number could then mean something else.
+    const platform::UniqueFd own(platform::duplicateConnection(fd));
+    return receiveRequest(own.valid() ? own.get() : fd, request);
 }
 
 /// True when a client is waiting; false on time-out, error, or when the monitor is asked to end.
@@ -186,11 +190,11 @@ int AppServer::acceptClient() {
     }
 }
 
-int AppServer::receiveRequest(reqcmd& request) {
+int AppServer::receiveRequest(int fd, reqcmd& request) {
     auto* const record = reinterpret_cast<char*>(&request);
     std::size_t total = 0;
     for (int call = 0; call < kAttempts && total < sizeof request; ++call) {
-        const int count = receiveOnce(record + total, sizeof request - total);
+        const int count = receiveOnce(fd, record + total, sizeof request - total);
         if (count < 0) {
             return kNoRequest;
         }
@@ -201,8 +205,7 @@ int AppServer::receiveRequest(reqcmd& request) {
 
 /// One receive call, which waits for the client. An interruption counts as no bytes, as the end of
 /// the stream does.
-int AppServer::receiveOnce(char* buffer, std::size_t size) {
-    const int fd = connection_;
+int AppServer::receiveOnce(int fd, char* buffer, std::size_t size) {
     ssize_t count = -1;
     do {
         const auto waited = platform::waitReadable(fd, -1);
@@ -261,7 +264,7 @@ int AppServer::sendCommand(response_struct* reply) {
 
 void AppServer::closeConnection(int fd) {
     if (fd != -1) {
-        platform::closeDescriptor(fd);
+        platform::endConnection(fd);
     }
 }
 

@@ -74,8 +74,8 @@ private:
     int bindListeningSocket();
     bool waitForClient();
     int acceptClient();
-    int receiveRequest(reqcmd& request);
-    int receiveOnce(char* buffer, std::size_t size);
+    int receiveRequest(int fd, reqcmd& request);
+    int receiveOnce(int fd, char* buffer, std::size_t size);
     void closeConnection(int fd);
 
     static AppServer* m_pInstance;

@@ -1,15 +1,18 @@
 #include "platform/Console.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
+#include "platform/Time.h"
+#include "platform/UniqueFd.h"
 #include "platform/linux/FixedText.h"
 
 namespace platform {
@@ -48,37 +51,62 @@ ErrorText errorText(int error) {
 
 #endif
 
-/// How long a reader that takes nothing is waited for, and what is written at once: a pipe that is
-/// ready takes that much without waiting.
-constexpr int kPatienceMs = 1000;
-constexpr std::size_t kPieceSize = PIPE_BUF;
+/// How long one text waits for a reader that takes nothing.
+constexpr int kPatienceMs = 500;
 
 /// Set while the reader of a descriptor takes nothing: it is then not waited for again.
 std::atomic<bool> readerIsStalled[STDERR_FILENO + 1];
 
-bool isReadyForWriting(int fd) {
-    pollfd entry = {fd, POLLOUT, 0};
-    const int ready = ::poll(&entry, 1, readerIsStalled[fd] ? 0 : kPatienceMs);
-    if (ready == 0) {
-        readerIsStalled[fd] = true;
+/// A way to write to `fd` that never blocks. A terminal or a pipe is opened once more for that: its
+/// flags are shared with the shell and with the applications. Invalid where that is not possible
+/// or not needed.
+UniqueFd nonBlockingTwin(int fd) {
+    struct stat facts = {};
+    if (::fstat(fd, &facts) != 0 || !(S_ISFIFO(facts.st_mode) || S_ISCHR(facts.st_mode))) {
+        return UniqueFd();
     }
-    return ready > 0 || errno == EINTR;
+    const char path[] = {'/', 'p', 'r', 'o', 'c',
+                         '/', 's', 'e', 'l', 'f',
+                         '/', 'f', 'd', '/', static_cast<char>('0' + fd),
+                         '\0'};
+    return UniqueFd(::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+/// Writes what can be written at once. -1 with errno, EAGAIN when that is nothing.
+ssize_t writeAtOnce(int fd, const UniqueFd& twin, std::string_view text) {
+    if (twin.valid()) {
+        return ::write(twin.get(), text.data(), text.size());
+    }
+    const ssize_t count = ::send(fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return count < 0 && errno == ENOTSOCK ? ::write(fd, text.data(), text.size()) : count;
+}
+
+/// Waits until `deadline` for the reader; false when the time is over.
+bool awaitReader(int fd, std::int64_t deadline) {
+    const std::int64_t leftMs = deadline - monotonicMilliseconds();
+    if (leftMs <= 0 || readerIsStalled[fd]) {
+        readerIsStalled[fd] = true;
+        return false;
+    }
+    pollfd entry = {fd, POLLOUT, 0};
+    (void)::poll(&entry, 1, static_cast<int>(leftMs)); // the next attempt tells what came of it
+    return true;
 }
 
 /// Writes what the reader takes. The rest is dropped: a stopped terminal or a full pipe must not
 /// hold the monitor. Keeps errno; nobody could be told of a failure.
 void writeBounded(int fd, std::string_view text) {
     const int savedErrno = errno;
-    errno = 0;
-    while (!text.empty() && isReadyForWriting(fd)) {
-        const ssize_t count = ::write(fd, text.data(), std::min(text.size(), kPieceSize));
+    const std::int64_t deadline = monotonicMilliseconds() + kPatienceMs;
+    const UniqueFd twin = nonBlockingTwin(fd);
+    while (!text.empty()) {
+        const ssize_t count = writeAtOnce(fd, twin, text);
         if (count >= 0) {
             text.remove_prefix(static_cast<std::size_t>(count));
             readerIsStalled[fd] = false;
-        } else if (errno != EINTR) {
+        } else if (errno == EAGAIN ? !awaitReader(fd, deadline) : errno != EINTR) {
             break;
         }
-        errno = 0;
     }
     errno = savedErrno;
 }

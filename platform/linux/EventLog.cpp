@@ -19,6 +19,9 @@
 namespace platform {
 namespace {
 
+/// What a full log that is locked may still take, in bytes.
+constexpr off_t kLockedLogReserve = 65536;
+
 constexpr char kEventLogPath[] = "/var/log/meter_events.log";
 constexpr mode_t kEventLogMode = 0644;
 
@@ -59,10 +62,11 @@ bool renameAway(const char* path) {
 /// Puts a fresh log in place of the full one that `log` and `facts` are of. Only who holds the lock
 /// of the full one renames it, lest two writers rename twice and lose what it held. Whoever finds
 /// it locked does not wait, it may be its own thread below a signal handler: the line still goes
-/// into the full log. False when there is no log to write to.
+/// into the full log, up to a limit, lest whoever keeps the lock fills the flash. False when there
+/// is no log to write to.
 bool renewEventLog(const char* path, UniqueFd& log, struct stat& facts) {
     if (::flock(log.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        return true;
+        return facts.st_size < kEventLogLimit + kLockedLogReserve;
     }
     if (isStillInPlace(path, facts) && !renameAway(path)) {
         return false;

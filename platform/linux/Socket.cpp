@@ -1,6 +1,7 @@
 #include "platform/Socket.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -37,6 +38,15 @@ ssize_t receiveBytes(int fd, void* buffer, std::size_t size) {
 
 ssize_t sendBytes(int fd, const void* buffer, std::size_t size) {
     return ::send(fd, buffer, size, MSG_NOSIGNAL);
+}
+
+int duplicateConnection(int fd) {
+    return ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+}
+
+void endConnection(int fd) {
+    (void)::shutdown(fd, SHUT_RDWR); // the other side may be gone already
+    (void)::close(fd);
 }
 
 void shutDownWriting(int fd) {

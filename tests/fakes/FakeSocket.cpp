@@ -2,6 +2,7 @@
 
 #include "platform/Socket.h"
 
+#include "platform/System.h"
 #include "platform/Text.h"
 #include "tests/fakes/FakePlatform.h"
 
@@ -90,6 +91,15 @@ ssize_t sendBytes(int fd, const void* buffer, std::size_t size) {
             {fd, std::string(static_cast<const char*>(buffer), static_cast<std::size_t>(count))});
     }
     return static_cast<ssize_t>(count);
+}
+
+int duplicateConnection(int /*fd*/) {
+    errno = EMFILE; // The receiving side then uses the connection itself.
+    return -1;
+}
+
+void endConnection(int fd) {
+    (void)closeDescriptor(fd); // Recorded as such.
 }
 
 void shutDownWriting(int fd) {

@@ -91,6 +91,30 @@ TEST_F(Channel, ShuttingDownEndsTheStream) {
     platform::shutDownWriting(-1);
 }
 
+TEST_F(Channel, DuplicateReceivesOnTheSameConnectionAndIsCloseOnExec) {
+    connectAndAccept();
+    const UniqueFd twin(platform::duplicateConnection(connection_.get()));
+    ASSERT_TRUE(twin.valid());
+    EXPECT_NE(twin.get(), connection_.get());
+    EXPECT_EQ(::fcntl(twin.get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    ASSERT_EQ(platform::sendBytes(client_.get(), "ab", 2), 2);
+    char received[2] = {};
+    EXPECT_EQ(platform::receiveBytes(twin.get(), received, sizeof received), 2);
+}
+
+TEST_F(Channel, EndIsSeenByTheClientAndByWhoStillReceives) {
+    connectAndAccept();
+    const UniqueFd twin(platform::duplicateConnection(connection_.get()));
+    ASSERT_EQ(platform::sendBytes(connection_.get(), "reply", 5), 5);
+    const int fd = connection_.release();
+    platform::endConnection(fd);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1) << "it must be closed";
+    char received[8] = {};
+    EXPECT_EQ(platform::receiveBytes(client_.get(), received, sizeof received), 5);
+    EXPECT_EQ(platform::receiveBytes(client_.get(), received, sizeof received), 0);
+    EXPECT_EQ(platform::receiveBytes(twin.get(), received, sizeof received), 0);
+}
+
 TEST_F(Channel, AddressCanBeReused) {
     EXPECT_EQ(platform::allowAddressReuse(listener_.get()), 0);
     int enabled = 0;

@@ -103,10 +103,12 @@ void writeBounded(int fd, std::string_view text) {
         const ssize_t count = writeAtOnce(fd, twin, text);
         if (count >= 0) {
             text.remove_prefix(static_cast<std::size_t>(count));
-            readerIsStalled[fd] = false;
         } else if (errno == EAGAIN ? !awaitReader(fd, deadline) : errno != EINTR) {
             break;
         }
+    }
+    if (text.empty()) {
+        readerIsStalled[fd] = false;
     }
     errno = savedErrno;
 }

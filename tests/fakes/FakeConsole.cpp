@@ -10,12 +10,41 @@
 using fakes::Lock;
 using fakes::world;
 
+namespace {
+
+/// Runs a copy of `hook`, without the world's lock.
+template <typename Hook, typename... Arguments>
+void runHook(const Hook& hook, const Arguments&... arguments) {
+    Hook copy;
+    {
+        const Lock lock;
+        copy = hook;
+    }
+    if (copy) {
+        copy(arguments...);
+    }
+}
+
+/// The text of a log line without its one trailing line feed.
+std::string logLineText(const char* text) {
+    std::string line = text != nullptr ? text : "";
+    if (!line.empty() && line.back() == '\n') {
+        line.pop_back();
+    }
+    return line;
+}
+
+} // namespace
+
 namespace platform {
 
 void printConsole(std::string_view text) {
     const int savedErrno = errno;
-    const Lock lock;
-    world().console += text;
+    runHook(world().onConsole, std::string(text));
+    {
+        const Lock lock;
+        world().console += text;
+    }
     errno = savedErrno;
 }
 
@@ -50,14 +79,12 @@ int open_zor_log(zor_log* handle, const char* ident, int options, int facility) 
 }
 
 int write_zor_log(const zor_log& handle, int level, const char* text, int) {
-    const Lock lock;
     if (handle.opened == 0) {
         return -1;
     }
-    std::string line = text != nullptr ? text : "";
-    if (!line.empty() && line.back() == '\n') {
-        line.pop_back();
-    }
+    const std::string line = logLineText(text);
+    runHook(world().onLog, level, line);
+    const Lock lock;
     world().log.push_back({level, line});
     return 0;
 }

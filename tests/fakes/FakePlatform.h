@@ -150,6 +150,8 @@ public:
     std::string console;      ///< standard output
     std::string errors;       ///< standard error
     std::vector<LogLine> log; ///< lines written through an opened handle
+    std::function<void(const std::string& text)> onConsole; ///< runs before the text is taken
+    std::function<void(int level, const std::string& text)> onLog; ///< before the line is taken
     std::vector<LogOpening> logOpenings;
     bool logOpened = false; ///< opened more often than closed
     int logCloses = 0;
@@ -175,6 +177,7 @@ public:
     std::vector<ProcEntry> otherProcEntries; ///< listed before the processes
     bool procCanBeOpened = true;
     int procScans = 0; ///< how often /proc was opened
+    std::function<void(pid_t pid)> onFacts; ///< runs before the facts of a process are read
     std::function<void(pid_t pid, int signal)>
         onSignal; ///< after the signal took effect; not for 0
     pid_t ownPid = 4321;

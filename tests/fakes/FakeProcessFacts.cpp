@@ -48,6 +48,14 @@ std::string takeLine(std::string& text) {
 } // namespace
 
 int get_proc_info_by_pid(pid_t pid, statstruct_proc* info) {
+    std::function<void(pid_t)> hook;
+    {
+        const Lock lock;
+        hook = world().onFacts;
+    }
+    if (hook) {
+        hook(pid);
+    }
     const Lock lock;
     const fakes::Process* const found = liveProcess(pid);
     if (found == nullptr || !found->factsAvailable || info == nullptr) {

@@ -16,6 +16,7 @@ namespace {
 
 using Options = SystemTest;
 using OptionsAtUptime300 = SystemTest;
+using OptionsWatchdog = SystemTest;
 using Cadence = SystemTest;
 
 constexpr const char* kVersionLine =
@@ -296,6 +297,66 @@ TEST_F(Options, TimerPeriodIsFiveSecondsByDefault) {
     EXPECT_GE(tookMs, 4900);
     EXPECT_LE(tookMs, 6500);
     EXPECT_EQ(fed(), "w");
+}
+
+TEST_F(Options, ForeignTimerSignalsFeedNothing) {
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-w", "0", "-I", "60"}));
+    for (int count = 0; count < 50; ++count) {
+        ASSERT_TRUE(daemon.signal(SIGUSR1));
+        sigval value = {};
+        value.sival_ptr = &daemon;
+        ASSERT_EQ(::sigqueue(daemon.pid(), SIGUSR1, value), 0);
+    }
+    ASSERT_TRUE(eventually([&] { return !signalIsIn(daemon.pid(), "ShdPnd", SIGUSR1); }));
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_EQ(fed(), "");
+    for (const auto& [number, target] : descriptorsOf(daemon.pid())) {
+        EXPECT_NE(target, kWatchdogPath) << number;
+    }
+}
+
+TEST_F(Options, MissingWatchdogIsReportedAtEveryTick) {
+    const std::string aside = std::string(kWatchdogPath) + ".aside";
+    ASSERT_EQ(std::rename(kWatchdogPath, aside.c_str()), 0);
+    {
+        Daemon daemon;
+        EXPECT_TRUE(daemon.startInForeground({"-w", "0", "-I", "1"}));
+        EXPECT_TRUE(eventually([] { return countLog(3, " watch dog open failure, exit") >= 3; }));
+        EXPECT_EQ(daemon.terminate().text(), "status 0");
+        const std::string line = "Error: No such file or directory\n";
+        const std::size_t count = countOf(daemon.errors(), line);
+        EXPECT_GE(count, 3U);
+        EXPECT_EQ(daemon.errors().size(), count * line.size()) << daemon.errors();
+        EXPECT_EQ(countLog(3, " watch dog open failure, exit"), count);
+        EXPECT_FALSE(fileExists(kWatchdogPath)) << "it must not be made";
+    }
+    EXPECT_EQ(std::rename(aside.c_str(), kWatchdogPath), 0);
+}
+
+TEST_F(OptionsWatchdog, FeedingStopsWhileTheMainLoopStands) {
+    constexpr std::size_t kTicks = 25;
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-w", "0", "-I", "1"}));
+    Client silent;
+    const std::size_t before = descriptorsOf(daemon.pid()).size();
+    ASSERT_TRUE(silent.connect());
+    ASSERT_TRUE(eventually([&] { return descriptorsOf(daemon.pid()).size() > before; }));
+    const std::size_t atFirst = fed().size();
+    sleepMs(23500);
+    const std::size_t late = fed().size();
+    EXPECT_GE(late, atFirst + 20) << "it is fed within the budget";
+    sleepMs(2500);
+    const std::size_t atLast = fed().size();
+    // The turn in which the client came may have seen some ticks before.
+    EXPECT_LE(atLast, atFirst + kTicks);
+    EXPECT_GE(atLast, atFirst + kTicks - 3);
+    sleepMs(2500);
+    EXPECT_EQ(fed().size(), atLast) << "it is still fed";
+    EXPECT_TRUE(daemon.alive());
+    silent.close();
+    EXPECT_TRUE(eventually([&] { return fed().size() > atLast; })) << "it is not fed again";
+    EXPECT_TRUE(onlyFed(fed()));
 }
 
 /// Seconds since boot.

@@ -1,12 +1,18 @@
 // The end of the monitor by signals, at rest and in the middle of its work.
 
+#include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "tests/system/Applications.h"
 #include "tests/system/Harness.h"
 #include "tests/system/LogSocket.h"
 
@@ -46,7 +52,7 @@ protected:
     void holdReceivingSide(Client& silent) {
         const std::size_t before = descriptorsOf(daemon_.pid()).size();
         ASSERT_TRUE(silent.connect());
-        ASSERT_TRUE(eventually([&] { return descriptorsOf(daemon_.pid()).size() == before + 1; }));
+        ASSERT_TRUE(eventually([&] { return descriptorsOf(daemon_.pid()).size() > before; }));
     }
 
     /// The monitor serves a whole request.
@@ -343,6 +349,55 @@ TEST_F(Shutdown, ReplayOfARequestFileDoesNotHoldItUp) {
     EXPECT_EQ(countEvent(kStopped), 4U);
 }
 
+/// A file of that many requests for what is not there.
+bool writeManyRequests(const std::string& path, int count) {
+    std::string requests;
+    requests.reserve(static_cast<std::size_t>(count) * sizeof(reqcmd));
+    for (int index = 0; index < count; ++index) {
+        requests += bytesOf(makeRequest(APPMONCTL_Stop, "filed" + std::to_string(index)));
+    }
+    return writeFile(path, requests);
+}
+
+/// Where the monitor stands in the file that it reads; -1 when it has none open.
+long positionIn(pid_t pid, const std::string& path) {
+    for (const auto& [number, target] : descriptorsOf(pid)) {
+        if (target == path) {
+            const std::string info =
+                readFile("/proc/" + std::to_string(pid) + "/fdinfo/" + std::to_string(number));
+            const std::size_t at = info.find("pos:");
+            return at == std::string::npos ? -1 : std::atol(info.c_str() + at + 4);
+        }
+    }
+    return -1;
+}
+
+TEST_F(Shutdown, ReadingOfALargeRequestFileDoesNotHoldItUp) {
+    ASSERT_TRUE(writeManyRequests("/tmp/large", 60000));
+    // The traces slow the reading down.
+    const MonitorThroughScript script("exec \"$OVARD\" \"$@\" >/dev/null\n");
+    ASSERT_TRUE(daemon_.spawn({"-d", "-v", "8", "-x", "/tmp/large"}));
+    ASSERT_TRUE(eventually([&] { return positionIn(daemon_.pid(), "/tmp/large") > 0; }));
+    ASSERT_TRUE(daemon_.signal(SIGTERM));
+    EXPECT_LT(positionIn(daemon_.pid(), "/tmp/large"), 60000L * 1216) << "it was not in the middle";
+    const Ending ending = daemon_.waitForEnd();
+    EXPECT_EQ(ending.text(), "status 0");
+    EXPECT_LT(ending.tookMs, kLongestEndMs);
+    EXPECT_FALSE(fileExists(kSocketPath));
+    EXPECT_FALSE(fileExists(daemon_.pidFile()));
+    EXPECT_EQ(eventTexts(), (std::vector<std::string>{kStarted, kInitialized, kStopped}));
+    EXPECT_EQ(countLog(7, "processCmd() request.action=APPMONCTL_Stop filed0"), 0U)
+        << "it was replayed already";
+}
+
+TEST_F(Shutdown, ReplayOfALargeRequestFileDoesNotHoldItUp) {
+    ASSERT_TRUE(writeManyRequests("/tmp/large", 60000));
+    start({"-x", "/tmp/large"});
+    ASSERT_TRUE(waitForLog(7, "processCmd() request.action=APPMONCTL_Stop filed1"));
+    expectCleanEnd();
+    EXPECT_EQ(countLog(7, "processCmd() request.action=APPMONCTL_Stop filed3"), 0U);
+}
+
 // --- SIGTERM at odd moments ----------------------------------------------------------------------
 
 TEST_F(Shutdown, TwoTerminationsCleanUpOnce) {
@@ -421,6 +476,166 @@ TEST_F(Shutdown, TerminationWhileTheStartWaitsIsObeyedAfterIt) {
     log.release();
     EXPECT_EQ(daemon_.waitForEnd(kLongestEndMs).text(), "status 0");
     expectCleanedUp();
+}
+
+// --- with a console that takes nothing -----------------------------------------------------------
+
+/// A full pipe or terminal that nobody reads.
+class StoppedConsole {
+public:
+    enum class Kind { Pipe, Terminal };
+
+    explicit StoppedConsole(Kind kind) {
+        kind == Kind::Pipe ? openPipe() : openTerminal();
+        fill();
+    }
+    ~StoppedConsole() {
+        (void)::close(writer_);
+        (void)::close(terminal_);
+    }
+    StoppedConsole(const StoppedConsole&) = delete;
+    StoppedConsole& operator=(const StoppedConsole&) = delete;
+
+    /// Nothing can be written to it, and nobody has read what was.
+    bool isFull() const { return writer_ >= 0 && writesNothing(); }
+
+    const std::string& path() const { return path_; }
+
+private:
+    void openPipe() {
+        path_ = "/tmp/console";
+        if (::mkfifo(path_.c_str(), 0600) == 0) {
+            writer_ = ::open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        }
+    }
+
+    void openTerminal() {
+        terminal_ = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        char name[64] = "";
+        if (::grantpt(terminal_) == 0 && ::unlockpt(terminal_) == 0 &&
+            ::ptsname_r(terminal_, name, sizeof name) == 0) {
+            path_ = name;
+            writer_ = ::open(name, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        }
+    }
+
+    /// A terminal passes its text on a moment later and then takes more.
+    void fill() const {
+        constexpr int kRoundsWithoutRoom = 10;
+        for (int quiet = 0; writer_ >= 0 && quiet < kRoundsWithoutRoom; ++quiet) {
+            const std::string text(4096, 'x');
+            while (::write(writer_, text.data(), text.size()) > 0) {
+                quiet = 0;
+            }
+            while (!writesNothing()) {
+                quiet = 0;
+            }
+            sleepMs(5);
+        }
+    }
+
+    bool writesNothing() const { return ::write(writer_, "x", 1) < 0 && errno == EAGAIN; }
+
+    std::string path_;
+    int writer_ = -1;
+    int terminal_ = -1;
+};
+
+class ShutdownConsole : public Shutdown {
+protected:
+    void TearDown() override {
+        takeWatchdog(false);
+        Shutdown::TearDown();
+    }
+
+    static void takeWatchdog(bool away) {
+        const std::string aside = std::string(kWatchdogPath) + ".aside";
+        const std::string from = away ? kWatchdogPath : aside;
+        if (fileExists(from)) {
+            ASSERT_EQ(std::rename(from.c_str(), (away ? aside : kWatchdogPath).c_str()), 0);
+        }
+    }
+
+    /// Starts a monitor that shows everything on a console of that kind.
+    void startShowingAll(StoppedConsole::Kind kind, std::vector<std::string> arguments = {}) {
+        console_ = std::make_unique<StoppedConsole>(kind);
+        ASSERT_TRUE(console_->isFull());
+        const MonitorThroughScript script("exec \"$OVARD\" \"$@\" >" + console_->path() +
+                                          " 2>&1\n");
+        arguments.insert(arguments.end(), {"-v", "8", "-i", "1"});
+        start(arguments);
+        ASSERT_EQ(linkOf(daemon_.pid(), "fd/1"), console_->path());
+        ASSERT_EQ(linkOf(daemon_.pid(), "fd/2"), console_->path());
+    }
+
+    void expectEnd() {
+        const Ending ending = daemon_.terminate();
+        EXPECT_EQ(ending.text(), "status 0");
+        EXPECT_LT(ending.tookMs, kLongestEndMs);
+        EXPECT_FALSE(fileExists(kSocketPath));
+        EXPECT_FALSE(fileExists(daemon_.pidFile()));
+        EXPECT_EQ(eventTexts(), (std::vector<std::string>{kStarted, kInitialized, kStopped}));
+        EXPECT_TRUE(console_->isFull()) << "it was no stopped console";
+    }
+
+    void terminationEndsIt(StoppedConsole::Kind kind) {
+        ASSERT_NO_FATAL_FAILURE(startShowingAll(kind));
+        expectServing();
+        expectEnd();
+    }
+
+    void terminationEndsItBetweenTicks(StoppedConsole::Kind kind) {
+        takeWatchdog(true);
+        ASSERT_NO_FATAL_FAILURE(startShowingAll(kind, {"-w", "0", "-I", "1"}));
+        ASSERT_TRUE(waitForLog(3, " watch dog open failure, exit"));
+        expectServing();
+        expectEnd();
+    }
+
+    void loggedSignalsDoNotKeepItFromServing(StoppedConsole::Kind kind) {
+        ASSERT_NO_FATAL_FAILURE(startShowingAll(kind, {"-b"}));
+        std::size_t sent = 0;
+        for (int round = 0; round < 3; ++round) {
+            Client client;
+            ASSERT_TRUE(sendRequest(client, makeRequest(APPMONCTL_Stop, "nobody")));
+            for (int signal = 0; signal < 20; ++signal) {
+                ASSERT_TRUE(daemon_.signal(SIGTERM));
+                ++sent;
+                ASSERT_TRUE(eventually([&] { return countEvent("Caught signal 15") == sent; }));
+            }
+            ASSERT_TRUE(client.receiveReply()) << round;
+        }
+        EXPECT_TRUE(daemon_.alive());
+        EXPECT_TRUE(console_->isFull()) << "it was no stopped console";
+        daemon_.kill();
+    }
+
+private:
+    std::unique_ptr<StoppedConsole> console_;
+};
+
+TEST_F(ShutdownConsole, TerminationEndsItBeforeAFullPipe) {
+    terminationEndsIt(StoppedConsole::Kind::Pipe);
+}
+
+TEST_F(ShutdownConsole, TerminationEndsItBeforeAStoppedTerminal) {
+    terminationEndsIt(StoppedConsole::Kind::Terminal);
+}
+
+TEST_F(ShutdownConsole, TicksWithoutAWatchdogDoNotHoldItUpBeforeAFullPipe) {
+    terminationEndsItBetweenTicks(StoppedConsole::Kind::Pipe);
+}
+
+TEST_F(ShutdownConsole, TicksWithoutAWatchdogDoNotHoldItUpBeforeAStoppedTerminal) {
+    terminationEndsItBetweenTicks(StoppedConsole::Kind::Terminal);
+}
+
+TEST_F(ShutdownConsole, LoggedSignalsDoNotDisturbItBeforeAFullPipe) {
+    loggedSignalsDoNotKeepItFromServing(StoppedConsole::Kind::Pipe);
+}
+
+TEST_F(ShutdownConsole, LoggedSignalsDoNotDisturbItBeforeAStoppedTerminal) {
+    loggedSignalsDoNotKeepItFromServing(StoppedConsole::Kind::Terminal);
 }
 
 // --- SIGINT --------------------------------------------------------------------------------------

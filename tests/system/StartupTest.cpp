@@ -9,6 +9,7 @@
 #include <regex>
 #include <sstream>
 
+#include "tests/system/Applications.h"
 #include "tests/system/Harness.h"
 #include "tests/system/LogSocket.h"
 
@@ -210,6 +211,24 @@ TEST_F(Startup, TimerSignalIsHandledWithTheWatchdogOnly) {
     EXPECT_TRUE(signalIsIn(daemon.pid(), "SigCgt", SIGUSR1));
 }
 
+TEST_F(Startup, InheritedMaskAndIgnoredSignalsDoNotDisturbIt) {
+    const MonitorThroughScript script("exec env --ignore-signal=CHLD --block-signal=TERM,USR1 "
+                                      "\"$OVARD\" \"$@\"\n");
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground({"-w", "0", "-I", "1"}));
+    const std::string command = installSample("one") + " --heartbeat 200";
+    const auto reply = ask(makeRequest(APPMONCTL_Start, "one", command));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->code, 0) << messageOf(*reply);
+    EXPECT_EQ(messageOf(*reply).find("one [pid="), 0U) << messageOf(*reply);
+    EXPECT_EQ(processesWithCommandLine(command).size(), 1U);
+    EXPECT_TRUE(eventually([] { return readFile(kWatchdogPath).size() >= 2; })) << "it is fed";
+    const Ending ending = daemon.terminate();
+    EXPECT_EQ(ending.text(), "status 0");
+    EXPECT_LT(ending.tookMs, 5000);
+    EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
+}
+
 TEST_F(Startup, FileCreationMaskIsZero) {
     Daemon daemon;
     ASSERT_TRUE(daemon.startInBackground());
@@ -261,6 +280,55 @@ TEST_F(Startup, ExactlyTheExpectedDescriptorsAreOpen) {
         std::istringstream(info.substr(at + 6)) >> std::oct >> flags;
         EXPECT_EQ((flags & 02000000UL) != 0, number > 2) << number << " " << target;
     }
+}
+
+TEST_F(Startup, ClosedStandardFilesAreCompleted) {
+    for (const char* closed : {"<&-", ">&-", "2>&-", "<&- >&- 2>&-"}) {
+        const MonitorThroughScript script(std::string("exec \"$OVARD\" \"$@\" ") + closed + "\n");
+        Daemon daemon;
+        ASSERT_TRUE(daemon.startInForeground({"-v", "8"})) << closed;
+        EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody"))) << closed;
+        const auto descriptors = descriptorsOf(daemon.pid());
+        for (const int standard : {0, 1, 2}) {
+            ASSERT_EQ(descriptors.count(standard), 1U) << closed;
+            const std::string& target = descriptors.at(standard);
+            EXPECT_TRUE(target == "/dev/null" || target.find("/program") != std::string::npos)
+                << closed << ": " << standard << " is " << target;
+        }
+        EXPECT_EQ(daemon.terminate().text(), "status 0") << closed;
+        cleanMachine();
+    }
+}
+
+TEST_F(Startup, VersionBlockStandsInTheProgram) {
+    constexpr std::size_t kSlot = 64;
+    const std::vector<std::string> keys = {
+        "VersionInformation", "Company",     "Copyright",      "Product", "ProductVersion", "File",
+        "FileDate",           "FileVersion", "FileDescription"};
+    const std::string program = readFile(daemonProgram());
+    const std::string start = "VER_VersionInformation=1.0\n";
+    const std::size_t block = program.find(start);
+    ASSERT_NE(block, std::string::npos);
+    EXPECT_EQ(program.find(start, block + 1), std::string::npos) << "there are several";
+    ASSERT_LE(block + keys.size() * kSlot, program.size());
+    for (std::size_t index = 0; index < keys.size(); ++index) {
+        const std::string slot = program.substr(block + index * kSlot, kSlot);
+        const std::size_t end = slot.find('\n');
+        ASSERT_NE(end, std::string::npos) << index;
+        EXPECT_EQ(slot.substr(end + 1), std::string(kSlot - end - 1, '\0')) << index;
+        const std::string begin = "VER_" + keys[index] + "=";
+        EXPECT_EQ(slot.compare(0, begin.size(), begin), 0) << slot;
+        EXPECT_GT(end, begin.size()) << slot;
+    }
+    const auto valueOf = [&](std::size_t index) {
+        const std::string line = linesOf(program.substr(block + index * kSlot, kSlot)).at(0);
+        return line.substr(line.find('=') + 1);
+    };
+    EXPECT_EQ(valueOf(4), "1.0");
+    EXPECT_EQ(valueOf(5), "ovard");
+    EXPECT_EQ(valueOf(8), "Application Monitor");
+    const std::string shown = runProgram(daemonProgram(), {"-?"}).output;
+    EXPECT_EQ(linesOf(shown).at(0), "version: " + valueOf(7) + " built on " + valueOf(6));
 }
 
 TEST_F(Startup, DescriptorsDoNotGrowWhileServing) {
@@ -423,6 +491,26 @@ TEST_F(Startup, StartsWithoutAPlaceForTheEventLog) {
     EXPECT_TRUE(daemon.terminate().ended);
     EXPECT_FALSE(fileExists(kSocketPath));
     EXPECT_FALSE(fileExists(daemon.pidFile()));
+}
+
+TEST_F(Startup, MissingCommandThreadEndsTheStart) {
+    // A stack larger than the address space cannot be had for a thread.
+    const MonitorThroughScript script("ulimit -S -s 1000000000000 || exit 99\n"
+                                      "exec \"$OVARD\" \"$@\"\n");
+    Daemon daemon;
+    ASSERT_TRUE(daemon.spawn({"-d", "-v", "1"}));
+    EXPECT_EQ(daemon.waitForEnd().text(), "status 255");
+    const std::vector<std::string> lines = linesOf(daemon.console());
+    ASSERT_EQ(lines.size(), 4U) << daemon.console();
+    EXPECT_EQ(lines[1].compare(0, 31, "thread creation  failure! errno"), 0) << lines[1];
+    EXPECT_EQ(lines[2], "appmgr->init() failure!");
+    EXPECT_EQ(lines[3], "ovard ovardAtExit()");
+    EXPECT_TRUE(waitForLog(3, " initialization failure, exit"));
+    EXPECT_EQ(daemonLogTexts(3), (std::vector<std::string>{"init(): thread creation failure!",
+                                                           " initialization failure, exit"}));
+    EXPECT_EQ(eventTexts(), (std::vector<std::string>{"Application Monitor Started.",
+                                                      "Application Monitor Stopped."}));
+    EXPECT_FALSE(fileExists(kSocketPath));
 }
 
 TEST_F(Startup, StartsWithoutAPlaceForThePidFile) {

@@ -106,7 +106,7 @@ protected:
         return pids;
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
     appinfo info_ = {};
 };
 

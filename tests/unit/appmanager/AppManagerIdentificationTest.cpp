@@ -50,7 +50,7 @@ protected:
 
     void expectRecordUnchanged() const { EXPECT_EQ(std::memcmp(&app_, &before_, sizeof app_), 0); }
 
-    AppManager manager_;
+    FixtureManager manager_;
     appinfo app_ = {};
     appinfo before_ = {};
 };
@@ -561,7 +561,7 @@ protected:
     }
 
     NoUptime noUptime_;
-    AppManager manager_;
+    FixtureManager manager_;
     appinfo app_ = {};
 };
 

@@ -42,7 +42,7 @@ constexpr int kPatience = 30;
 /// A manager that notes its requests in place of executing them.
 class RecordingManager : public AppManager {
 public:
-    ~RecordingManager() override { processTermination(this); }
+    ~RecordingManager() noexcept override { processTermination(this); }
 
     int processCmd(const reqcmd& request) override {
         std::function<void(const reqcmd&)> hook;
@@ -542,7 +542,7 @@ protected:
         });
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
 };
 
 TEST_F(CommandThreadExecutionTest, RepliesAfterTheExecutionOnly) {

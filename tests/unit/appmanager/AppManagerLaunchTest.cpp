@@ -14,6 +14,7 @@
 #include "platform/Text.h"
 #include "records/codes.h"
 #include "tests/fakes/FakePlatform.h"
+#include "tests/unit/appmanager/AppManagerTestAccess.h"
 
 namespace {
 
@@ -77,7 +78,7 @@ protected:
         EXPECT_EQ(world().log[0].text, text);
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
     appinfo app_ = {};
     appinfo before_ = {};
 };

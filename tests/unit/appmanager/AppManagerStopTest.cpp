@@ -78,7 +78,7 @@ protected:
 
     static Texts signals() { return world().callsOf({"kill", "probe", "sleep"}); }
 
-    AppManager manager_;
+    FixtureManager manager_;
     appinfo app_ = {};
     appinfo before_ = {};
 };
@@ -555,7 +555,7 @@ protected:
         return result == EBUSY;
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
     std::vector<appinfo> before_;
 };
 

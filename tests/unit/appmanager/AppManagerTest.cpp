@@ -82,7 +82,7 @@ TEST(AppManagerInstanceTest, SecondCallLeavesAManagerThatShutsDownAlone) {
 
 class AppManagerTest : public testing::Test {
 protected:
-    AppManager manager_;
+    FixtureManager manager_;
 };
 
 TEST_F(AppManagerTest, StartsWithNothingRequestedAndNoThread) {

@@ -33,4 +33,10 @@ public:
     static AppStatusUpdate& statusUpdate(AppManager& manager) { return manager.statusUpdate_; }
 };
 
+/// A manager for the member of a fixture, whose destructor must not throw.
+class FixtureManager : public AppManager {
+public:
+    ~FixtureManager() noexcept override {}
+};
+
 #endif // OVARD_TESTS_UNIT_APPMANAGER_APP_MANAGER_TEST_ACCESS_H

@@ -7,6 +7,7 @@
 #include "appmanager/AppManager.h"
 #include "platform/Settings.h"
 #include "tests/fakes/FakePlatform.h"
+#include "tests/unit/appmanager/AppManagerTestAccess.h"
 
 namespace {
 
@@ -74,7 +75,7 @@ protected:
         EXPECT_EQ(world().log[0].text, logText);
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
     int count_ = 0;
     char** argv_ = nullptr;
 };

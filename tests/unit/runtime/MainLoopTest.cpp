@@ -136,7 +136,7 @@ protected:
         return checks;
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
     std::string folder_;
     std::string recordFile_;
 };

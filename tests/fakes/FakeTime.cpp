@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/Wait.h"
-#include "platform/linux/CivilTime.h"
 #include "tests/fakes/FakePlatform.h"
 
 using fakes::joined;
@@ -67,31 +65,6 @@ void pauseForReal(unsigned microseconds) {
 void getZortime8BFromSystem(zortime8b* time) {
     const Lock lock;
     getZortime8BFromTimeStamp(time, world().now * kMillisecondsPerSecond + world().nowMs);
-}
-
-void getZortime8BFromTimeT(zortime8b* time, std::time_t seconds) {
-    getZortime8BFromTimeStamp(time, seconds * kMillisecondsPerSecond);
-}
-
-void getZortime8BFromTimeStamp(zortime8b* time, std::int64_t milliseconds) {
-    auto rest = static_cast<std::uint64_t>(milliseconds);
-    for (std::size_t index = sizeof time->bytes; index > 0; --index) {
-        time->bytes[index - 1] = static_cast<unsigned char>(rest & 0xFF);
-        rest >>= 8;
-    }
-}
-
-std::int64_t getTimeStampFromZortime8B(const zortime8b& time) {
-    std::uint64_t milliseconds = 0;
-    for (const unsigned char byte : time.bytes) {
-        milliseconds = milliseconds << 8 | byte;
-    }
-    return static_cast<std::int64_t>(milliseconds);
-}
-
-void getDateStringFromTimeStruct(char* buffer, std::time_t t) {
-    const platform::DateTimeText text = platform::dateTimeText(t);
-    std::memcpy(buffer, text.c_str(), text.view().size() + 1);
 }
 
 namespace platform {

@@ -98,7 +98,8 @@ TEST(Console, DoesNotWaitForATerminalThatNobodyReads) {
               }),
               0)
         << "the flags of the shared terminal must stay";
-    EXPECT_LT(platform::monotonicMilliseconds() - begin, 950);
+    // The terminal may make room once or twice as it passes the text on; 100 waits would be 50 s.
+    EXPECT_LT(platform::monotonicMilliseconds() - begin, 5000);
 }
 
 TEST(Console, PrintsErrorsLikePerror) {

@@ -176,7 +176,7 @@ public:
     std::vector<Process> processes;          ///< in the order in which /proc lists them
     std::vector<ProcEntry> otherProcEntries; ///< listed before the processes
     bool procCanBeOpened = true;
-    int procScans = 0; ///< how often /proc was opened
+    int procScans = 0;                      ///< how often /proc was opened
     std::function<void(pid_t pid)> onFacts; ///< runs before the facts of a process are read
     std::function<void(pid_t pid, int signal)>
         onSignal; ///< after the signal took effect; not for 0

@@ -34,6 +34,8 @@ protected:
     }
 };
 
+using LaunchDescriptors = Launch;
+
 std::string joined(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words) {
@@ -89,6 +91,16 @@ TEST_F(Launch, StandardFilesAreThoseOfAMonitorInTheForeground) {
     EXPECT_EQ(report["fd.1"], standard.at(1));
     EXPECT_EQ(report["fd.2"], standard.at(2));
     EXPECT_EQ(report["cwd"], linkOf(monitor_.pid(), "cwd"));
+}
+
+TEST_F(Launch, StandardFilesAreOpenUnderAMonitorThatWasStartedWithoutThem) {
+    const MonitorThroughScript script("exec \"$OVARD\" \"$@\" <&- >&- 2>&-\n");
+    ASSERT_TRUE(startMonitorInForeground({"-v", "8"}));
+    LaunchReport report = launchReporting("one");
+    EXPECT_EQ(report["fds"], "0 1 2");
+    for (const char* standard : {"fd.0", "fd.1", "fd.2"}) {
+        EXPECT_EQ(report[standard], "/dev/null");
+    }
 }
 
 TEST_F(Launch, NoSignalIsBlockedOrIgnored) {
@@ -278,6 +290,7 @@ TEST_F(Launch, PathIsNotSearched) {
 TEST_F(Launch, MissingProgramIsAnsweredAsStarted) {
     ASSERT_TRUE(startMonitor());
     const reqcmd request = makeRequest(APPMONCTL_Start, "ghost", commandOf("ghost"));
+    const auto descriptors = descriptorsOf(monitor_.pid());
     const LogMark mark;
     const std::int64_t begin = monotonicMs();
     const Reply reply = askFor(request, 40000);
@@ -290,6 +303,29 @@ TEST_F(Launch, MissingProgramIsAnsweredAsStarted) {
     EXPECT_GE(tookMs, 29000) << "the search goes on to the deadline";
     EXPECT_LE(tookMs, 33000);
     EXPECT_TRUE(daemonLogTexts(3).empty());
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(monitor_.pid()) == descriptors; }));
+}
+
+TEST_F(LaunchDescriptors, DoNotGrowOverLaunchesStopsAndFailures) {
+    ASSERT_TRUE(startMonitor());
+    const std::string real = installSample("real");
+    (void)launch("one"); // what the first launch opens may stay
+    const auto before = descriptorsOf(monitor_.pid());
+    ASSERT_FALSE(before.empty());
+    constexpr int kRounds = 8;
+    for (int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(askFor(makeRequest(APPMONCTL_Stop, "one")).code, 0) << round;
+        ASSERT_GT(launch("one"), 0) << round;
+        ASSERT_EQ(askFor(makeRequest(APPMONCTL_Restart, "one")).code, 0) << round;
+        // There is no such program, but the search for what it launched finds this process at once.
+        const std::string ghost = commandOf("ghost" + std::to_string(round));
+        (void)runProgram("/bin/bash", {"-c", "exec -a " + ghost + " " + real});
+        ASSERT_EQ(processesWithCommandLine(ghost).size(), 1U);
+        (void)launch(makeRequest(APPMONCTL_Start, "ghost" + std::to_string(round), ghost));
+    }
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(monitor_.pid()) == before; }))
+        << testing::PrintToString(before) << "\n"
+        << testing::PrintToString(descriptorsOf(monitor_.pid()));
 }
 
 TEST_F(Launch, ProgramThatMayNotBeExecuted) {

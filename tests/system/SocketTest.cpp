@@ -373,6 +373,21 @@ TEST_F(Socket, SilentClientHoldsTheReceivingSideUntilItCloses) {
     EXPECT_EQ(consoleHas(" appmgr->recvCommand()=0\n"), 1U);
 }
 
+TEST_F(Socket, ThreeTicksOfTheTimerEndTheWaitForASilentClient) {
+    // Deliberate: each of the three receive calls counts as one without bytes when it is
+    // interrupted.
+    start({"-w", "0", "-I", "2"});
+    Client silent;
+    const std::size_t before = descriptors();
+    ASSERT_TRUE(silent.connect());
+    ASSERT_TRUE(eventually([&] { return descriptors() > before; }));
+    const std::int64_t begin = monotonicMs();
+    expectServing();
+    EXPECT_GE(monotonicMs() - begin, 3900) << "it was not waited for";
+    EXPECT_LE(monotonicMs() - begin, 8000);
+    expectSilence(silent, 0);
+}
+
 TEST_F(Socket, ClientThatStopsInTheMiddleHoldsTheReceivingSide) {
     start();
     Client slow;
@@ -589,6 +604,47 @@ TEST_F(Socket, RequestsQueuedBehindASlowOneAreExecutedInOrderAndItsReplyGoesToTh
     ASSERT_NE(ofThird, std::string::npos) << daemon_.console();
     EXPECT_LT(ofSecond, ofThird);
     EXPECT_TRUE(waitForLog(6, "third is not found"));
+}
+
+/// Last words of the log's lines that begin so, up to a comma, in their order.
+std::vector<std::string> namesInLog(const std::string& start) {
+    std::vector<std::string> names;
+    for (const std::string& text : daemonLogTexts(7)) {
+        if (text.compare(0, start.size(), start) == 0) {
+            names.push_back(text.substr(start.size(), text.find(',') - start.size()));
+        }
+    }
+    return names;
+}
+
+TEST_F(Socket, RequestsOfClientsAndOfAFileAreExecutedInTheOrderOfTheirQueueing) {
+    const std::vector<std::string> filed = {"filed1", "filed2", "filed3"};
+    std::string requests;
+    for (const std::string& name : filed) {
+        requests += bytesOf(stopRequest(name));
+    }
+    ASSERT_TRUE(writeFile("/tmp/replayed", requests));
+    start({"-x", "/tmp/replayed"});
+    // It keeps the command thread busy until all the others are queued.
+    const std::string command = installSample("slow") + " --daemonize-after 7000";
+    Client slow;
+    ASSERT_TRUE(sendRequest(slow, makeRequest(APPMONCTL_Start, "slow", command)));
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int number = 1; number <= 6; ++number) {
+        clients.push_back(std::make_unique<Client>());
+        ASSERT_TRUE(sendRequest(*clients.back(), stopRequest("sent" + std::to_string(number))));
+    }
+    const std::string queueing = "processRequest: action=1 name=";
+    const std::string execution = "processCmd() request.action=APPMONCTL_Stop ";
+    ASSERT_TRUE(eventually([&] { return namesInLog(queueing).size() == 9; }));
+    EXPECT_TRUE(namesInLog(execution).empty()) << "the command thread was not busy";
+    ASSERT_TRUE(eventually([&] { return namesInLog(execution).size() == 9; }, 2 * kPatienceMs));
+    const std::vector<std::string> queued = namesInLog(queueing);
+    EXPECT_EQ(namesInLog(execution), queued);
+    // They were mixed: requests of clients stand between those of the file.
+    const auto first = std::find(queued.begin(), queued.end(), "filed1");
+    const auto last = std::find(queued.begin(), queued.end(), "filed3");
+    EXPECT_GT(last - first, 2) << testing::PrintToString(queued);
 }
 
 } // namespace

@@ -15,8 +15,27 @@
 #include "platform/Settings.h"
 #include "runtime/Globals.h"
 #include "tests/fakes/FakePlatform.h"
+#include "tests/unit/InitialSettings.h"
 
 namespace {
+
+InitialSettings savedSettings;
+
+void saveSettings() {
+    savedSettings.verbosity = g_verbose;
+    savedSettings.managerVerbosity = verbose;
+    savedSettings.pidfileStartSec = app_pidfile_minimum_start_time;
+    savedSettings.heartbeatStartSec = app_heartbeat_minimum_start_time;
+    savedSettings.heartbeatExpireSec = app_heartbeat_expire_interval;
+    savedSettings.timerIntervalSec = watchdog_timer_inteval;
+    savedSettings.watchdogDeferSec = watchdogDeferTime;
+    savedSettings.servesWatchdog = initWatchDog;
+    savedSettings.logsSignals = block_signal;
+    savedSettings.firstDataServer = bFirstDataServerAfterSystemBoot;
+    savedSettings.shutsDown = g_bDaemonShutdown != 0;
+    savedSettings.namesRequestFiles =
+        pszExecuteAppConfigurationFile != nullptr || pszAppendToAppConfigurationFile != nullptr;
+}
 
 void resetSettings() {
     g_verbose = 3;
@@ -83,7 +102,12 @@ private:
 
 } // namespace
 
+const InitialSettings& initialSettings() {
+    return savedSettings;
+}
+
 int main(int argc, char** argv) {
+    saveSettings();
     ::setenv("TZ", "UTC", 1); // local times in traces are the same everywhere
     testing::InitGoogleMock(&argc, argv);
     testing::UnitTest::GetInstance()->listeners().Append(new FreshWorld);

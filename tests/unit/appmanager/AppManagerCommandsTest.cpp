@@ -1,6 +1,7 @@
 #include <pthread.h>
 
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <ostream>
 #include <string>
@@ -48,6 +49,10 @@ constexpr std::int32_t kNow = 1700000000;
 constexpr const char* kNowText = "2023-11-14 22:13:20";
 constexpr const char* kNextSecondText = "2023-11-14 22:13:21";
 
+/// Start of a daemon that is found, in ticks since the boot and in seconds since the epoch.
+constexpr std::uint64_t kDaemonTicks = 12300;
+constexpr std::int32_t kDaemonStart = kNow - 10000 + 123;
+
 /// A monotonic millisecond short of the next second, so that any sleep reaches it.
 constexpr int kLastMillisecond = 999;
 
@@ -64,6 +69,37 @@ protected:
 
     /// The next launch makes the process `pid`, which is gone before anybody looks.
     static void scriptLaunch(int pid) { world().scriptLaunch(40000 + pid, pid); }
+
+    /// The next launch makes the process `pid`, which leaves the daemon `daemon` behind; that has a
+    /// pid file and a start time of its own.
+    static void scriptLaunchOfADaemon(int pid, int daemon, const std::string& name) {
+        const std::string path = "/home/kelvo/root/" + name;
+        scriptLaunch(pid);
+        world().addProcess(pid, "other", "/usr/bin/other");
+        world().onSleep = [=](int) {
+            if (world().isAlive(pid)) {
+                world().process(pid)->alive = false;
+                world().addProcess(daemon, name, path, kDaemonTicks).pidFilename =
+                    "/tmp/pid/of_the_daemon";
+            }
+        };
+    }
+
+    /// `app` with something in every field that a restart could spoil.
+    static appinfo everyFieldSet(appinfo app) {
+        platform::copyToField(app.version, "1.2.3");
+        platform::copyToField(app.pidfile, "/tmp/pid/registered");
+        app.start_time = 5;
+        app.uptime = 77;
+        app.port_num = 9;
+        app.priority = -3;
+        app.check_flag = 1;
+        app.keepalive = 1;
+        app.heartbeat = 1;
+        app.last_runtime_life_limit = 600;
+        app.reserved = 0x5A;
+        return app;
+    }
 
     /// The next launch ends without a process.
     static void scriptFailedLaunch() {
@@ -155,6 +191,24 @@ TEST_F(PrepareTest, CopiesBooleansThatAreNotSet) {
     manager_.prepareAppInfo(makeRequest(APPMONCTL_Start, "app"), info_);
     EXPECT_EQ(info_.keepalive, 0);
     EXPECT_EQ(info_.heartbeat, 0);
+}
+
+TEST_F(PrepareTest, DelayHasNoEffect) {
+    reqcmd request = makeRequest(APPMONCTL_Start, "app", "/bin/app");
+    std::memset(&info_, 0x5A, sizeof info_);
+    appinfo delayed = info_;
+    manager_.prepareAppInfo(request, info_);
+    request.delay = 3600;
+    manager_.prepareAppInfo(request, delayed);
+    EXPECT_EQ(std::memcmp(&info_, &delayed, sizeof info_), 0);
+}
+
+TEST_F(PrepareTest, DoesNotWriteTheReservedByte) {
+    for (const int filling : {0x00, 0x5A, 0xFF}) {
+        std::memset(&info_, filling, sizeof info_);
+        manager_.prepareAppInfo(makeRequest(APPMONCTL_Start, "app", "/bin/app"), info_);
+        EXPECT_EQ(info_.reserved, filling);
+    }
 }
 
 class PrepareLengthTest : public AppManagerCommandsTest, public testing::WithParamInterface<int> {
@@ -420,6 +474,33 @@ TEST_F(RestartAppTest, RestartsEveryEntryOfTheNameInPlace) {
     EXPECT_EQ(applist[1].status, APP_STATUS_RUNNING);
 }
 
+TEST_F(RestartAppTest, TakesNothingElseOfTheDaemonFound) {
+    addRunning(everyFieldSet(makeApp("app", 701)));
+    appinfo expected = applist[0];
+    scriptLaunchOfADaemon(801, 802, "app");
+    EXPECT_EQ(manager_.restartApp(makeRequest(APPMONCTL_Restart, "app", "/bin/ignored"), info_), 0);
+    expected.pid = 802;
+    expected.status = APP_STATUS_STARTING0;
+    expected.start_time = kDaemonStart;
+    expected.check_flag = 0;
+    EXPECT_EQ(std::memcmp(&applist[0], &expected, sizeof expected), 0);
+    EXPECT_STREQ(applist[0].pidfile, "/tmp/pid/registered");
+}
+
+TEST_F(RestartAppTest, HoldsTheRegistryDuringTheWaitsOfTheStop) {
+    addRunning(makeApp("app", 701));
+    world().process(701)->ignoresTerm = true;
+    scriptLaunch(801);
+    int looks = 0;
+    world().onSleep = [&](int) {
+        ++looks;
+        EXPECT_TRUE(requests::isHeld(&Access::appLock(manager_)));
+    };
+    EXPECT_EQ(manager_.restartApp(makeRequest(APPMONCTL_Restart, "app"), info_), 0);
+    EXPECT_EQ(looks, 5);
+    EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
+}
+
 TEST_F(RestartAppTest, LaunchWithoutAProcessCountsAsStarted) {
     addRunning(makeApp("app", 701));
     scriptFailedLaunch();
@@ -505,6 +586,21 @@ TEST_F(RestartAppTest, EntryIsStoppedWhileItIsLaunched) {
     EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
 }
 
+TEST_F(AppManagerCommandsTest, FailuresAreLoggedOnceTheRegistryIsReleased) {
+    int failures = 0;
+    world().onLog = [&](int, const std::string& text) {
+        if (text.find(" fails to ") != std::string::npos) {
+            ++failures;
+            EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_))) << text;
+        }
+    };
+    manager_.processCmd(makeRequest(APPMONCTL_Start, "app"));
+    applist = {makeLostApp("app", 701)};
+    manager_.processCmd(makeRequest(APPMONCTL_Restart, "app"));
+    manager_.processCmd(makeRequest(APPMONCTL_Stop, "app"));
+    EXPECT_EQ(failures, 3);
+}
+
 // --- what every action has in common -------------------------------------------------------------
 
 struct ActionCase {
@@ -547,6 +643,28 @@ TEST_P(RequestLineTest, ActionAnswersOnceTheRegistryIsReleased) {
     };
     EXPECT_EQ(manager_.processCmd(makeRequest(GetParam().action, "app", "/bin/app")), 0);
     EXPECT_EQ(sends, 1);
+}
+
+TEST_P(RequestLineTest, ActionLogsItsResultOnceTheRegistryIsReleased) {
+    addRunning(makeApp("app", 701));
+    int results = 0;
+    world().onLog = [&](int, const std::string& text) {
+        if (text.find(kNowText) != std::string::npos) {
+            ++results;
+            EXPECT_FALSE(requests::isHeld(&Access::appLock(manager_)));
+        }
+    };
+    EXPECT_EQ(manager_.processCmd(makeRequest(GetParam().action, "app", "/bin/app")), 0);
+    EXPECT_EQ(results, 1);
+}
+
+TEST_P(RequestLineTest, DelayMakesNothingWait) {
+    addRunning(makeApp("app", 701));
+    reqcmd request = makeRequest(GetParam().action, "app", "/bin/app");
+    request.delay = 3600;
+    EXPECT_EQ(manager_.processCmd(request), 0);
+    EXPECT_EQ(world().count("sleep"), 0U);
+    EXPECT_EQ(world().now, kNow);
 }
 
 TEST_P(RequestLineTest, ActionAnswersBeforeItLogsTheResult) {
@@ -1430,6 +1548,21 @@ TEST_P(WorkRecordTest, GivesItsCheckFlag) {
     Access::workRecord(manager_).check_flag = 1;
     restart();
     EXPECT_EQ(applist[0].check_flag, 1);
+}
+
+TEST_P(WorkRecordTest, AndPidAndStartTimeAreAllThatChanges) {
+    Access::workRecord(manager_).status = APP_STATUS_APP_LATE;
+    Access::workRecord(manager_).check_flag = 0;
+    platform::copyToField(Access::workRecord(manager_).pidfile, "/tmp/pid/work");
+    addRunning(onPort(everyFieldSet(makeApp("app", 701))));
+    appinfo expected = applist[0];
+    scriptLaunchOfADaemon(801, 802, "app");
+    EXPECT_EQ(manager_.processCmd(unanswered(makeRequest(GetParam(), "name", "/bin/name"))), 0);
+    expected.pid = 802;
+    expected.status = APP_STATUS_APP_LATE;
+    expected.start_time = kDaemonStart;
+    expected.check_flag = 0;
+    EXPECT_EQ(std::memcmp(&applist[0], &expected, sizeof expected), 0);
 }
 
 TEST_P(WorkRecordTest, BelongsToItsManager) {

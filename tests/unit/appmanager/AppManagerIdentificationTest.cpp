@@ -675,6 +675,47 @@ TEST_F(WaitForDaemonizationTest, ProcessWithoutFactsGivesMinusTwo) {
     EXPECT_EQ(world().count("sleep"), 0U);
 }
 
+TEST_F(WaitForDaemonizationTest, FactsComeBeforeTheCommandAndThePidFile) {
+    fakes::Process& process = world().addProcess(kLaunched, "data_server", kServer);
+    process.pidFilename = "/tmp/launched.pid.601";
+    process.factsAvailable = false;
+    platform::copyToField(app_.cmd, " ");
+    before_ = app_;
+    EXPECT_EQ(wait(), -2);
+    expectRecordUnchanged();
+}
+
+TEST_F(WaitForDaemonizationTest, CommandComesBeforeThePidFile) {
+    world().addProcess(kLaunched, "data_server", kServer).pidFilename = "/tmp/launched.pid.601";
+    platform::copyToField(app_.cmd, " ");
+    before_ = app_;
+    EXPECT_EQ(wait(), -3);
+    expectRecordUnchanged();
+}
+
+TEST_F(WaitForDaemonizationTest, TickRateThatStaysUnknownGivesMinusFive) {
+    world().clockTicksPerSecond = 0;
+    AppManagerTestAccess::statusUpdate(manager_).initBootTimeVars();
+    scriptDaemonAfter(1);
+    EXPECT_EQ(wait(), -5);
+    EXPECT_EQ(world().procScans, 0);
+    EXPECT_EQ(app_.pid, kLaunched);
+    EXPECT_EQ(world().liveBlocks(), 0U);
+}
+
+TEST_F(WaitForDaemonizationTest, GoesOnAfterAMillisecondOnceTheTickRateIsKnown) {
+    world().clockTicksPerSecond = 0;
+    AppManagerTestAccess::statusUpdate(manager_).initBootTimeVars();
+    scriptDaemonAfter(1);
+    const auto script = world().onSleep;
+    world().onSleep = [script](int ms) {
+        script(ms);
+        world().clockTicksPerSecond = 100;
+    };
+    EXPECT_EQ(wait(), kDaemon);
+    EXPECT_EQ(world().callsOf("sleep"), (std::vector<std::string>{"sleep 1", "sleep 1"}));
+}
+
 TEST_F(WaitForDaemonizationTest, ProcessWithoutFactsIsTracedFromVerbosityThreeOn) {
     EXPECT_EQ(tracesAt(3), "waitForDaemonization: pid=601 proc info error\n");
     EXPECT_EQ(tracesAt(2), "");
@@ -930,6 +971,20 @@ TEST_F(GateTest, OpensBeforeTheProcessIsFollowed) {
     EXPECT_FALSE(gate_.valid());
 }
 
+TEST_F(GateTest, IsClosedWhileTheFactsAreRead) {
+    world().addProcess(kLaunched, "data_server", kServer);
+    int looks = 0;
+    world().onFacts = [&](pid_t pid) {
+        ++looks;
+        EXPECT_EQ(pid, kLaunched);
+        EXPECT_FALSE(gateIsOpen());
+    };
+    world().onSleep = [](int) { world().terminationIsPending = true; };
+    (void)manager_.waitForDaemonization(app_, &gate_);
+    EXPECT_EQ(looks, 1);
+    EXPECT_TRUE(gateIsOpen());
+}
+
 // --- small utilities ----------------------------------------------------------------------------
 
 class DeadPidTest : public testing::TestWithParam<int> {};
@@ -1019,6 +1074,22 @@ TEST_F(File2StrTest, TerminatorStandsRightBehindTheWholeLength) {
     write("0123456789abcdefgh");
     EXPECT_EQ(read(15), 15);
     EXPECT_STREQ(buffer_, "0123456789abcde");
+}
+
+TEST_F(File2StrTest, ReadsInOneCall) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_DIRECT), 0); // Each write is read by a call of its own.
+    const platform::UniqueFd readEnd(ends[0]);
+    platform::UniqueFd writeEnd(ends[1]);
+    ASSERT_EQ(::write(writeEnd.get(), "ab", 2), 2);
+    ASSERT_EQ(::write(writeEnd.get(), "cd", 2), 2);
+    writeEnd.reset();
+    const std::string path = "/proc/self/fd/" + std::to_string(readEnd.get());
+    EXPECT_EQ(AppManager::file2str(path.c_str(), buffer_, 15), 2);
+    EXPECT_STREQ(buffer_, "ab");
+    char rest[3] = {};
+    EXPECT_EQ(::read(readEnd.get(), rest, 2), 2);
+    EXPECT_STREQ(rest, "cd");
 }
 
 TEST_F(File2StrTest, EmptyFileGivesMinusTwo) {

@@ -161,6 +161,14 @@ TEST_F(AppManagerIntakeTest, TracesTheCommandAboveVerbositySeven) {
     EXPECT_EQ(world().consoleText(), "processRequest(cmd=/bin/app -x)\n");
 }
 
+TEST_F(AppManagerIntakeTest, TracesTheCommandBeforeItLogsTheRequest) {
+    verbose = 8;
+    std::string shown;
+    world().onLog = [&](int, const std::string&) { shown = world().consoleText(); };
+    queue("app", "/bin/app -x");
+    EXPECT_EQ(shown, "processRequest(cmd=/bin/app -x)\n");
+}
+
 TEST_F(AppManagerIntakeTest, IsSilentAtVerbositySeven) {
     verbose = 7;
     queue("app", "/bin/app -x");
@@ -465,6 +473,41 @@ TEST_F(CommandThreadTest, ProducersMayQueueWhileARequestIsExecuted) {
     EXPECT_THAT(manager_.finished(), ElementsAre("one", "two", "three"));
 }
 
+TEST_F(CommandThreadTest, ExecutesTheRequestsOfTwoProducersInArrivalOrder) {
+    constexpr int kEach = 40;
+    startThread();
+    // The trace is printed with the queue locked: its order is that of the arrival.
+    verbose = 8;
+    std::vector<std::string> arrived;
+    world().onConsole = [&](const std::string& text) {
+        if (text.rfind("processRequest(cmd=", 0) == 0) {
+            const fakes::Lock lock;
+            arrived.push_back(text.substr(19, text.find(')') - 19));
+        }
+    };
+    const auto produce = [this](char producer) {
+        for (int count = 0; count < kEach; ++count) {
+            const std::string name = producer + std::to_string(count);
+            queue(name, name);
+        }
+    };
+    std::thread other(produce, 'b');
+    produce('a');
+    other.join();
+    EXPECT_TRUE(wakeUntilFinished(2U * kEach));
+    EXPECT_THAT(arrived, SizeIs(2 * kEach));
+    EXPECT_THAT(manager_.finished(), testing::ElementsAreArray(arrived));
+    for (const char producer : {'a', 'b'}) {
+        int next = 0;
+        for (const std::string& name : manager_.finished()) {
+            if (name[0] == producer) {
+                EXPECT_EQ(name, producer + std::to_string(next++));
+            }
+        }
+        EXPECT_EQ(next, kEach);
+    }
+}
+
 TEST_F(CommandThreadTest, EndsAfterTheRequestDuringWhichItShutsDown) {
     manager_.onExecute = [this](const reqcmd&) { Access::shuttingDown(manager_) = true; };
     queue("one");
@@ -591,6 +634,20 @@ TEST_F(CommandThreadExecutionTest, UnknownActionIsReportedByTheExecutionOnly) {
         return !lines.empty() && lines.back() == "request.action=UNKNOWN";
     }));
     EXPECT_THAT(requests::replies(), IsEmpty());
+}
+
+TEST_F(CommandThreadExecutionTest, AnswersTheRequestDuringWhichItShutsDown) {
+    world().addProcess(700, "app", "/home/kelvo/root/app");
+    applist.push_back(requests::makeApp("app", 700));
+    world().onSignal = [this](pid_t, int) { Access::shuttingDown(manager_) = true; };
+    manager_.processRequest(makeRequest(APPMONCTL_Stop, "app"));
+    manager_.processRequest(makeRequest(APPMONCTL_Stop, "other"));
+    EXPECT_TRUE(wakeUntil([] { return fakes::liveWorkers() == 0; }));
+    ASSERT_THAT(requests::replies(), SizeIs(1));
+    EXPECT_EQ(requests::replies()[0].code, 0);
+    EXPECT_THAT(requests::replies()[0].message, testing::StartsWith("app is stopped @"));
+    EXPECT_THAT(world().logTexts(kLevelInfo).back(), testing::StartsWith("app is stopped @"));
+    EXPECT_THAT(Access::queue(manager_), SizeIs(1));
 }
 
 /// Cancels the command thread while it sleeps in the middle of a stop.

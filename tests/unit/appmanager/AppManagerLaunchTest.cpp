@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +15,7 @@
 #include "appmanager/AppManager.h"
 #include "platform/Settings.h"
 #include "platform/Text.h"
+#include "platform/UniqueFd.h"
 #include "records/codes.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
@@ -184,6 +188,15 @@ TEST_F(Fork2MonitorTest, AnotherFailureAfterAnInterruptionIsNotRepeated) {
     world().waitpidResults = {{-1, 0, EINTR}, {-1, 0, ECHILD}};
     EXPECT_EQ(manager_.fork2(), -1);
     EXPECT_EQ(world().count("waitpid"), 2U);
+}
+
+TEST_F(Fork2MonitorTest, FailedWaitIsLoggedWithPidStatusAndError) {
+    world().forkResults = {{kChild, 0}};
+    world().waitpidResults = {{7, 0x1234, EINTR}, {-1, 0, EIO}}; // another pid than asked for
+    EXPECT_EQ(manager_.fork2(), -1);
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("fork2():fork parent error: mainpid=600, status=4660, error=4",
+                            "fork2():fork parent error: mainpid=600, status=4660, error=5"));
 }
 
 TEST_F(Fork2MonitorTest, ChildEndedByASignalIsAFailure) {
@@ -596,6 +609,69 @@ TEST_F(StartProcessFork2Test, LaunchesWithoutAGateToo) {
     world().pipeErrors = {EMFILE, 0};
     EXPECT_EQ(manager_.start_process_fork2(app_), kLaunched);
     EXPECT_EQ(app_.pid, kDaemon);
+}
+
+/// A real pipe as the gate, at numbers that the fakes hand out.
+class LaunchGateTest : public StartProcessFork2Test {
+protected:
+    static constexpr int kGateRead = 900;
+    static constexpr int kGateWrite = 901;
+
+    void SetUp() override {
+        StartProcessFork2Test::SetUp();
+        int ends[2];
+        ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+        observer_.reset(ends[0]);
+        const platform::UniqueFd writeEnd(ends[1]);
+        ASSERT_EQ(::fcntl(ends[0], F_DUPFD_CLOEXEC, kGateRead), kGateRead);
+        ASSERT_EQ(::fcntl(ends[1], F_DUPFD_CLOEXEC, kGateWrite), kGateWrite);
+        world().nextDescriptor = kGateRead;
+    }
+
+    /// True when the launched process would go on.
+    bool gateIsOpen() const {
+        char byte = 0;
+        return ::read(observer_.get(), &byte, 1) == 0;
+    }
+
+    platform::UniqueFd observer_;
+};
+
+TEST_F(LaunchGateTest, StaysClosedUntilTheFactsWereRead) {
+    scriptGoodLaunch();
+    int looks = 0;
+    world().onFacts = [&](pid_t pid) {
+        if (pid == kLaunched) {
+            ++looks;
+            EXPECT_FALSE(gateIsOpen());
+            world().onFacts = nullptr;
+        }
+    };
+    EXPECT_EQ(manager_.start_process_fork2(app_), kLaunched);
+    EXPECT_EQ(looks, 1);
+    EXPECT_TRUE(gateIsOpen());
+}
+
+TEST_F(LaunchGateTest, OpensWhenTheLaunchedProcessHasNoFacts) {
+    world().scriptLaunch(kChild, kLaunched);
+    EXPECT_FALSE(gateIsOpen());
+    EXPECT_EQ(manager_.start_process_fork2(app_), kLaunched);
+    EXPECT_TRUE(gateIsOpen());
+}
+
+TEST_F(LaunchGateTest, OpensWhenTheCommandHasNoWords) {
+    platform::copyToField(app_.cmd, " \t ");
+    world().scriptLaunch(kChild, kLaunched);
+    world().addProcess(kLaunched, "data_server", kServer);
+    EXPECT_EQ(manager_.start_process_fork2(app_), kLaunched);
+    EXPECT_TRUE(gateIsOpen());
+}
+
+TEST_F(LaunchGateTest, OpensWhenThePidCouldNotBeRead) {
+    world().forkResults = {{kChild, 0}};
+    world().reads = {{"", EIO}};
+    EXPECT_EQ(manager_.start_process_fork2(app_), -10);
+    EXPECT_TRUE(gateIsOpen());
 }
 
 TEST_F(StartProcessFork2Test, MonitorLeavesThePidFileToTheLaunchedProcess) {

@@ -1,7 +1,11 @@
 #include "appmanager/AppManager.h"
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -26,6 +30,9 @@ using Access = AppManagerTestAccess;
 
 constexpr int kLevelError = 3;
 constexpr int kLevelInfo = 6;
+
+static_assert(std::has_virtual_destructor_v<AppManager>);
+static_assert(!std::has_virtual_destructor_v<AppServer>);
 
 // --- codes and their texts -----------------------------------------------------------------------
 
@@ -250,6 +257,25 @@ TEST_F(AppManagerTest, TerminationUnlocksWhatItsCallerHolds) {
         pthread_mutex_lock(&Access::appLock(manager_));
     }
     pthread_mutex_lock(&Access::queueLock(manager_));
+    manager_.processTermination(&manager_);
+    EXPECT_TRUE(manager_.commandThreadHasLeft());
+    EXPECT_TRUE(fakes::waitForWorkersToEnd());
+}
+
+TEST_F(AppManagerTest, TerminationFreesACommandThatWaitsForWhatItsCallerHolds) {
+    ASSERT_EQ(manager_.init(false), 0);
+    applist.push_back(requests::makeApp("app", 0));
+    pthread_mutex_lock(&Access::appLock(manager_));
+    manager_.processRequest(makeRequest(APPMONCTL_Stop, "app"));
+    ASSERT_TRUE(fakes::waitUntil([this] {
+        (void)manager_.notify();
+        return !logLines().empty() &&
+               logLines().back().second == "processCmd() request.action=APPMONCTL_Stop app";
+    }));
+    for (int look = 0; look < 20; ++look) {
+        ::usleep(1000); // It reaches the lock, and stays there.
+        ASSERT_EQ(logLines().back().second, "processCmd() request.action=APPMONCTL_Stop app");
+    }
     manager_.processTermination(&manager_);
     EXPECT_TRUE(manager_.commandThreadHasLeft());
     EXPECT_TRUE(fakes::waitForWorkersToEnd());

@@ -89,7 +89,7 @@ protected:
         }
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
 };
 
 TEST_P(HostileRecordTest, IsExecutedWithoutRunningOutOfItsFields) {

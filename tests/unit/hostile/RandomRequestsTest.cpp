@@ -284,7 +284,7 @@ protected:
     }
 
     Random random_;
-    AppManager manager_;
+    FixtureManager manager_;
     Tally tally_;
     bool sendsFail_ = false;
 };
@@ -368,7 +368,7 @@ protected:
         });
     }
 
-    AppManager manager_;
+    FixtureManager manager_;
 };
 
 TEST_F(RandomRequestsThreadTest, FromTwoProducersLeaveTheThreadAtWork) {

@@ -9,6 +9,7 @@
 
 #include "platform/Settings.h"
 #include "runtime/Globals.h"
+#include "tests/unit/InitialSettings.h"
 
 namespace {
 
@@ -34,6 +35,22 @@ protected:
     std::vector<std::string> words_;
     std::vector<char*> argv_;
 };
+
+TEST(InitialSettingsTest, AreThoseOfAMonitorWithoutOptions) {
+    const InitialSettings& initial = initialSettings();
+    EXPECT_EQ(initial.verbosity, 3);
+    EXPECT_EQ(initial.managerVerbosity, 0);
+    EXPECT_EQ(initial.pidfileStartSec, 7);
+    EXPECT_EQ(initial.heartbeatStartSec, 30);
+    EXPECT_EQ(initial.heartbeatExpireSec, 30);
+    EXPECT_EQ(initial.timerIntervalSec, 5);
+    EXPECT_EQ(initial.watchdogDeferSec, 120);
+    EXPECT_FALSE(initial.servesWatchdog);
+    EXPECT_FALSE(initial.logsSignals);
+    EXPECT_FALSE(initial.firstDataServer);
+    EXPECT_FALSE(initial.shutsDown);
+    EXPECT_FALSE(initial.namesRequestFiles);
+}
 
 TEST_F(OptionsTest, DefaultsWithoutOptions) {
     const Options options = parse({});

@@ -66,6 +66,7 @@ protected:
 
     ~ShutdownTest() override {
         world().onCall = nullptr;
+        world().onConsole = nullptr;
         world().onSleep = nullptr;
     }
 
@@ -302,6 +303,35 @@ TEST_F(ShutdownTest, StartUpThreadIsCancelledAndJoinedFirst) {
     ovardAtExit();
     EXPECT_EQ(workersAtTearDown, 0);
     EXPECT_EQ(thread_startupAppConfiguration, kNoThread);
+}
+
+TEST_F(ShutdownTest, ThreadLineMutexAndSignalsComeInThisOrder) {
+    block_signal = true;
+    pthread_t thread = 0;
+    ASSERT_EQ(platform::createWorkerThread(&thread, sleepUntilCancelled, nullptr), 0);
+    thread_startupAppConfiguration = thread;
+    startManager();
+    int lines = 0;
+    world().onConsole = [&](const std::string& text) {
+        ++lines;
+        EXPECT_EQ(text, "ovard ovardAtExit()\n");
+        EXPECT_EQ(fakes::liveWorkers(), 0);
+        EXPECT_EQ(thread_startupAppConfiguration, kNoThread);
+        EXPECT_FALSE(initializationMutexIsFree());
+        EXPECT_EQ(world().count("signal"), 0U);
+    };
+    bool looked = false;
+    world().onCall = [&](const std::string& call) {
+        if (!looked && call == signalCall(SIGHUP, "default")) {
+            looked = true;
+            EXPECT_EQ(lines, 1);
+            EXPECT_TRUE(initializationMutexIsFree());
+        }
+    };
+    ovardAtExit();
+    world().onConsole = nullptr;
+    EXPECT_EQ(lines, 1);
+    EXPECT_TRUE(looked);
 }
 
 TEST_F(ShutdownTest, StartUpThreadThatHasEndedIsJoinedToo) {

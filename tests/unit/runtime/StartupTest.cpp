@@ -574,6 +574,16 @@ TEST_F(StartupDeathTest, ShutdownIsRegisteredAfterTheDaemonizeStep) {
         testing::ExitedWithCode(kShutdownDidNotRun), "");
 }
 
+TEST_F(StartupDeathTest, ShutdownIsRegisteredBeforeTheTerminationSignalsAreWatchedFor) {
+    // Both come before the termination signals are watched for, which is the first that shows.
+    EXPECT_EXIT(
+        {
+            at("watch", [] { std::exit(0); });
+            runAndExit({"-d"});
+        },
+        testing::ExitedWithCode(kShutdownRan), "");
+}
+
 // --- the loop ------------------------------------------------------------------------------------
 
 TEST_F(StartupTest, LoopTakesTheStatusInterval) {

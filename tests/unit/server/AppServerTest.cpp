@@ -37,6 +37,15 @@ constexpr int kNextClient = kFirstDescriptor + 2;
 
 const char* const kSocketPath = "/tmp/appmon_sock";
 
+/// The process-wide instance as it is, without making it. The explicit instantiation below may name
+/// the private member.
+AppServer* processWideInstance();
+
+template <AppServer** Member> struct Revealed {
+    friend AppServer* processWideInstance() { return *Member; }
+};
+template struct Revealed<&AppServer::m_pInstance>;
+
 std::string onDescriptor(const char* call, int fd) {
     return std::string(call) + ' ' + std::to_string(fd);
 }
@@ -501,6 +510,16 @@ TEST_P(AppServerVanishedClientTest, ReplyEndsWithSuccessAtTheLastAttempt) {
     EXPECT_THAT(world().log, IsEmpty());
 }
 
+TEST_P(AppServerVanishedClientTest, ReplyForgetsTheConnection) {
+    acceptClient();
+    world().sendResults = {{-1, GetParam()}};
+    response_struct reply = replyWith(0, "done\n");
+    server_->sendCommand(&reply);
+    world().forgetRecords();
+    server_->sendCommand(&reply);
+    EXPECT_THAT(world().calls, ElementsAre("send -1 1032"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Errors, AppServerVanishedClientTest, testing::Values(EINVAL, ENOTCONN));
 
 TEST_F(AppServerTest, AcceptIsTriedThreeTimesInAll) {
@@ -611,6 +630,49 @@ TEST_F(AppServerTest, BrokenConnectionIsLoggedAfterThreeAttempts) {
     EXPECT_THAT(onlyLogsOf(kLevelDebug), ElementsAre("sendCommand(): sendto error=32"));
 }
 
+TEST_F(AppServerTest, BrokenConnectionIsLoggedBeforeItIsClosed) {
+    acceptClient();
+    world().sendResults = {{-1, EPIPE}, {-1, EPIPE}, {-1, EPIPE}};
+    std::size_t linesAtTheClose = 0;
+    world().onCall = [&](const std::string& call) {
+        if (call == onDescriptor("closefd", kClient)) {
+            linesAtTheClose = world().log.size();
+        }
+    };
+    response_struct reply = replyWith(0, "done\n");
+    EXPECT_EQ(server_->sendCommand(&reply), -1);
+    world().onCall = nullptr;
+    EXPECT_EQ(linesAtTheClose, 1U);
+}
+
+TEST_F(AppServerTest, BrokenConnectionIsForgotten) {
+    acceptClient();
+    world().sendResults = {{-1, EPIPE}, {-1, EPIPE}, {-1, EPIPE}};
+    response_struct reply = replyWith(0, "done\n");
+    EXPECT_EQ(server_->sendCommand(&reply), -1);
+    world().forgetRecords();
+    server_->sendCommand(&reply);
+    EXPECT_THAT(world().calls, ElementsAre("send -1 1032"));
+}
+
+TEST_F(AppServerTest, AnsweredConnectionIsForgotten) {
+    acceptClient();
+    response_struct reply = replyWith(0, "done\n");
+    EXPECT_EQ(server_->sendCommand(&reply), 0);
+    world().forgetRecords();
+    server_->sendCommand(&reply);
+    EXPECT_THAT(world().calls, ElementsAre("send -1 1032"));
+}
+
+TEST_F(AppServerTest, ReplyIsShownBeforeItIsWritten) {
+    acceptClient();
+    std::string shown;
+    world().onSend = [&](int) { shown = world().consoleText(); };
+    response_struct reply = replyWith(0, "done\n");
+    EXPECT_EQ(server_->sendCommand(&reply), 0);
+    EXPECT_EQ(shown, "done\n\n");
+}
+
 TEST_F(AppServerTest, InterruptedWriteIsTriedAgain) {
     acceptClient();
     world().sendResults = {{-1, EINTR}, {-1, EINTR}};
@@ -703,10 +765,24 @@ TEST_F(AppServerTest, DestructorAfterCloseCommunicationClosesNothing) {
 }
 
 TEST_F(AppServerTest, InitCommunicationMakesTheProcessWideInstance) {
-    AppServer* const instance = AppServer::Instance();
-    EXPECT_NE(instance, nullptr);
+    AppServer* const instance = processWideInstance(); // the fixture has called initCommunication
+    ASSERT_NE(instance, nullptr);
     EXPECT_NE(instance, server_.get());
     EXPECT_EQ(AppServer::Instance(), instance);
+    server_->initCommunication();
+    EXPECT_EQ(processWideInstance(), instance);
+}
+
+TEST_F(AppServerSetUpTest, ConstructorMakesNoProcessWideInstance) {
+    EXPECT_EQ(processWideInstance(), nullptr);
+    AppServer* const instance = AppServer::Instance();
+    EXPECT_NE(instance, nullptr);
+    EXPECT_EQ(processWideInstance(), instance);
+}
+
+TEST_F(AppServerTest, DestructorForgetsTheProcessWideInstance) {
+    server_.reset();
+    EXPECT_EQ(processWideInstance(), nullptr);
 }
 
 TEST_F(AppServerTest, DestructorClosesAndFreesTheProcessWideInstance) {

@@ -121,6 +121,12 @@ ssize_t sendBytes(int /*fd*/, const void* /*buffer*/, std::size_t size) {
     return static_cast<ssize_t>(size);
 }
 
+int duplicateConnection(int /*fd*/) {
+    return -1;
+}
+
+void endConnection(int /*fd*/) {}
+
 void shutDownWriting(int /*fd*/) {}
 
 void printConsole(std::string_view /*text*/) {}

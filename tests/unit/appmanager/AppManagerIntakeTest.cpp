@@ -494,7 +494,7 @@ TEST_F(CommandThreadTest, ExecutesTheRequestsOfTwoProducersInArrivalOrder) {
     std::thread other(produce, 'b');
     produce('a');
     other.join();
-    EXPECT_TRUE(wakeUntilFinished(2U * kEach));
+    EXPECT_TRUE(wakeUntilFinished(std::size_t{2} * kEach));
     EXPECT_THAT(arrived, SizeIs(2 * kEach));
     EXPECT_THAT(manager_.finished(), testing::ElementsAreArray(arrived));
     for (const char producer : {'a', 'b'}) {

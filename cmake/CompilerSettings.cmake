@@ -11,6 +11,13 @@ add_compile_options(-fexceptions -fasynchronous-unwind-tables)
 # The same sources give the same binary wherever they are built.
 add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 
+# The instrument's memory is smaller than its processor is slow.
+add_compile_options($<$<CONFIG:Release>:-Os>)
+
+# What a program does not use is left out when it is linked.
+add_compile_options(-ffunction-sections -fdata-sections)
+add_link_options(LINKER:--gc-sections)
+
 # Inode numbers, sizes and offsets beyond 32 bits must not make calls fail on 32-bit machines.
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 

@@ -10,7 +10,8 @@ namespace platform {
 
 /// Writes `text` to standard output as it stands, at once; a failure is ignored. A reader that
 /// leaves a text waiting for half a second loses the rest, and is not waited for again until it
-/// takes something. Any thread; texts of one call stay together up to 4096 bytes.
+/// takes a whole one; one of a monitor that is asked to end is not waited for. Any thread; texts of
+/// one call stay together up to 4096 bytes.
 void printConsole(std::string_view text);
 
 /// As printConsole, followed by a line end.

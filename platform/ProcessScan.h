@@ -34,6 +34,13 @@ inline bool readCommandLine(pid_t pid, Candidate& candidate) {
     return get_proc_cmdline(pid, candidate.cmdline, &length) == 0 && candidate.cmdline[0] == '/';
 }
 
+/// Puts the name of the pid file that the process `app.pid` has really written into `app.pidfile`.
+/// False when it has written none: the name stays.
+inline bool takePidFileName(appinfo& app) {
+    int length = sizeof app.pidfile;
+    return get_pid_filename(&app.pid, app.pidfile, &length) == 0;
+}
+
 /// A start time as the traces show it.
 inline int traceTicks(const statstruct_proc& info) {
     return static_cast<int>(info.starttime);

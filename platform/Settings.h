@@ -32,6 +32,11 @@ extern const char* pszExecuteAppConfigurationFile;
 /// owned.
 extern const char* pszAppendToAppConfigurationFile;
 
+/// File version and file date of this program, as published. Handed down by the runtime at
+/// start-up; empty until then. Not owned.
+extern const char* g_fileVersion;
+extern const char* g_fileDate;
+
 /// 0 while the monitor runs, all ones from the first step of its shutdown on. Any thread.
 extern std::atomic<std::int32_t> g_bDaemonShutdown;
 

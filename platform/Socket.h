@@ -37,10 +37,6 @@ ssize_t sendBytes(int fd, const void* buffer, std::size_t size);
 /// A second descriptor of the same connection, close-on-exec.
 int duplicateConnection(int fd);
 
-/// Ends a connection for both sides, whoever else holds a descriptor of it, and closes `fd`. What
-/// was sent can still be read.
-void endConnection(int fd);
-
 /// No more writing on `fd`.
 void shutDownWriting(int fd);
 

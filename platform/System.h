@@ -11,6 +11,8 @@
 
 #include <cstddef>
 
+struct utsname;
+
 namespace platform {
 
 // --- processes ---------------------------------------------------------------------------------
@@ -78,8 +80,17 @@ bool pathExists(const char* path);
 /// sync.
 void flushFileSystems();
 
+/// Runs `command` with /bin/sh, the monitor's signals at their default actions, and waits for its
+/// end; 5 seconds at most, 1 when the monitor is asked to end, then it is killed. Returns 0 when it
+/// ended with status 0; otherwise -1 with errno: why it could not run, ETIMEDOUT, or EIO when it
+/// ran and failed. Main thread.
+int runShellCommand(const char* command);
+
 /// The reboot call with the restart command: does not return when it works. 0 or -1 else.
 int restartMachine();
+
+/// uname.
+int identifyKernel(utsname& identity);
 
 /// Seconds since boot, or -1 with errno.
 long uptimeSeconds();

@@ -21,6 +21,11 @@ template <std::size_t Size> std::string_view fieldText(const char (&field)[Size]
     return {field, ::strnlen(field, Size)};
 }
 
+/// Forces a NUL at the end of a text field.
+template <std::size_t Size> void terminateField(char (&field)[Size]) {
+    field[Size - 1] = '\0';
+}
+
 /// Copies `source` into `field`, cut to fit, rest of the field zero, always NUL-terminated.
 template <std::size_t Size> void copyToField(char (&field)[Size], std::string_view source) {
     const std::size_t length = source.size() < Size ? source.size() : Size - 1;

@@ -47,6 +47,9 @@ std::string localTimeText(std::time_t t);
 /// is enabled here even where the thread keeps it disabled). Never call it from a destructor.
 void sleepMilliseconds(int milliseconds);
 
+/// As sleepMilliseconds, but for its whole span on the watching thread too. For short ones only.
+void sleepRegardless(int milliseconds);
+
 /// Gives up the processor once (a sleep of zero seconds). Not a cancellation point.
 void yieldProcessor();
 

@@ -1,5 +1,7 @@
 #include "platform/UniqueFd.h"
 
+#include <fcntl.h>
+
 namespace platform {
 namespace {
 
@@ -23,6 +25,15 @@ template <typename Step> ssize_t transferFully(std::size_t size, Step step) {
 }
 
 } // namespace
+
+UniqueFd openFile(const char* path, int flags, mode_t mode) {
+    constexpr int kAlways = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    UniqueFd file(::open(path, (flags & ~O_CREAT) | kAlways));
+    if (!file.valid() && (flags & O_CREAT) != 0) {
+        file.reset(::open(path, flags | kAlways, mode));
+    }
+    return file;
+}
 
 ssize_t readFully(int fd, void* buffer, std::size_t size) {
     return transferFully(size, [=](std::size_t done) {

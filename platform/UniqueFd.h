@@ -3,6 +3,7 @@
 #ifndef OVARD_PLATFORM_UNIQUE_FD_H
 #define OVARD_PLATFORM_UNIQUE_FD_H
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,6 +43,12 @@ public:
 private:
     int fd_ = -1;
 };
+
+/// open with close-on-exec, without becoming the controlling terminal's and without blocking on
+/// what only looks like a file. Where `flags` hold O_CREAT, the file is created (with `mode`) only
+/// when it cannot be opened without: some systems refuse to open another user's file with leave to
+/// create it. Invalid with errno on failure.
+UniqueFd openFile(const char* path, int flags, mode_t mode = 0);
 
 /// Reads until `size` bytes came, end of file or an error; restarts after signals.
 /// Returns the bytes read, or -1 with errno when the first read failed.

@@ -6,13 +6,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
+#include "platform/Settings.h"
 #include "platform/Time.h"
 #include "platform/UniqueFd.h"
+#include "platform/Wait.h"
 #include "platform/linux/FixedText.h"
 
 namespace platform {
@@ -54,42 +58,73 @@ ErrorText errorText(int error) {
 /// How long one text waits for a reader that takes nothing.
 constexpr int kPatienceMs = 500;
 
+/// Within it, how often is looked whether the monitor is asked to end.
+constexpr int kSliceMs = 50;
+
 /// Set while the reader of a descriptor takes nothing: it is then not waited for again.
 std::atomic<bool> readerIsStalled[STDERR_FILENO + 1];
 
-/// A way to write to `fd` that never blocks. A terminal or a pipe is opened once more for that: its
-/// flags are shared with the shell and with the applications. Invalid where that is not possible
-/// or not needed.
-UniqueFd nonBlockingTwin(int fd) {
-    struct stat facts = {};
-    if (::fstat(fd, &facts) != 0 || !(S_ISFIFO(facts.st_mode) || S_ISCHR(facts.st_mode))) {
-        return UniqueFd();
+/// How a standard descriptor is written to without ever blocking.
+///
+/// A terminal or a pipe is opened once more for that: its flags are shared with the shell and with
+/// the applications. Where it cannot be, for want of descriptors, it is looked at before each
+/// piece.
+class Sink {
+public:
+    explicit Sink(int fd)
+        : fd_(fd) {
+        struct stat facts = {};
+        const bool known = ::fstat(fd, &facts) == 0;
+        const bool isTerminal = known && S_ISCHR(facts.st_mode);
+        if (isTerminal || (known && S_ISFIFO(facts.st_mode))) {
+            twin_ = openAgain(fd);
+        }
+        // A pipe that can be written takes this much at once, a terminal no more than a character.
+        piece_ = isTerminal ? 1 : PIPE_BUF;
     }
-    const char path[] = {'/', 'p', 'r', 'o', 'c',
-                         '/', 's', 'e', 'l', 'f',
-                         '/', 'f', 'd', '/', static_cast<char>('0' + fd),
-                         '\0'};
-    return UniqueFd(::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-}
 
-/// Writes what can be written at once. -1 with errno, EAGAIN when that is nothing.
-ssize_t writeAtOnce(int fd, const UniqueFd& twin, std::string_view text) {
-    if (twin.valid()) {
-        return ::write(twin.get(), text.data(), text.size());
+    /// Writes what can be written at once. -1 with errno, EAGAIN when that is nothing.
+    ssize_t writeAtOnce(std::string_view text) const {
+        if (twin_.valid()) {
+            return ::write(twin_.get(), text.data(), text.size());
+        }
+        const ssize_t count = ::send(fd_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count >= 0 || errno != ENOTSOCK) {
+            return count;
+        }
+        pollfd entry = {fd_, POLLOUT, 0};
+        if (::poll(&entry, 1, 0) != 1) {
+            errno = EAGAIN;
+            return -1;
+        }
+        return ::write(fd_, text.data(), std::min(text.size(), piece_));
     }
-    const ssize_t count = ::send(fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    return count < 0 && errno == ENOTSOCK ? ::write(fd, text.data(), text.size()) : count;
-}
 
-/// Waits until `deadline` for the reader; false when the time is over.
+private:
+    static UniqueFd openAgain(int fd) {
+        const char path[] = {'/', 'p', 'r', 'o', 'c',
+                             '/', 's', 'e', 'l', 'f',
+                             '/', 'f', 'd', '/', static_cast<char>('0' + fd),
+                             '\0'};
+        return UniqueFd(::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    }
+
+    int fd_;
+    UniqueFd twin_;
+    std::size_t piece_ = 0;
+};
+
+/// Waits a while for the reader; false when the time is over, which it is once the monitor is asked
+/// to end.
 bool awaitReader(int fd, std::int64_t deadline) {
     const std::int64_t leftMs = deadline - monotonicMilliseconds();
-    if (leftMs <= 0 || readerIsStalled[fd]) {
+    if (leftMs <= 0 || readerIsStalled[fd] || terminationPending() || g_bDaemonShutdown != 0) {
         readerIsStalled[fd] = true;
         return false;
     }
     pollfd entry = {fd, POLLOUT, 0};
-    (void)::poll(&entry, 1, static_cast<int>(leftMs)); // the next attempt tells what came of it
+    // The next attempt tells what came of it.
+    (void)::poll(&entry, 1, static_cast<int>(std::min<std::int64_t>(leftMs, kSliceMs)));
     return true;
 }
 
@@ -98,12 +133,12 @@ bool awaitReader(int fd, std::int64_t deadline) {
 void writeBounded(int fd, std::string_view text) {
     const int savedErrno = errno;
     const std::int64_t deadline = monotonicMilliseconds() + kPatienceMs;
-    const UniqueFd twin = nonBlockingTwin(fd);
+    const Sink sink(fd);
     while (!text.empty()) {
-        const ssize_t count = writeAtOnce(fd, twin, text);
-        if (count >= 0) {
+        const ssize_t count = sink.writeAtOnce(text);
+        if (count > 0) {
             text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN ? !awaitReader(fd, deadline) : errno != EINTR) {
+        } else if (count == 0 || (errno == EAGAIN ? !awaitReader(fd, deadline) : errno != EINTR)) {
             break;
         }
     }

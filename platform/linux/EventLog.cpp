@@ -62,11 +62,12 @@ bool renameAway(const char* path) {
 /// Puts a fresh log in place of the full one that `log` and `facts` are of. Only who holds the lock
 /// of the full one renames it, lest two writers rename twice and lose what it held. Whoever finds
 /// it locked does not wait, it may be its own thread below a signal handler: the line still goes
-/// into the full log, up to a limit, lest whoever keeps the lock fills the flash. False when there
-/// is no log to write to.
+/// into the full log. A lock that is kept until the reserve is used up is no writer's, and does not
+/// count. False when there is no log to write to.
 bool renewEventLog(const char* path, UniqueFd& log, struct stat& facts) {
-    if (::flock(log.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        return facts.st_size < kEventLogLimit + kLockedLogReserve;
+    const bool locked = ::flock(log.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (locked && facts.st_size < kEventLogLimit + kLockedLogReserve) {
+        return true;
     }
     if (isStillInPlace(path, facts) && !renameAway(path)) {
         return false;

@@ -9,7 +9,8 @@
 namespace platform {
 
 /// Size that the event log does not exceed, in bytes, but for lines that other processes append at
-/// the very moment of its renaming.
+/// the very moment of its renaming, and for up to 64 KiB and a line while another process
+/// holds its lock.
 inline constexpr int kEventLogLimit = 1048576;
 
 /// Longest tag and text of an event line, in characters; longer ones are cut.

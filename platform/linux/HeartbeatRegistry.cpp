@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/Process.h"
 #include "platform/System.h"
@@ -19,7 +20,8 @@ constexpr mode_t kSegmentMode = 0666;
 
 /// Maps the table for as long as it lives. A segment that is too short is never mapped: touching
 /// what lies beyond its end would kill the process. That another program shortens it in just that
-/// moment cannot be ruled out, so only what needs a compare-and-swap is done in the mapped table.
+/// moment cannot be ruled out, so only what needs a compare-and-swap is done in the mapped table,
+/// and only where memory has been given to the segment before: a full file system gives none later.
 class MappedTable {
 public:
     explicit MappedTable(const UniqueFd& segment) {
@@ -50,6 +52,13 @@ private:
 
 UniqueFd openSegment(const char* name, int flags) {
     return UniqueFd(::shm_open(name, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kSegmentMode));
+}
+
+/// Creates the segment only where there is none: some systems refuse to open another user's file
+/// with leave to create it.
+UniqueFd openOrCreateSegment(const char* name) {
+    UniqueFd segment = openSegment(name, O_RDWR);
+    return segment.valid() ? std::move(segment) : openSegment(name, O_RDWR | O_CREAT);
 }
 
 /// Gives the segment its size and, whatever the umask was, its mode. Both are left alone where they
@@ -155,41 +164,54 @@ bool isAbandoned(const HeartbeatSlot& slot, pid_t holder) {
     return holder > 0 && !isSameStart(slot.startTime.load(), startTimeOf(pid));
 }
 
-/// Takes the first slot for which `isWanted(slot, holder)` holds, for the claimant `pid`; null when
-/// there is none. The slot is then being claimed.
+/// Gives memory to the slot, see MappedTable, by writing its word that nobody uses.
+bool backSlot(const UniqueFd& segment, std::size_t index) {
+    const std::size_t offset = offsetof(HeartbeatTable, slots) + index * sizeof(HeartbeatSlot);
+    return writeWord(segment, offset + offsetof(HeartbeatSlot, reserved), 0);
+}
+
+/// Takes the first slot for which `isWanted(slot, holder)` holds in `copy`, and which is still so
+/// in `table`, for the claimant `pid`; null when there is none. The slot is then being claimed.
 template <typename Wanted>
-HeartbeatSlot* claimSlotIf(HeartbeatTable& table, pid_t pid, Wanted isWanted) {
-    for (HeartbeatSlot& slot : table.slots) {
-        std::int32_t holder = slot.pid.load();
-        if (isWanted(slot, holder) && slot.pid.compare_exchange_strong(holder, claimMark(pid))) {
-            return &slot;
+HeartbeatSlot* claimSlotIf(const UniqueFd& segment, const HeartbeatTable& copy,
+                           HeartbeatTable& table, pid_t pid, Wanted isWanted) {
+    for (std::size_t index = 0; index < kHeartbeatSlots; ++index) {
+        std::int32_t holder = copy.slots[index].pid.load();
+        if (isWanted(copy.slots[index], holder) && backSlot(segment, index) &&
+            table.slots[index].pid.compare_exchange_strong(holder, claimMark(pid))) {
+            return &table.slots[index];
         }
     }
     return nullptr;
 }
 
-HeartbeatSlot* claimSlot(HeartbeatTable& table, pid_t pid) {
-    HeartbeatSlot* const free = claimSlotIf(
-        table, pid, [](const HeartbeatSlot&, std::int32_t holder) { return holder == 0; });
-    return free != nullptr ? free : claimSlotIf(table, pid, isAbandoned);
+HeartbeatSlot* claimSlot(const UniqueFd& segment, const HeartbeatTable& copy, HeartbeatTable& table,
+                         pid_t pid) {
+    HeartbeatSlot* const free =
+        claimSlotIf(segment, copy, table, pid,
+                    [](const HeartbeatSlot&, std::int32_t holder) { return holder == 0; });
+    return free != nullptr ? free : claimSlotIf(segment, copy, table, pid, isAbandoned);
 }
 
 } // namespace
 
 void HeartbeatRegistry::notify() const {
-    const UniqueFd segment = openSegment(name_, O_RDWR | O_CREAT);
+    const UniqueFd segment = openOrCreateSegment(name_);
     settleSegment(segment);
     settleHeader(segment);
     const pid_t self = currentProcessId();
     if (refreshSlot(segment, self)) {
         return;
     }
-    const MappedTable mapping(segment);
-    HeartbeatTable* const table = mapping.get();
-    if (table == nullptr) {
+    HeartbeatTable copy = {};
+    if (!copyTable(segment, copy) || !hasHeader(copy)) {
         return;
     }
-    HeartbeatSlot* const slot = claimSlot(*table, self);
+    const MappedTable mapping(segment);
+    if (mapping.get() == nullptr) {
+        return;
+    }
+    HeartbeatSlot* const slot = claimSlot(segment, copy, *mapping.get(), self);
     if (slot == nullptr) {
         return;
     }
@@ -216,14 +238,20 @@ int HeartbeatRegistry::check(pid_t pid, int expireSeconds) const {
 void HeartbeatRegistry::cleanup(pid_t pid) const {
     const pid_t holder = pid == -1 ? currentProcessId() : pid;
     const UniqueFd segment = openSegment(name_, O_RDWR);
-    const MappedTable mapping(segment);
-    HeartbeatTable* const table = mapping.get();
-    if (holder <= 0 || table == nullptr || !hasHeader(*table)) {
+    HeartbeatTable copy = {};
+    if (holder <= 0 || !copyTable(segment, copy) || !hasHeader(copy) ||
+        findSlot(copy, holder) == nullptr) {
         return;
     }
-    for (HeartbeatSlot& slot : table->slots) {
-        std::int32_t expected = holder;
-        slot.pid.compare_exchange_strong(expected, 0);
+    const MappedTable mapping(segment);
+    if (mapping.get() == nullptr) {
+        return;
+    }
+    for (std::size_t index = 0; index < kHeartbeatSlots; ++index) {
+        if (copy.slots[index].pid.load() == holder) {
+            std::int32_t expected = holder;
+            mapping.get()->slots[index].pid.compare_exchange_strong(expected, 0);
+        }
     }
 }
 

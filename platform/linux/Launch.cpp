@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -120,8 +121,10 @@ void raiseDescriptorLimit() {
         return;
     }
     foundLimit = limit;
-    limit.rlim_cur = limit.rlim_max < kHighestFdTried ? limit.rlim_max : kHighestFdTried;
-    limitIsRaised = ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
+    const rlimit wanted = {kHighestFdTried, std::max(limit.rlim_max, kHighestFdTried)};
+    const rlimit allowed = {std::min(limit.rlim_max, kHighestFdTried), limit.rlim_max};
+    limitIsRaised =
+        ::setrlimit(RLIMIT_NOFILE, &wanted) == 0 || ::setrlimit(RLIMIT_NOFILE, &allowed) == 0;
 }
 
 void waitAtGate(int fd) {

@@ -87,12 +87,13 @@ int writtenPidFileName(std::string_view base, const char* root, pid_t pid, char*
         return -1;
     }
     Path name = pidFileName(base, root != nullptr ? root : "", program, pid);
-    if (root != nullptr && !isPlainFile(name.c_str())) {
+    bool exists = isPlainFile(name.c_str());
+    if (!exists && root != nullptr) {
         name = pidFileName(base, "", program, pid);
+        exists = isPlainFile(name.c_str());
     }
     const std::string_view text = name.view();
-    if (name.wasCut() || static_cast<std::int64_t>(text.size()) >= *length ||
-        !isPlainFile(name.c_str())) {
+    if (!exists || name.wasCut() || static_cast<std::int64_t>(text.size()) >= *length) {
         return -1;
     }
     std::memcpy(buffer, name.c_str(), text.size() + 1);
@@ -120,7 +121,8 @@ int read_pid_file_version(const appinfo& record, const char* path, const char* v
         return -1;
     }
     char content[platform::kPidFileRead];
-    const ssize_t count = platform::readFully(file.get(), content, sizeof content);
+    // One call brings a whole file of this size.
+    const ssize_t count = ::read(file.get(), content, sizeof content);
     if (count <= 0) {
         return -1;
     }

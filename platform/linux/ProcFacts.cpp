@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
 #include "platform/Process.h"
 #include "platform/Text.h"
@@ -33,13 +34,25 @@ template <typename Number> bool parseWholeNumber(std::string_view text, Number& 
 
 /// Takes the next field off the front of `rest`. False when the text ends before the field does.
 bool takeField(std::string_view& rest, std::string_view& field) {
-    const std::size_t end = rest.find_first_of(" \n");
-    if (end == std::string_view::npos) {
+    const auto end =
+        std::find_if(rest.begin(), rest.end(), [](char c) { return c == ' ' || c == '\n'; });
+    if (end == rest.end()) {
         return false;
     }
-    field = rest.substr(0, end);
-    rest.remove_prefix(end + 1);
+    const auto length = static_cast<std::size_t>(end - rest.begin());
+    field = rest.substr(0, length);
+    rest.remove_prefix(length + 1);
     return true;
+}
+
+/// Where the name of a stat file's process ends. The name may hold blanks and parentheses itself,
+/// so this is the last parenthesis of the file; std::string_view::npos without one. Every search of
+/// /proc does this for every process, and memrchr is several times as fast as rfind.
+std::size_t endOfName(std::string_view text) {
+    const void* const found = ::memrchr(text.data(), ')', text.size());
+    return found == nullptr
+               ? std::string_view::npos
+               : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
 }
 
 bool readProcStat(const char* path, char (&buffer)[kStatSize], ProcStat& stat) {
@@ -50,10 +63,10 @@ bool readProcStat(const char* path, char (&buffer)[kStatSize], ProcStat& stat) {
 } // namespace
 
 bool parseProcStat(std::string_view text, ProcStat& stat) {
-    // The name may hold blanks and parentheses itself: it ends at the last one.
     const std::size_t open = text.find(" (");
-    const std::size_t close = text.rfind(") ");
-    if (open == std::string_view::npos || close == std::string_view::npos || close < open + 2) {
+    const std::size_t close = endOfName(text);
+    if (open == std::string_view::npos || close == std::string_view::npos || close < open + 2 ||
+        text.substr(close, 2) != ") ") {
         return false;
     }
     if (!parseWholeNumber(text.substr(0, open), stat.pid)) {

@@ -44,11 +44,6 @@ int duplicateConnection(int fd) {
     return ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
 }
 
-void endConnection(int fd) {
-    (void)::shutdown(fd, SHUT_RDWR); // the other side may be gone already
-    (void)::close(fd);
-}
-
 void shutDownWriting(int fd) {
     (void)::shutdown(fd, SHUT_WR); // a socket that never was connected refuses, and needs nothing
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/sysinfo.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,6 +81,10 @@ bool pathExists(const char* path) {
 
 void flushFileSystems() {
     ::sync();
+}
+
+int identifyKernel(utsname& identity) {
+    return ::uname(&identity);
 }
 
 long uptimeSeconds() {

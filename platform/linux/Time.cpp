@@ -78,6 +78,10 @@ void sleepMilliseconds(int milliseconds) {
     }
 }
 
+void sleepRegardless(int milliseconds) {
+    sleepCancellable(deadlineAfter(milliseconds)); // Nobody cancels the watching thread.
+}
+
 void yieldProcessor() {
     ::sched_yield();
 }

@@ -109,7 +109,7 @@ bool isWatchingThread() {
 
 void pauseUntil(std::int64_t deadline) {
     short unusedEvents = 0;
-    while (!terminationPending() && monotonicNanoseconds() < deadline) {
+    while (monotonicNanoseconds() < deadline && !terminationPending()) {
         (void)pollOnce(-1, deadline, unusedEvents); // the loop looks at the clock and the signals
     }
 }

@@ -1,0 +1,40 @@
+#include "platform/TextFile.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+
+#include "platform/UniqueFd.h"
+#include "platform/linux/Files.h"
+
+namespace platform {
+namespace {
+
+/// Holds each of the kernel's statistics on a small machine.
+constexpr std::size_t kFirstSize = 4096;
+
+} // namespace
+
+bool readTextFile(const char* path, std::string& text) {
+    struct stat facts = {};
+    const UniqueFd file = openPlainFile(path, O_RDONLY, 0, facts);
+    if (!file.valid()) {
+        return false;
+    }
+    // The size that the system states is 0 for files of /proc.
+    text.resize(std::clamp(text.capacity(), kFirstSize, kLongestTextFile));
+    std::size_t used = 0;
+    ssize_t count = 0;
+    while (used < kLongestTextFile &&
+           (count = readFully(file.get(), text.data() + used, text.size() - used)) > 0) {
+        used += static_cast<std::size_t>(count);
+        if (used < text.size()) {
+            break; // The end was reached.
+        }
+        text.resize(std::min(2 * text.size(), kLongestTextFile));
+    }
+    text.resize(used);
+    return count >= 0;
+}
+
+} // namespace platform

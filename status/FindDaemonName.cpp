@@ -63,10 +63,7 @@ int AppStatusUpdate::examineCandidate(pid_t pid, const appinfo& app,
         platform::trace(verbose >= 8, "findDaemonName: pid=%d process info not found\n", pid);
         return kNoProcess;
     }
-    if (std::strncmp(candidate.info.exeName, app.name, kExeNameLength) != 0) {
-        platform::trace(verbose >= 8,
-                        "findDaemonName: pid=%d, exeName=%s mismatched daemon exeName=\"%.64s\"\n",
-                        pid, candidate.info.exeName, app.name);
+    if (!isNamed(candidate.info, app)) {
         return kOtherName;
     }
     if (!platform::readCommandLine(pid, candidate)) {
@@ -90,6 +87,15 @@ int AppStatusUpdate::examineCandidate(pid_t pid, const appinfo& app,
     return pid;
 }
 
+/// True when the process has the application's name, as far as the kernel keeps it; says when not.
+bool AppStatusUpdate::isNamed(const statstruct_proc& info, const appinfo& app) {
+    const bool named = std::strncmp(info.exeName, app.name, kExeNameLength) == 0;
+    platform::trace(verbose >= 8 && !named,
+                    "findDaemonName: pid=%d, exeName=%s mismatched daemon exeName=\"%.64s\"\n",
+                    info.pid, info.exeName, app.name);
+    return named;
+}
+
 void AppStatusUpdate::adoptCandidate(const platform::Candidate& candidate, appinfo& app) const {
     platform::trace(verbose >= 7,
                     "findDaemonName: found daemon pid=%d, starttime=%d cmdline=\"%s\"\n",
@@ -98,7 +104,6 @@ void AppStatusUpdate::adoptCandidate(const platform::Candidate& candidate, appin
     if (bootTimeKnown()) {
         app.start_time = startTimeOf(candidate.info);
     }
-    int length = sizeof app.pidfile;
-    (void)get_pid_filename(&app.pid, app.pidfile, &length); // Without one the name stays.
+    (void)platform::takePidFileName(app); // Without one the name stays.
     platform::copyToField(app.cmd, candidate.cmdline);
 }

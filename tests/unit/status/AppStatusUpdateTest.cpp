@@ -85,6 +85,7 @@ TEST(InitBootTimeVarsTest, FailureIsShownAtEveryVerbosity) {
 
 TEST(InitBootTimeVarsTest, SuccessIsSilent) {
     verbose = 10;
+    world().textFiles["/proc/stat"] = "";
     AppStatusUpdate status;
     status.initBootTimeVars();
     EXPECT_EQ(world().consoleText(), "");

@@ -24,6 +24,10 @@ namespace {
 constexpr int kThreadLeaveMs = 3000;
 constexpr int kThreadLeavePollMs = 1;
 
+/// Room of the registry from the start: growing it bit by bit would leave its former places in the
+/// heap. More than are ever published.
+constexpr std::size_t kUsualApplications = 128;
+
 /// Unlocks a recursive mutex however often the calling thread holds it, also when it does not.
 void unlockCompletely(pthread_mutex_t& mutex) {
     while (pthread_mutex_unlock(&mutex) == 0) {
@@ -48,6 +52,7 @@ AppManager* AppManager::Instance(int verbosity) {
 }
 
 AppManager::AppManager() {
+    applist.reserve(kUsualApplications);
     pthread_mutexattr_t recursive;
     pthread_mutexattr_init(&recursive);
     pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);

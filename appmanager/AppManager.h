@@ -21,7 +21,7 @@
 // multi-application actions, including their waits. Both are recursive.
 //
 // One source file per concern: AppManager.cpp (life of the manager), and AppManager*.cpp for
-// intake, commands, launch, identification, stop, supervision and request files.
+// intake, commands, launch, identification, stop, supervision, liveness, reports and request files.
 
 #ifndef OVARD_APPMANAGER_APP_MANAGER_H
 #define OVARD_APPMANAGER_APP_MANAGER_H
@@ -73,7 +73,7 @@ public:
     static AppManager* Instance(int verbosity);
 
     AppManager();
-    /// May throw what the status publisher throws.
+    /// Whoever deletes the manager catches what its tear-down throws.
     virtual ~AppManager() noexcept(false);
 
     /// Opens shared memory and control socket and starts the command thread. Main thread.
@@ -211,12 +211,49 @@ public:
 
     // --- supervision (AppManagerSupervision.cpp), main thread only -------------------------------
 
-    /// One supervision pass; `bErasePreloadApplistEntries` also drops entries without pid file or
-    /// command line. Returns 0. Not built yet: nothing is supervised.
+    /// One supervision pass: checks every entry, restarts what failed by its policy, and carries
+    /// out a requested restart of all applications or of the machine. Does nothing in the first 90
+    /// seconds after the boot of the system. `bErasePreloadApplistEntries` also drops entries
+    /// without pid file or command line; while it is clear the former are not checked. Holds
+    /// `app_lock` for the walk, its waits included. Returns 0.
     int checkStatus(bool bErasePreloadApplistEntries);
 
     /// Publishes the registry. Returns the result of unlocking `app_lock`.
     int updateStatus();
+
+    // --- liveness of one application (AppManagerLiveness.cpp), main thread only ------------------
+
+    /// One step of the state machine for one entry of the registry. Returns 1 when the entry is in
+    /// order, 0 when it needs attention. Caller holds `app_lock`. An entry whose grace is over may
+    /// be polled for up to 2 x `app_pidfile_minimum_start_time` seconds.
+    int checkAlive(std::vector<appinfo>::iterator entry);
+
+    // --- reports (AppManagerReports.cpp); callers of the dumps hold `app_lock`
+    // --------------------
+
+    /// Rewrites the JSON status file `path`, in place. Nothing happens when it cannot be opened.
+    /// Takes `app_lock`. For programs that want such a file; the monitor itself writes none.
+    void updateJsonFile(const char* path);
+
+    /// Dumps one record to the console.
+    void displayAppInfo(const appinfo& app);
+
+    /// Dumps every record of `applications`, first to last.
+    void displayAppList(const std::vector<appinfo>& applications);
+
+    /// Same as displayAppInfo; `buffer` is not touched.
+    void writeAppInfo(char* buffer, const appinfo& app);
+
+    /// Writes a one-line summary into `buffer` (1024 bytes). An unknown port type leaves the
+    /// buffer as it was.
+    void displayAppItem(const appinfo& app, char* buffer);
+
+    /// Writes one line about the monitor itself into `buffer` (1024 bytes). Returns 0; -1 when
+    /// `buffer` is null.
+    int displayMonitorInfo(char* buffer);
+
+    /// Does nothing.
+    void displayAppListHtml();
 
     // --- request files (AppManagerRequestFiles.cpp) ----------------------------------------------
 
@@ -277,6 +314,30 @@ private:
     static bool comesAlive(int pid);
     static void endProcess(int pid);
     void huntStrayCopies(const appinfo& app);
+
+    bool systemIsBooting() const;
+    void checkEntries(bool eraseUnusable, std::int16_t& health);
+    static bool isUnusable(const appinfo& entry);
+    static void updateRunningEntry(appinfo& entry);
+    void handleFailure(appinfo& entry, std::int16_t& health);
+    void requestRestartOfAll(const appinfo& entry);
+    void restartAll();
+    void rebootSystem();
+
+    struct Confirmation;
+    int checkStarting0(appinfo& entry, std::time_t now);
+    int checkStarting(appinfo& entry, std::time_t now);
+    int checkRunning0(appinfo& entry, std::time_t now);
+    int checkRunning(appinfo& entry, std::time_t now);
+    int checkHeartbeat(appinfo& entry);
+    int checkFailed(appinfo& entry, const char* condition);
+    int checkUnsupervised(appinfo& entry);
+    static bool pollUntilAlive(int pid);
+    static Confirmation pollConfirmation(const appinfo& entry);
+    void noteDataServer(const appinfo& entry);
+    void warn(const appinfo& entry, const char* condition);
+    /// Logs one line of supervision when `logged`, and then shows it when `shown`.
+    [[gnu::format(printf, 4, 5)]] void report(bool logged, bool shown, const char* format, ...);
 
     std::atomic<bool> shutting_down{false};
     std::atomic<pthread_t> commandThread_{0}; // 0: none

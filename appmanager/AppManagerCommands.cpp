@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "appmanager/AppManager.h"
+#include "appmanager/DateText.h"
 #include "platform/MutexGuard.h"
 #include "platform/Settings.h"
 #include "platform/Text.h"
@@ -17,12 +18,6 @@ namespace {
 
 /// The one application that Stop_All_But spares.
 constexpr std::string_view kSecurityServer = "security_server";
-
-/// A date and time as text, in the buffer size that the operation is given.
-struct DateText {
-    explicit DateText(std::time_t t) { getDateStringFromTimeStruct(text, t); }
-    char text[256];
-};
 
 bool isNamed(const appinfo& app, const reqcmd& request) {
     // Deliberate: the whole field of the request counts, so a name of 64 characters, which is

@@ -154,8 +154,7 @@ void AppManager::adoptDaemon(const platform::Candidate& candidate, appinfo& app)
     if (statusUpdate_.bootTimeKnown()) {
         app.start_time = statusUpdate_.startTimeOf(candidate.info);
     }
-    int length = sizeof app.pidfile;
-    (void)get_pid_filename(&app.pid, app.pidfile, &length); // Without one the name stays.
+    (void)platform::takePidFileName(app); // Without one the name stays.
     if (verbose > 6) {
         char date[256];
         getDateStringFromTimeStruct(date, app.start_time);
@@ -179,12 +178,15 @@ int AppManager::waitForDaemonization(appinfo& app, platform::UniqueFd* gate) {
                         app.pid);
         return kNoCommand;
     }
-    int length = sizeof app.pidfile;
-    (void)get_pid_filename(&app.pid, app.pidfile, &length); // Without one the name stays.
     if (gate != nullptr) {
-        gate->reset();
+        gate->reset(); // Until now the process was a copy of the monitor: no pid file of its own.
+    } else {
+        (void)platform::takePidFileName(app);
     }
     const int result = awaitDaemon(app, facts, command.count(), command.words());
+    if (result < 0 && gate != nullptr) {
+        (void)platform::takePidFileName(app);
+    }
     if (result > 0) {
         platform::trace(verbose >= 7, "waitForDaemonization: found pid=%d, pidfile=\"%s\"\n",
                         result, app.pidfile);

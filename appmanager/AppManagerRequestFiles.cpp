@@ -1,7 +1,7 @@
 // Recording of requests into a file, and replay of a file at start-up.
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/types.h>
 
 #include <cerrno>
 
@@ -21,12 +21,16 @@ constexpr int kOpenAttempts = 3;
 constexpr mode_t kFileMode = 0660;
 constexpr int kHandOverPauseMs = 1000;
 
+/// Records of one file that are replayed: a source without end must not fill the memory. At two
+/// seconds each they take a day and a half.
+constexpr int kMostRecords = 65536;
+
 /// Opens `path`, tried up to three times. A fifo in its place neither blocks nor starves the
 /// caller.
 platform::UniqueFd openPersistently(const char* path, int flags) {
     platform::UniqueFd file;
     for (int attempt = 0; attempt < kOpenAttempts && !file.valid(); ++attempt) {
-        file.reset(::open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kFileMode));
+        file = platform::openFile(path, flags, kFileMode);
         if (!file.valid()) {
             const int error = errno;
             platform::yieldProcessor();
@@ -34,13 +38,6 @@ platform::UniqueFd openPersistently(const char* path, int flags) {
         }
     }
     return file;
-}
-
-/// Whole records that the file holds now; 0 for what is no regular file.
-std::int64_t countRecords(int file) {
-    struct stat facts = {};
-    const bool isRegular = ::fstat(file, &facts) == 0 && S_ISREG(facts.st_mode);
-    return isRegular ? facts.st_size / static_cast<std::int64_t>(sizeof(reqcmd)) : 0;
 }
 
 bool readRecord(int file, reqcmd& record) {
@@ -104,9 +101,7 @@ int readAppConfigurationFileList(const char* path, long /*unused*/, std::deque<r
         return -2;
     }
     reqcmd record;
-    // A source without end must not fill the memory.
-    for (std::int64_t left = countRecords(file.get()); left > 0 && readRecord(file.get(), record);
-         --left) {
+    for (int count = 0; count < kMostRecords && readRecord(file.get(), record); ++count) {
         platform::admitCancellation(); // Nothing bounds the length of a file.
         queue.push_back(record);
         ++readConfigurationCount;

@@ -51,11 +51,12 @@ bool AppManager::comesAlive(int pid) {
     return true;
 }
 
-/// SIGTERM, at most 50 ms of patience, SIGKILL.
+/// SIGTERM, at most 50 ms of patience, SIGKILL. The patience is the application's due even when the
+/// monitor itself is asked to end.
 void AppManager::endProcess(int pid) {
     (void)platform::sendSignal(pid, SIGTERM); // It may be gone already.
     for (int test = 0; test < kEndTests && ovard_check_pid_alive(pid) != 0; ++test) {
-        platform::sleepMilliseconds(kEndSleepMs);
+        platform::sleepRegardless(kEndSleepMs);
     }
     // Deliberate: also when it has gone after SIGTERM.
     (void)platform::sendSignal(pid, SIGKILL);
@@ -112,6 +113,9 @@ int AppManager::start_allprocess() {
     }
     int result = 0;
     for (appinfo& entry : applist) {
+        if (platform::terminationPending() && entry.status != APP_STATUS_STOPPED) {
+            continue; // The stop before was cut short, and this one left running.
+        }
         appinfo copy = entry;
         if (start_process(copy) != 0) {
             result = kResultRestartFailed;

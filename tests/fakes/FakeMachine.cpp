@@ -1,5 +1,6 @@
 // The machine, its network and its heartbeats.
 
+#include <cstdio>
 #include <cstring>
 
 #include "platform/Heartbeat.h"
@@ -27,10 +28,22 @@ void raiseDescriptorLimit() {
     world().record("raiseDescriptorLimit");
 }
 
+int runShellCommand(const char* command) {
+    const Lock lock;
+    world().record(joined("shell", command));
+    return static_cast<int>(fakes::takeResult(world().shellResults, 0));
+}
+
 int restartMachine() {
     const Lock lock;
     world().record("restart");
     return static_cast<int>(fakes::takeResult(world().restartResults, 0));
+}
+
+int identifyKernel(utsname& identity) {
+    const Lock lock;
+    identity = world().kernel;
+    return 0;
 }
 
 long uptimeSeconds() {
@@ -56,6 +69,20 @@ bool isEstablishedTCPconnectionOnPort22(sockaddr_in6* peer) {
         *peer = world().remotePeer;
     }
     return world().remoteShellConnected;
+}
+
+int getIpAddress(const char* interface, int family, char* text, int length, int reserved1,
+                 int reserved2) {
+    const Lock lock;
+    world().record(joined("getIpAddress", interface, family, length, reserved1, reserved2));
+    const auto found = world().ipAddresses.find({interface, family});
+    const std::string address = found != world().ipAddresses.end() ? found->second : "";
+    const auto room = static_cast<std::size_t>(length);
+    (void)std::snprintf(text, room, "%s", address.c_str());
+    if (world().addressesLackNul && address.size() >= room) {
+        std::memcpy(text, address.data(), room);
+    }
+    return address.empty() ? -1 : 0;
 }
 
 const void* get_in_addr(const sockaddr* address) {

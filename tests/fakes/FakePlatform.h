@@ -8,13 +8,16 @@
 //   fork | exec PATH WORD... | waitpid PID OPTIONS | kill PID SIGNAL | probe PID (signal 0) |
 //   setpriority PID PRIORITY | leave STATUS | exitMonitor STATUS | daemonize |
 //   pipe | closefd FD | read FD SIZE | write FD SIZE | gate FD | clean FD | blockSignals |
-//   restoreSignals | remove PATH | sync | restart | port22 |
+//   restoreSignals | remove PATH | sync | shell COMMAND | restart | port22 |
 //   sleep MS | yield | wait FD TIMEOUT_MS | watch | unwatch | thread |
 //   socket | nonblock FD | reuse FD | bind FD PATH | listen FD BACKLOG | accept FD |
 //   recv FD SIZE | send FD SIZE | shutdown FD |
 //   signal NUMBER default|ignore|handler | sigaction NUMBER | createTimer SIGNAL | armTimer SECONDS
 //   | deleteTimer | watchdog | fsync FD | heartbeat_notify | heartbeat_check PID SECONDS |
-//   heartbeat_cleanup PID | oom ADJUSTMENT | pidfile PID PATH FLAGS VERSION
+//   openShm NAME FLAGS MODE SIZE | clearData NAME | remapShm NAME | writeShm NAME LENGTH SIZE
+//   OFFSET | loadShm NAME LENGTH SIZE OFFSET | closeShm NAME (NAME is "-" on a handle never opened)
+//   | readTextFile PATH | getIpAddress INTERFACE FAMILY LENGTH 0 0 | heartbeat_cleanup PID | oom
+//   ADJUSTMENT | pidfile PID PATH FLAGS VERSION
 //
 // Threads: every fake and every member function of World takes the world's lock; hooks run without
 // it. A test that looks at or changes plain members while another thread runs holds a `Lock`. The
@@ -26,6 +29,7 @@
 #include <dirent.h>
 #include <netinet/in.h>
 #include <sys/types.h>
+#include <sys/utsname.h>
 
 #include <cerrno>
 #include <csignal>
@@ -42,6 +46,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/Process.h"
@@ -188,6 +193,9 @@ public:
     std::vector<Execution> executions;
     std::deque<Result> priorityResults;
     std::map<std::string, std::string> pidFiles; ///< path to content, for read_pid_file_version
+    /// Runs before read_pid_file_version looks at the file.
+    std::function<void(const char* path, const char* version)> onPidFileRead;
+    int pidFileRefusal = -1; ///< result of read_pid_file_version for a file that does not confirm
     int setPidFileErrno = 0;
     InterprocessWaitable* daemonizedWith = nullptr;
     int oomResult = 0;
@@ -215,9 +223,10 @@ public:
     std::deque<Result> reuseResults;
     std::deque<Result> bindResults;
     std::deque<Result> listenResults;
-    std::deque<Result> acceptResults; ///< empty: the next descriptor
-    std::deque<Input> receives;       ///< empty: end of file
-    std::deque<Result> sendResults;   ///< empty: all bytes
+    std::deque<Result> acceptResults;    ///< empty: the next descriptor
+    std::deque<Result> duplicateResults; ///< empty: the connection's own number
+    std::deque<Input> receives;          ///< empty: end of file
+    std::deque<Result> sendResults;      ///< empty: all bytes
     std::vector<Output> sent;
     std::function<void(int fd)> onSend;           ///< runs before the bytes are taken; any thread
     std::deque<platform::WaitResult> waitResults; ///< empty: Ready; TimedOut moves the clocks on
@@ -241,10 +250,21 @@ public:
     std::deque<int> threadErrors; ///< error numbers of createWorkerThread; 0: success
 
     // --- the machine ------------------------------------------------------------------------
+    std::deque<Result> shellResults;
     std::deque<Result> restartResults;
     bool remoteShellConnected = false;
     sockaddr_in6 remotePeer = {};
     std::map<int, int> heartbeats; ///< pid to the result of heartbeat_check; missing: 3
+
+    utsname kernel = {};
+    /// Interface and family to address; missing: none.
+    std::map<std::pair<std::string, int>, std::string> ipAddresses;
+    bool addressesLackNul = false; ///< an address that fills its whole field has no NUL there
+
+    // --- segments and text files --------------------------------------------------------------
+    std::map<std::string, std::string> segments;  ///< name to content
+    std::set<std::string> segmentErrors;          ///< names that cannot be opened
+    std::map<std::string, std::string> textFiles; ///< path to content; missing: cannot be opened
 
     // --- helpers, all of them locked ----------------------------------------------------------
     World();

@@ -98,9 +98,17 @@ int get_pid_filename(const int* pid, char* buffer, int* length) {
 }
 
 int read_pid_file_version(const appinfo& record, const char* path, const char* version) {
+    std::function<void(const char*, const char*)> hook;
+    {
+        const Lock lock;
+        hook = world().onPidFileRead;
+    }
+    if (hook) {
+        hook(path, version);
+    }
     const Lock lock;
     if (path == nullptr || world().pidFiles.count(path) == 0) {
-        return -1;
+        return world().pidFileRefusal;
     }
     std::string content = world().pidFiles[path];
     const std::string pidLine = takeLine(content);
@@ -108,7 +116,7 @@ int read_pid_file_version(const appinfo& record, const char* path, const char* v
     const std::string expected = version != nullptr ? version : "";
     const bool confirmed = record.pid > 0 && pidLine == std::to_string(record.pid) &&
                            (expected.empty() || versionLine == expected);
-    return confirmed ? 0 : -1;
+    return confirmed ? 0 : world().pidFileRefusal;
 }
 
 int set_pid_file_version(int* pid, const char* path, int flags, const char* version) {

@@ -151,9 +151,9 @@ bool lockUnlessTerminating(pthread_mutex_t& mutex) {
     if (!fakes::onMainThread()) {
         return pthread_mutex_lock(&mutex) == 0;
     }
-    for (int polls = 0; !mainThreadShallEnd(); ++polls) {
+    for (int polls = 0;; ++polls) {
         const int result = pthread_mutex_trylock(&mutex);
-        if (result != EBUSY) {
+        if (result != EBUSY || mainThreadShallEnd()) {
             return result == 0;
         }
         if (polls == kMostPolls) {
@@ -161,7 +161,6 @@ bool lockUnlessTerminating(pthread_mutex_t& mutex) {
         }
         ::usleep(kPollMicros);
     }
-    return false;
 }
 
 } // namespace platform

@@ -23,10 +23,10 @@ constexpr std::int64_t kMillisecondsPerSecond = 1000;
 constexpr unsigned kWorkerMicros = 100;
 
 /// Records the sleep and moves the clocks on; returns how long it lasts for real, in microseconds.
-unsigned passTime(int milliseconds) {
+unsigned passTime(int milliseconds, bool endsEarly) {
     const Lock lock;
     world().record(joined("sleep", milliseconds));
-    if (!platform::terminationPending()) {
+    if (!(endsEarly && platform::terminationPending())) {
         world().advance(std::max(milliseconds, 0));
     }
     const unsigned least = fakes::liveWorkers() > 0 ? kWorkerMicros : 0;
@@ -60,6 +60,17 @@ void pauseForReal(unsigned microseconds) {
     pthread_setcancelstate(savedState, nullptr);
 }
 
+void sleepFor(int milliseconds, bool endsEarly) {
+    const unsigned realMicros = passTime(milliseconds, endsEarly);
+    runSleepHook(milliseconds);
+    if (realMicros > 0) {
+        pauseForReal(realMicros);
+    }
+    if (!fakes::onMainThread()) {
+        endIfCancelled();
+    }
+}
+
 } // namespace
 
 void getZortime8BFromSystem(zortime8b* time) {
@@ -90,14 +101,11 @@ std::string localTimeText(std::time_t t) {
 }
 
 void sleepMilliseconds(int milliseconds) {
-    const unsigned realMicros = passTime(milliseconds);
-    runSleepHook(milliseconds);
-    if (realMicros > 0) {
-        pauseForReal(realMicros);
-    }
-    if (!fakes::onMainThread()) {
-        endIfCancelled();
-    }
+    sleepFor(milliseconds, true);
+}
+
+void sleepRegardless(int milliseconds) {
+    sleepFor(milliseconds, false);
 }
 
 void yieldProcessor() {

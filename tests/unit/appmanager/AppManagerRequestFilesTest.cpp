@@ -1,7 +1,9 @@
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +12,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -18,6 +21,7 @@
 #include "appmanager/AppManager.h"
 #include "appmanager/RequestFiles.h"
 #include "platform/Settings.h"
+#include "platform/UniqueFd.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/RequestSupport.h"
@@ -42,6 +46,7 @@ protected:
         char folder[] = "/tmp/ovard_request_files.XXXXXX";
         folder_ = ::mkdtemp(folder);
         path_ = folder_ + "/requests";
+        world().textFiles["/proc/stat"] = ""; // else the manager's making would be traced
     }
 
     ~RequestFileTest() override {
@@ -323,6 +328,88 @@ TEST_F(ReadTest, ReadsANameWithoutNulWithinItsBounds) {
     const std::vector<NumberedLine> lines = numberedLines(world().consoleText());
     ASSERT_THAT(lines, SizeIs(1));
     EXPECT_THAT(lines[0].rest, EndsWith("," + std::string(64, 'n') + "}"));
+}
+
+// --- what is no file -----------------------------------------------------------------------------
+
+/// Records that are read at most, whatever the source.
+constexpr std::size_t kMostRecords = 65536;
+
+TEST_F(ReadTest, SourceWithoutEndGivesABoundedNumberOfRecords) {
+    EXPECT_EQ(readAppConfigurationFileList("/dev/zero", 0, queue_), 0);
+    ASSERT_THAT(queue_, SizeIs(kMostRecords));
+    EXPECT_EQ(imageOf(queue_.front()), std::string(sizeof(reqcmd), '\0'));
+    EXPECT_EQ(imageOf(queue_.back()), std::string(sizeof(reqcmd), '\0'));
+}
+
+TEST_F(ReadTest, LargestNumberOfRecordsIsReadWhole) {
+    // Without a hole the file would take a lot of room.
+    writeFile("");
+    constexpr off_t kMore = (off_t{kMostRecords} + 10) * off_t{sizeof(reqcmd)};
+    ASSERT_EQ(::truncate(path_.c_str(), kMore), 0);
+    EXPECT_EQ(read(), 0);
+    EXPECT_THAT(queue_, SizeIs(kMostRecords));
+}
+
+TEST_F(ReadTest, FolderGivesNoRequest) {
+    EXPECT_EQ(readAppConfigurationFileList(folder_.c_str(), 0, queue_), 0);
+    EXPECT_THAT(queue_, IsEmpty());
+}
+
+TEST_F(ReadTest, FifoWithoutWriterIsLikeAnEmptyFile) {
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    EXPECT_EQ(read(), 0);
+    EXPECT_THAT(queue_, IsEmpty());
+}
+
+TEST_F(ReadTest, FifoGivesTheWholeRecordsThatItHoldsWithoutWaitingForMore) {
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    const platform::UniqueFd writer(::open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const std::string content =
+        imageOf(makeRequest(0, "one")) + imageOf(makeRequest(0, "two")) + std::string(100, 'x');
+    ASSERT_EQ(platform::writeFully(writer.get(), content.data(), content.size()),
+              static_cast<ssize_t>(content.size()));
+    EXPECT_EQ(read(), 0);
+    ASSERT_THAT(queue_, SizeIs(2));
+    EXPECT_STREQ(queue_[0].name, "one");
+    EXPECT_STREQ(queue_[1].name, "two");
+}
+
+TEST_F(ReadTest, FifoWhoseWriterNeverStopsIsLeftInTheEnd) {
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    const platform::UniqueFd both(::open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_TRUE(both.valid());
+    std::atomic<bool> enough{false};
+    std::thread writer([&] {
+        const std::string block(16 * sizeof(reqcmd), 'x');
+        while (!enough) {
+            (void)!::write(both.get(), block.data(), block.size()); // the fifo may be full
+        }
+    });
+    EXPECT_EQ(read(), 0);
+    enough = true;
+    writer.join();
+    EXPECT_LE(queue_.size(), kMostRecords);
+}
+
+TEST_F(AppendTest, FifoThatNobodyReadsDoesNotHoldItUp) {
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    EXPECT_EQ(append(makeRequest(APPMONCTL_Stop, "app")), -2);
+    EXPECT_EQ(world().consoleText(),
+              "Error 6 opening " + path_ + " for appending REQUEST_CMD={action=1,app}\n");
+}
+
+TEST_F(AppendTest, FullFifoDoesNotHoldItUp) {
+    verbose = 1;
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    const platform::UniqueFd reader(::open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const std::string block(4096, 'x');
+    while (::write(reader.get(), block.data(), block.size()) > 0) {
+    }
+    EXPECT_EQ(append(makeRequest(APPMONCTL_Stop, "app")), 0);
+    const std::vector<NumberedLine> lines = numberedLines(world().consoleText());
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_EQ(lines[0].rest, ") Error 11 writing to " + path_ + ", REQUEST_CMD={action=1,app}");
 }
 
 // --- replay at start-up --------------------------------------------------------------------------

@@ -42,7 +42,6 @@ void stopCommunication() {
     if (appmgr == nullptr) {
         return;
     }
-    reportWatchdogEvents();
     try {
         appmgr->processTermination(appmgr);
         g_commandThreadIsStuck = !appmgr->commandThreadHasLeft();
@@ -126,6 +125,9 @@ void ovardAtExit() {
     stopStartupThread();
     platform::printConsoleLine("ovard ovardAtExit()");
     (void)g_ovard_initialization_mutex.Unlock(); // Nobody may be waiting.
+    if (appmgr != nullptr) {
+        reportWatchdogEvents(); // While SIGPIPE is still taken care of.
+    }
     if (block_signal) {
         restoreLoggedSignals();
     }

@@ -62,12 +62,12 @@ int wakeSignal() {
     return SIGRTMIN;
 }
 
-/// The signals that are let in by admitTerminationSignals; none with -b.
+/// What is let in by admitTerminationSignals: SIGTERM; nothing with -b. SIGINT, which does not end
+/// the monitor at first, is never held.
 sigset_t terminationSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     if (!block_signal) {
-        sigaddset(&signals, SIGINT);
         sigaddset(&signals, SIGTERM);
     }
     return signals;
@@ -181,13 +181,15 @@ void mysig_handler(int sig) {
     errno = savedErrno;
 }
 
-// Calls: the whole shutdown, which is safe because admitTerminationSignals alone lets this handler
-// run; sigaction.
+// Calls: for SIGTERM the whole shutdown, which is safe because admitTerminationSignals alone lets
+// it in; for SIGINT, at any time, sigaction.
 void mySIGTERM_handler(int sig) {
+    const int savedErrno = errno;
     if (sig == SIGTERM || sig == SIGKILL) {
         ovardAtExit();
     }
     restoreDefaultTermination();
+    errno = savedErrno;
 }
 
 void holdTerminationSignals() {
@@ -219,6 +221,7 @@ void admitTerminationSignals() {
 
 void installTerminationHandler() {
     (void)platform::setSignalHandler(SIGINT, mySIGTERM_handler);
+    unblock(SIGINT);
     // Deliberate: the system refuses this one.
     (void)platform::setSignalHandler(SIGKILL, mySIGTERM_handler);
     if (platform::setSignalHandler(SIGTERM, mySIGTERM_handler) != 0) {

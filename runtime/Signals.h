@@ -1,8 +1,9 @@
 // Signals of the monitor: handlers, their installation, and the one place where they are let in.
 //
-// Without option -b the termination signals stay blocked in every thread. The waits of the main
-// thread end as soon as one is pending, and the main loop lets it in where it holds no lock and no
-// function of the manager is on its stack. The handler may therefore do the whole shutdown.
+// Without option -b SIGTERM stays blocked in every thread. The waits of the main thread end as soon
+// as it is pending, and the main loop lets it in where it holds no lock and no function of the
+// manager is on its stack. The handler may therefore do the whole shutdown. SIGINT, whose handler
+// only restores default actions, may run on the main thread at any time.
 // With -b no signal ends the monitor; the handler only writes one line and may run at any time.
 
 #ifndef OVARD_RUNTIME_SIGNALS_H
@@ -20,11 +21,11 @@ void mysig_handler(int sig);
 /// actions, so that a second signal ends the process. Deliberate: a first SIGINT does no more.
 void mySIGTERM_handler(int sig);
 
-/// Saves the signal mask in `prevMask`, then, without -b, blocks the termination signals and makes
-/// the main thread watch for them. Called once, by the main thread, before any other exists.
+/// Saves the signal mask in `prevMask`, then, without -b, blocks SIGTERM and makes the main thread
+/// watch for it. Called once, by the main thread, before any other exists.
 void holdTerminationSignals();
 
-/// Lets pending termination signals in. Called by the main loop with no lock held. Ends the process
+/// Lets a pending SIGTERM in. Called by the main loop with no lock held. Ends the process
 /// when another thread has asked for that.
 void admitTerminationSignals();
 

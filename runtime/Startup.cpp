@@ -62,6 +62,8 @@ bool anotherInstanceRuns() {
 void printVersion() {
     copyVersionValue(kSlotFileVersion, version, sizeof version);
     copyVersionValue(kSlotFileDate, buildtime, sizeof buildtime);
+    g_fileVersion = version;
+    g_fileDate = buildtime;
     platform::trace(true, "version: %s built on %s\n", version, buildtime);
 }
 

@@ -6,13 +6,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
 
 #include "platform/Console.h"
 #include "platform/Socket.h"
 #include "platform/System.h"
 #include "platform/Text.h"
 #include "platform/Time.h"
+#include "platform/Trace.h"
 #include "platform/UniqueFd.h"
 #include "platform/Wait.h"
 
@@ -148,13 +148,18 @@ int AppServer::recvCommand(reqcmd& request) {
     if (fd < 0) {
         return connectionVanished(errno) ? 0 : kNoRequest;
     }
+    // Once the connection is published the command thread may answer an earlier request on it and
+    // close it; the number could then mean something else. So it is received on a copy.
+    const platform::UniqueFd own(platform::duplicateConnection(fd));
+    if (!own.valid()) {
+        writeLog(kLogDebug, "recvCommand(): accept error=%d", errno);
+        (void)platform::closeDescriptor(fd);
+        return kNoRequest;
+    }
     // Deliberate: a connection left open by an earlier request without a reply is not closed.
     connection_ = fd;
     platform::copyToField(peerAddress_.sun_path, kSocketPath);
-    // The command thread may answer an earlier request on this connection and close it meanwhile;
-    // the number could then mean something else.
-    const platform::UniqueFd own(platform::duplicateConnection(fd));
-    return receiveRequest(own.valid() ? own.get() : fd, request);
+    return receiveRequest(own.get(), request);
 }
 
 /// True when a client is waiting; false on time-out, error, or when the monitor is asked to end.
@@ -264,7 +269,7 @@ int AppServer::sendCommand(response_struct* reply) {
 
 void AppServer::closeConnection(int fd) {
     if (fd != -1) {
-        platform::endConnection(fd);
+        (void)platform::closeDescriptor(fd);
     }
 }
 
@@ -282,23 +287,26 @@ int AppServer::closeCommunication() {
 }
 
 void AppServer::displayRequestCmd(const reqcmd& request) {
-    using platform::fieldText;
-    std::ostringstream text;
-    text << "Request Command:\n"
-         << "\tname = " << fieldText(request.name) << '\n'
-         << "\tversion = " << fieldText(request.version) << '\n'
-         << "\taction = " << request.action << '\n'
-         << "\tcmd = \"" << fieldText(request.cmd) << "\"\n"
-         << "\tpidfile = \"" << fieldText(request.pidfile) << "\"\n"
-         << "\tporttype = " << request.porttype << '\n'
-         << "\tportnum = " << request.portnum << '\n'
-         << "\tdelay = " << request.delay << '\n'
-         << "\tkeepalive = " << (request.keepalive != 0) << '\n'
-         << "\tnowait = " << (request.nowait != 0) << '\n'
-         << "\trequest.heartbeat = " << (request.heartbeat != 0) << '\n'
-         << "\trequest.restart_type = " << request.restart_type << '\n'
-         << "\trequest.last_runtime_life_limit = " << request.last_runtime_life_limit << '\n';
-    platform::printConsole(text.str());
+    platform::trace(true,
+                    "Request Command:\n"
+                    "\tname = %.64s\n"
+                    "\tversion = %.32s\n"
+                    "\taction = %d\n"
+                    "\tcmd = \"%.1024s\"\n"
+                    "\tpidfile = \"%.64s\"\n"
+                    "\tporttype = %d\n"
+                    "\tportnum = %d\n"
+                    "\tdelay = %d\n"
+                    "\tkeepalive = %d\n"
+                    "\tnowait = %d\n"
+                    "\trequest.heartbeat = %d\n"
+                    "\trequest.restart_type = %d\n"
+                    "\trequest.last_runtime_life_limit = %d\n",
+                    request.name, request.version, request.action, request.cmd, request.pidfile,
+                    request.porttype, request.portnum, request.delay,
+                    request.keepalive != 0 ? 1 : 0, request.nowait != 0 ? 1 : 0,
+                    request.heartbeat != 0 ? 1 : 0, request.restart_type,
+                    request.last_runtime_life_limit);
 }
 
 void AppServer::displayResponseCmd(const response_struct& reply) {

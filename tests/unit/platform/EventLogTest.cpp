@@ -1,10 +1,12 @@
 #include "platform/linux/EventLog.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -236,6 +238,92 @@ TEST_F(EventLog, KeepsTheLinesOfManyWritersWholeAcrossARotation) {
     }
     EXPECT_EQ(lines, kWriters * kLinesEach);
     EXPECT_LT(readText(log_).size(), kLimit / 2) << "the file was rotated once";
+}
+
+/// What a full log that is locked may still take, in bytes.
+constexpr std::size_t kReserve = 65536;
+
+/// A lock on a log that is never given back.
+class LockedLog {
+public:
+    explicit LockedLog(const std::string& path)
+        : log_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+        EXPECT_EQ(::flock(log_.get(), LOCK_EX | LOCK_NB), 0);
+    }
+
+private:
+    platform::UniqueFd log_;
+};
+
+TEST_F(EventLog, LockOfAnotherPutsTheRotationOff) {
+    const std::string old(kLimit, 'o');
+    writeText(log_, old);
+    const LockedLog lock(log_);
+    EXPECT_EQ(append("Application Monitor Started."), 0);
+    EXPECT_EQ(readText(log_), old + kLine);
+    EXPECT_FALSE(exists(oldLog_));
+}
+
+TEST_F(EventLog, LockDoesNotMatterWhileThereIsRoom) {
+    writeText(log_, "other\n");
+    const LockedLog lock(log_);
+    EXPECT_EQ(append("Application Monitor Started."), 0);
+    EXPECT_EQ(readText(log_), std::string("other\n") + kLine);
+}
+
+TEST_F(EventLog, LockIsHonouredUpTo64KibibytesBeyondTheLimit) {
+    const std::string old(kLimit + kReserve - std::strlen(kLine), 'o');
+    writeText(log_, old);
+    const LockedLog lock(log_);
+    EXPECT_EQ(append("Application Monitor Started."), 0);
+    EXPECT_EQ(readText(log_), old + kLine);
+    EXPECT_FALSE(exists(oldLog_));
+}
+
+TEST_F(EventLog, LockThatIsNeverGivenBackStopsTheRotationNoLonger) {
+    const std::string old(kLimit + kReserve, 'o');
+    writeText(log_, old);
+    const LockedLog lock(log_);
+    EXPECT_EQ(append("Application Monitor Started."), 0);
+    EXPECT_EQ(readText(log_), kLine);
+    EXPECT_EQ(readText(oldLog_), old);
+}
+
+TEST_F(EventLog, LogThatIsLockedForEverStaysWithinItsBounds) {
+    writeText(log_, std::string(kLimit - 1000, 'o'));
+    const LockedLog lock(log_);
+    const std::string text(2048, 'x');
+    for (int line = 0; line < 100; ++line) {
+        ASSERT_EQ(append(text.c_str()), 0);
+        ASSERT_LE(readText(log_).size(), kLimit + kReserve + 2100);
+    }
+    EXPECT_TRUE(exists(oldLog_));
+    EXPECT_LT(readText(log_).size(), kLimit);
+}
+
+TEST_F(EventLog, LockThatWasGivenBackIsForgotten) {
+    const std::string old(kLimit, 'o');
+    writeText(log_, old);
+    { const LockedLog lock(log_); }
+    EXPECT_EQ(append("Application Monitor Started."), 0);
+    EXPECT_EQ(readText(log_), kLine);
+    EXPECT_EQ(readText(oldLog_), old);
+}
+
+TEST_F(EventLog, LockOfAnotherProcessCountsLikeOneOfAnotherDescriptor) {
+    const std::string old(kLimit, 'o');
+    writeText(log_, old);
+    const Shared<std::atomic<bool>> locked;
+    const ChildGuard holder(startChild([&] {
+        const LockedLog lock(log_);
+        *locked = true;
+        ::pause();
+        return 0;
+    }));
+    ASSERT_TRUE(eventually([&] { return locked->load(); }));
+    EXPECT_EQ(append("Application Monitor Started."), 0);
+    EXPECT_EQ(readText(log_), old + kLine);
+    EXPECT_FALSE(exists(oldLog_));
 }
 
 } // namespace

@@ -1,7 +1,9 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -145,6 +147,121 @@ TEST(CleanLaunchedProcess, ClosesWhatLiesAboveALimitThatWasLoweredLater) {
               0);
 }
 
+// --- the limit on descriptors ---
+
+constexpr rlim_t kMostDescriptors = 65536;
+
+rlimit descriptorLimit() {
+    rlimit limit = {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return limit;
+}
+
+bool operator==(const rlimit& left, const rlimit& right) {
+    return left.rlim_cur == right.rlim_cur && left.rlim_max == right.rlim_max;
+}
+
+/// Gives up the right to raise hard limits; false where that fails.
+bool giveUpResourceRight() {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[2] = {};
+    if (::syscall(SYS_capget, &header, sets) != 0) {
+        return false;
+    }
+    const unsigned bit = 1U << CAP_SYS_RESOURCE;
+    sets[0].effective &= ~bit;
+    sets[0].permitted &= ~bit;
+    return ::syscall(SYS_capset, &header, sets) == 0;
+}
+
+/// Sets `found` as the limit, raises it and gives it back. 0 when it was `raised` in between.
+int raiseAndGiveBack(const rlimit& found, const rlimit& raised) {
+    if (::setrlimit(RLIMIT_NOFILE, &found) != 0) {
+        return 1;
+    }
+    platform::raiseDescriptorLimit();
+    if (!(descriptorLimit() == raised)) {
+        return 2;
+    }
+    platform::cleanLaunchedProcess(-1);
+    return descriptorLimit() == found ? 0 : 3;
+}
+
+TEST(DescriptorLimit, IsRaisedToTheHardLimitWithoutTheRightToMore) {
+    EXPECT_EQ(runInChild([] {
+                  return giveUpResourceRight() ? raiseAndGiveBack({64, 4096}, {4096, 4096}) : 100;
+              }),
+              0);
+}
+
+TEST(DescriptorLimit, IsRaisedBeyondTheHardLimitWhereThatIsAllowed) {
+    EXPECT_EQ(runInChild([] {
+                  const rlimit found = {64, 4096};
+                  const rlimit more = {64, 4097};
+                  ::setrlimit(RLIMIT_NOFILE, &found);
+                  if (::setrlimit(RLIMIT_NOFILE, &more) != 0) {
+                      return 0; // not allowed here
+                  }
+                  return raiseAndGiveBack(found, {kMostDescriptors, kMostDescriptors});
+              }),
+              0);
+}
+
+TEST(DescriptorLimit, IsRaisedTo65536AtMost) {
+    EXPECT_EQ(runInChild([] {
+                  const rlimit found = {64, 100000};
+                  if (::setrlimit(RLIMIT_NOFILE, &found) != 0) {
+                      return 0; // not allowed here
+                  }
+                  return raiseAndGiveBack(found, {kMostDescriptors, 100000});
+              }),
+              0);
+}
+
+TEST(DescriptorLimit, ThatIsHighEnoughStaysAsItIs) {
+    EXPECT_EQ(runInChild([] {
+                  const rlimit found = {70000, 100000};
+                  if (::setrlimit(RLIMIT_NOFILE, &found) != 0) {
+                      return 0; // not allowed here
+                  }
+                  return raiseAndGiveBack(found, found);
+              }),
+              0);
+}
+
+TEST(DescriptorLimit, OfTheMomentStaysWhereNothingWasRaised) {
+    EXPECT_EQ(runInChild([] {
+                  const rlimit limit = {64, 4096};
+                  ::setrlimit(RLIMIT_NOFILE, &limit);
+                  platform::cleanLaunchedProcess(-1);
+                  return descriptorLimit() == limit ? 0 : 1;
+              }),
+              0);
+}
+
+TEST(DescriptorLimit, IsRaisedForTheProgramButNotForWhatItLaunches) {
+    EXPECT_EQ(runInChild([] {
+                  const rlimit found = {64, 4096};
+                  if (!giveUpResourceRight() || ::setrlimit(RLIMIT_NOFILE, &found) != 0) {
+                      return 100;
+                  }
+                  platform::raiseDescriptorLimit();
+                  if (openMany(1000) != 1000) {
+                      return 1;
+                  }
+                  return runInChild([] {
+                      platform::cleanLaunchedProcess(-1);
+                      ::execl("/bin/sh", "sh", "-c",
+                              "test \"$(ulimit -Sn)\" = 64 && test \"$(ulimit -Hn)\" = 4096",
+                              nullptr);
+                      return 127;
+                  });
+              }),
+              0);
+}
+
+// --- signals ---
+
 /// Signals whose action a program can set.
 std::vector<int> settableSignals() {
     std::vector<int> signals;
@@ -155,26 +272,6 @@ std::vector<int> settableSignals() {
         }
     }
     return signals;
-}
-
-TEST(CleanLaunchedProcess, GivesTheDescriptorLimitBack) {
-    EXPECT_EQ(runInChild([] {
-                  rlimit found = {};
-                  ::getrlimit(RLIMIT_NOFILE, &found);
-                  found.rlim_cur = 64;
-                  ::setrlimit(RLIMIT_NOFILE, &found);
-                  platform::raiseDescriptorLimit();
-                  rlimit raised = {};
-                  ::getrlimit(RLIMIT_NOFILE, &raised);
-                  const rlim_t most = found.rlim_max < 65536 ? found.rlim_max : 65536;
-                  if (raised.rlim_cur != most || raised.rlim_max != found.rlim_max) {
-                      return 1;
-                  }
-                  platform::cleanLaunchedProcess(-1);
-                  ::getrlimit(RLIMIT_NOFILE, &raised);
-                  return raised.rlim_cur == 64 && raised.rlim_max == found.rlim_max ? 0 : 2;
-              }),
-              0);
 }
 
 TEST(CleanLaunchedProcess, SetsEverySignalToItsDefaultActionAndUnblocksAll) {

@@ -265,4 +265,48 @@ TEST(Sleeping, LeavesCancellationAsItWas) {
     EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
 }
 
+// --- sleeping regardless ---
+
+std::int64_t elapsedRegardless(int milliseconds) {
+    const std::int64_t start = platform::monotonicMilliseconds();
+    platform::sleepRegardless(milliseconds);
+    return platform::monotonicMilliseconds() - start;
+}
+
+TEST(SleepingRegardless, LastsItsTime) {
+    EXPECT_GE(elapsedRegardless(30), 29);
+    EXPECT_LT(elapsedRegardless(0), 1000);
+    EXPECT_LT(elapsedRegardless(-1), 1000);
+}
+
+TEST(SleepingRegardless, IsResumedAfterSignals) {
+    const AlarmStorm storm;
+    EXPECT_GE(elapsedRegardless(60), 59);
+    EXPECT_GE(handlerRuns, 1);
+}
+
+void* sleepForAnHourRegardless(void* argument) {
+    Course& course = *static_cast<Course*>(argument);
+    platform::disableCancellation();
+    const Release guard(course);
+    course.started = true;
+    platform::sleepRegardless(3600000);
+    course.passedSleep = true;
+    return nullptr;
+}
+
+TEST(SleepingRegardless, EndsInTheMiddleForACancelledThread) {
+    Course course;
+    pthread_t thread = {};
+    ASSERT_EQ(platform::createWorkerThread(&thread, sleepForAnHourRegardless, &course), 0);
+    ASSERT_TRUE(eventually([&] { return course.started.load(); }));
+    ::usleep(5000);
+    ASSERT_EQ(::pthread_cancel(thread), 0);
+    void* result = nullptr;
+    ASSERT_EQ(::pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_TRUE(course.guardReleased);
+    EXPECT_FALSE(course.passedSleep);
+}
+
 } // namespace

@@ -199,6 +199,28 @@ TEST(Watching, EndsASleepOfTheWatchingThread) {
               0);
 }
 
+TEST(Watching, DoesNotEndASleepRegardless) {
+    EXPECT_EQ(runWatching([] {
+                  ::raise(SIGALRM);
+                  if (!platform::terminationPending()) {
+                      return 1;
+                  }
+                  if (spanOf([] { platform::sleepRegardless(60); }) < 59) {
+                      return 2;
+                  }
+                  return spanOf([] { platform::sleepMilliseconds(kLong); }) < kEarly ? 0 : 3;
+              }),
+              0);
+}
+
+TEST(Watching, DoesNotEndASleepRegardlessInItsMiddle) {
+    EXPECT_EQ(runWatching([] {
+                  sendAlarmIn(10);
+                  return spanOf([] { platform::sleepRegardless(60); }) >= 59 ? 0 : 1;
+              }),
+              0);
+}
+
 TEST(Watching, DoesNotEndASleepForAnotherPendingSignal) {
     EXPECT_EQ(runWatching([] {
                   const sigset_t other = setOf(SIGUSR1);

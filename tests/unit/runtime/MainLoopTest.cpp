@@ -20,6 +20,7 @@
 #include "runtime/Signals.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
+#include "tests/unit/runtime/SignalsSupport.h"
 
 namespace {
 
@@ -466,9 +467,7 @@ TEST_F(MainLoopTest, KicksAreReportedByTheTurn) {
     initWatchDog = true;
     g_verbose = 6;
     runTurns({[] {
-                 siginfo_t info = {};
-                 info.si_value.sival_ptr = &timerid;
-                 timerHandler(SIGUSR1, &info, nullptr);
+                 runtimetest::tick();
                  return WaitResult::TimedOut;
              }},
              kNever);

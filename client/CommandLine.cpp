@@ -21,6 +21,8 @@ namespace ovardctl {
 namespace {
 
 constexpr std::int32_t kMaxTimeoutSec = 86400;
+constexpr std::int32_t kMaxWatchSec = 3600;
+constexpr const char* kDefaultWatchSec = "2";
 constexpr std::int32_t kMaxInt = std::numeric_limits<std::int32_t>::max();
 constexpr std::int32_t kMinInt = std::numeric_limits<std::int32_t>::min();
 
@@ -114,9 +116,12 @@ public:
         addStart();
         addStop();
         addRestart();
+        addStatus();
+        addSystem();
         app_.final_callback([this] {
             if (app_.get_subcommands().empty()) {
-                throw CLI::RequiredError("one of the commands start, stop, restart");
+                throw CLI::RequiredError(
+                    "one of the commands start, stop, restart, status, system");
             }
         });
     }
@@ -133,15 +138,16 @@ private:
         AppmonAction action;
     };
 
-    CLI::App* addCommand(const char* name, const char* help);
+    CLI::App* addRequest(const char* name, const char* help);
+    CLI::App* addView(const char* name, const char* help, Verdict verdict);
     CLI::Option* addText(CLI::App* app, const std::string& name, const std::string& help,
                          const std::function<void(const std::string&)>& store);
     template <std::size_t Size>
     CLI::Option* addField(CLI::App* app, const std::string& name, char (&field)[Size],
                           const std::string& help);
     CLI::Option* addName(CLI::App* app, const std::string& help);
-    void addNumber(CLI::App* app, const std::string& name, std::int32_t& field, std::int32_t low,
-                   std::int32_t high, const std::string& help);
+    CLI::Option* addNumber(CLI::App* app, const std::string& name, std::int32_t& field,
+                           std::int32_t low, std::int32_t high, const std::string& help);
     void addSwitch(CLI::App* app, const std::string& name, std::uint8_t& field,
                    const std::string& help);
     void addGlobalOptions();
@@ -149,19 +155,23 @@ private:
     void addStartPolicy(CLI::App* start);
     void addStop();
     void addRestart();
+    void addStatus();
+    void addSystem();
     void addSelection(CLI::App* app, AppmonAction single, const std::vector<ListFlag>& flags);
     void completeStart(bool wantsConventionalPidFile);
     void fillPidFile(std::string_view program);
 
     CommandLine& result_;
     const char* meterRoot_;
-    CLI::App app_{"Controls the applications that the application monitor supervises.", "ovardctl"};
+    Verdict purpose_ = Verdict::Send; ///< of the command that was named
+    CLI::App app_{"Controls and shows the applications that the application monitor supervises.",
+                  "ovardctl"};
 };
 
 void Parser::run(int argc, const char* const* argv) {
     try {
         app_.parse(argc, argv);
-        result_.verdict = Verdict::Send;
+        result_.verdict = purpose_;
     } catch (const CLI::ParseError& error) {
         std::ostringstream shown;
         std::ostringstream refused;
@@ -171,10 +181,25 @@ void Parser::run(int argc, const char* const* argv) {
     }
 }
 
-CLI::App* Parser::addCommand(const char* name, const char* help) {
+CLI::App* Parser::addRequest(const char* name, const char* help) {
     CLI::App* command = app_.add_subcommand(name, help);
     addSwitch(command, "--no-wait", result_.request.nowait,
               "Do not wait for the outcome; the monitor sends no reply");
+    return command;
+}
+
+CLI::App* Parser::addView(const char* name, const char* help, Verdict verdict) {
+    CLI::App* command = app_.add_subcommand(name, help);
+    ViewRequest& view = result_.view;
+    command
+        ->add_flag_callback(
+            "--json", [&view] { view.json = true; }, "Print JSON for scripts")
+        ->disable_flag_override();
+    addNumber(command, "--watch", view.watchSec, 1, kMaxWatchSec,
+              "Show it again every N seconds, 1 to 3600 (2 where N is left out), until interrupted")
+        ->default_str(kDefaultWatchSec)
+        ->expected(0, 1);
+    command->final_callback([this, verdict] { purpose_ = verdict; });
     return command;
 }
 
@@ -199,11 +224,13 @@ CLI::Option* Parser::addName(CLI::App* app, const std::string& help) {
     });
 }
 
-void Parser::addNumber(CLI::App* app, const std::string& name, std::int32_t& field,
-                       std::int32_t low, std::int32_t high, const std::string& help) {
-    addText(app, name, help, [name, &field, low, high](const std::string& text) {
-        field = toNumber(name, text, low, high);
-    })->type_name("N");
+CLI::Option* Parser::addNumber(CLI::App* app, const std::string& name, std::int32_t& field,
+                               std::int32_t low, std::int32_t high, const std::string& help) {
+    return addText(app, name, help,
+                   [name, &field, low, high](const std::string& text) {
+                       field = toNumber(name, text, low, high);
+                   })
+        ->type_name("N");
 }
 
 void Parser::addSwitch(CLI::App* app, const std::string& name, std::uint8_t& field,
@@ -231,7 +258,7 @@ void Parser::addGlobalOptions() {
 
 void Parser::addStart() {
     reqcmd& request = result_.request;
-    CLI::App* start = addCommand("start", "Start an application and supervise it");
+    CLI::App* start = addRequest("start", "Start an application and supervise it");
     addName(start, "Name under which it is supervised")->required();
     addField(start, "--cmd", request.cmd, "Absolute path of the program and its arguments")
         ->required();
@@ -264,18 +291,33 @@ void Parser::addStartPolicy(CLI::App* start) {
 }
 
 void Parser::addStop() {
-    addSelection(addCommand("stop", "Stop one application or several"), APPMONCTL_Stop,
+    addSelection(addRequest("stop", "Stop one application or several"), APPMONCTL_Stop,
                  {{"--all", "Stop all applications", APPMONCTL_Stop_All},
                   {"--all-but-security", "Stop all but security_server", APPMONCTL_Stop_All_But},
                   {"--port-apps", "Stop all that serve a port", APPMONCTL_Stop_PortApps}});
 }
 
 void Parser::addRestart() {
-    addSelection(addCommand("restart", "Restart one application or several"), APPMONCTL_Restart,
+    addSelection(addRequest("restart", "Restart one application or several"), APPMONCTL_Restart,
                  {{"--all", "Restart all applications", APPMONCTL_Restart_All},
                   {"--self-restarting", "Restart all whose restart policy is self",
                    APPMONCTL_Restart_All_But},
                   {"--port-apps", "Restart all that serve a port", APPMONCTL_Restart_PortApps}});
+}
+
+void Parser::addStatus() {
+    CLI::App* status =
+        addView("status", "Show the supervised applications as published", Verdict::ShowStatus);
+    addText(status, "NAME", "Show this application alone", [this](const std::string& text) {
+        if (text.empty()) {
+            throw CLI::ValidationError("NAME", "it is empty; give the name of an application");
+        }
+        result_.view.name = text;
+    });
+}
+
+void Parser::addSystem() {
+    addView("system", "Show the state of the machine as published", Verdict::ShowSystem);
 }
 
 /// Takes one name, or one of `flags`.

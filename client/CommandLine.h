@@ -1,4 +1,4 @@
-// The command line of ovardctl: arguments to a request record.
+// The command line of ovardctl: arguments to a request record, or to what is to be shown.
 
 #ifndef OVARD_CLIENT_COMMAND_LINE_H
 #define OVARD_CLIENT_COMMAND_LINE_H
@@ -15,14 +15,24 @@ namespace ovardctl {
 /// What the arguments ask for.
 enum class Verdict {
     Send,       ///< send `request`
+    ShowStatus, ///< show the published applications, see `view`
+    ShowSystem, ///< show the published state of the machine, see `view`
     ShowText,   ///< print `text` (help or version), nothing else
     UsageError, ///< `text` says what is wrong and what to do
+};
+
+/// What published data are to be shown, and how.
+struct ViewRequest {
+    std::string name;          ///< the application to show; empty: all
+    bool json = false;         ///< JSON, not tables
+    std::int32_t watchSec = 0; ///< show it again after so many seconds, 1 to 3600; 0: once
 };
 
 /// The arguments, understood.
 struct CommandLine {
     Verdict verdict = Verdict::UsageError;
     reqcmd request{}; ///< well-formed: every text ends with a NUL
+    ViewRequest view;
     std::string socketPath = ovard_client::kDefaultSocketPath;
     std::int32_t timeoutSec = ovard_client::kDefaultTimeoutMs / 1000; ///< 1 to 86400
     std::string text;                  ///< see Verdict; ends with a line feed unless empty

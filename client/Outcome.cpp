@@ -1,8 +1,8 @@
 #include "client/Outcome.h"
 
-#include <cstdio>
 #include <system_error>
 
+#include "client/PrintableText.h"
 #include "platform/Text.h"
 
 namespace ovardctl {
@@ -13,10 +13,6 @@ using ovard_client::Result;
 
 std::string errorText(std::int32_t systemError) {
     return std::generic_category().message(systemError);
-}
-
-bool isPrintable(unsigned char byte) {
-    return byte == '\n' || (byte >= 0x20 && byte < 0x7f);
 }
 
 Report replied(const response_struct& reply) {
@@ -70,17 +66,7 @@ Report systemFailure(const CommandLine& commandLine, std::int32_t systemError) {
 } // namespace
 
 std::string printableMessage(const response_struct& reply) {
-    std::string text;
-    for (const char character : platform::fieldText(reply.message)) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (isPrintable(byte)) {
-            text += character;
-        } else {
-            char escape[5];
-            (void)std::snprintf(escape, sizeof escape, "\\x%02x", byte); // always four characters
-            text += escape;
-        }
-    }
+    std::string text = printable(platform::fieldText(reply.message), "\n");
     if (!text.empty() && text.back() != '\n') {
         text += '\n';
     }

@@ -1,4 +1,4 @@
-// What ovardctl tells about the outcome of a request: the reply's message, an explanation where
+// What ovardctl tells, and how it ends. For a request: the reply's message, an explanation where
 // something went wrong, and the exit status.
 
 #ifndef OVARD_CLIENT_OUTCOME_H
@@ -14,11 +14,11 @@ namespace ovardctl {
 
 /// Exit statuses of ovardctl.
 enum ExitStatus : int {
-    kExitOk = 0,          ///< code 0, or sent without waiting
-    kExitFailed = 1,      ///< the reply carries a failure code
+    kExitOk = 0,          ///< code 0, or sent without waiting; shown
+    kExitFailed = 1,      ///< the reply carries a failure code; no such application is published
     kExitUsage = 2,       ///< wrong arguments
-    kExitNoMonitor = 3,   ///< no monitor listens
-    kExitNoReply = 4,     ///< no whole reply came in time
+    kExitNoMonitor = 3,   ///< no monitor listens; what was shown is stale
+    kExitNoReply = 4,     ///< no whole reply came in time; nothing whole is published yet
     kExitSystemError = 5, ///< any other failure of the system
 };
 

@@ -1,8 +1,9 @@
-// Control requests to the application monitor, for other programs.
+// The application monitor for other programs: control requests to it, and what it publishes.
 //
-// One function, plain structs, result codes: no exception leaves it, it keeps no state between
-// calls, starts no thread and changes no signal handling. It needs nothing of the monitor but the
-// records, so that a C interface can be laid over it.
+// Plain functions and structs, result codes: no exception leaves them, they keep no state between
+// calls, start no thread and change no signal handling. They need nothing of the monitor but the
+// records, so that a C interface can be laid over them. A thread that calls them must not be
+// cancelled meanwhile.
 
 #ifndef OVARD_CLIENT_OVARD_CLIENT_H
 #define OVARD_CLIENT_OVARD_CLIENT_H
@@ -11,6 +12,7 @@
 
 #include "records/reqcmd.h"
 #include "records/response_struct.h"
+#include "records/segments.h"
 
 namespace ovard_client {
 
@@ -60,6 +62,56 @@ struct Outcome {
 /// call do not lengthen it; SIGPIPE is never raised. The descriptor in use is closed on exec.
 Outcome sendRequest(const Endpoint* endpoint, const reqcmd* request,
                     response_struct* reply) noexcept;
+
+/// Whether a monitor runs, as far as can be seen.
+enum class MonitorState : std::int32_t {
+    NotRunning = 0,
+    Running = 1,
+    Unknown = 2, ///< the kernel does not tell
+};
+
+/// Looks whether a monitor listens on the socket, without a connection to it: in the kernel's table
+/// of local sockets, /proc/net/unix. A monitor listens from before its first publication until it
+/// ends, however it ends; a socket or pid file that it left behind counts for nothing. The path has
+/// to be the one that the socket was bound to, character for character, and the caller has to be in
+/// the monitor's network namespace. A null path gives Unknown. May be called from any thread.
+MonitorState findMonitor(const char* socketPath) noexcept;
+
+/// How the reading of a segment ended.
+enum class SegmentResult : std::int32_t {
+    Ok = 0,           ///< the whole of it is here
+    NoSegment = 1,    ///< there is none of that name
+    TooShort = 2,     ///< it has fewer bytes than the record
+    KeptChanging = 3, ///< no two successive copies of it agreed
+    SystemError = 4,  ///< any other failure; see `SegmentOutcome::systemError`
+};
+
+/// The outcome of one reading.
+struct SegmentOutcome {
+    SegmentResult result;
+    std::int32_t systemError; ///< errno of the failure behind `result`; 0 where there is none
+    std::int64_t modifiedMs;  ///< when it was last written; 0 unless the result is Ok
+};
+
+/// Reads a segment without a lock, as often as it takes until two successive copies, 5 ms apart,
+/// agree; at most 40 times, which is 0.2 seconds. Half of a publishing cycle is thus not handed
+/// out, unless its writer was held up in the middle of it for all of those 5 ms.
+///
+/// The record is filled when the result is Ok, and stays as it was otherwise. What is in it is no
+/// more than what somebody has written: texts may lack their NUL, numbers have any value. A monitor
+/// that starts fills the segments with zero bytes; until its first cycle is out, the application
+/// header's `maximum` is 0 and `meterinfo_struct::kernel_release` empty. A monitor that ends leaves
+/// the last cycle behind: see findMonitor.
+///
+/// The segments hold no time of their publication. `modifiedMs` stands for it: the modification
+/// time of the segment in milliseconds since the epoch, by the machine's wall clock. Any write
+/// moves it, that of a program that sets its health word in the application segment included. A
+/// write through a mapping need not move it, which the monitor does not do.
+///
+/// SystemError comes with EINVAL for a null pointer and for a name that is no regular file. May be
+/// called from any thread. The descriptor in use is closed on exec.
+SegmentOutcome readSystemSegment(system_segment* system) noexcept;
+SegmentOutcome readApplicationSegment(application_segment* applications) noexcept;
 
 } // namespace ovard_client
 

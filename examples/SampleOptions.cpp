@@ -14,12 +14,16 @@ const char kUsage[] =
     "  --foreground            stay in the foreground\n"
     "  --daemonize-after MS    go into the background after MS milliseconds (default 0)\n"
     "  --pidfile PATH          write the pid file PATH.PID (default: the conventional name)\n"
+    "  --exact-pidfile PATH    write the pid file PATH itself\n"
     "  --no-pidfile            write none\n"
     "  --pidfile-after MS      write it MS milliseconds late\n"
     "  --version V             version in the pid file (default 1.0)\n"
     "  --ignore-term           ignore SIGTERM\n"
     "  --heartbeat MS|none     report a heartbeat every MS milliseconds (default none)\n"
+    "  --hang-after MS         report none any more after MS milliseconds\n"
+    "  --hang-for MS           report them again MS milliseconds later (default never)\n"
     "  --crash-after MS        abort after MS milliseconds\n"
+    "  --come-back-after MS    start anew, as another process, MS milliseconds after a crash\n"
     "  --exit-after MS         end after MS milliseconds\n"
     "  --exit-status N         status to end with (default 0)\n"
     "  --fork-stray N          leave N copies of the process running beside it\n"
@@ -56,7 +60,10 @@ constexpr Number kNumbers[] = {
     {"--daemonize-after", &Options::daemonizeAfterMs, 0},
     {"--pidfile-after", &Options::pidFileAfterMs, 0},
     {"--heartbeat", &Options::heartbeatMs, 1},
+    {"--hang-after", &Options::hangAfterMs, 0},
+    {"--hang-for", &Options::hangForMs, 0},
     {"--crash-after", &Options::crashAfterMs, 0},
+    {"--come-back-after", &Options::comeBackAfterMs, 0},
     {"--exit-after", &Options::exitAfterMs, 0},
     {"--exit-status", &Options::exitStatus, 0},
     {"--fork-stray", &Options::strays, 0},
@@ -64,6 +71,7 @@ constexpr Number kNumbers[] = {
 
 constexpr Text kTexts[] = {
     {"--pidfile", &Options::pidFile},
+    {"--exact-pidfile", &Options::exactPidFile},
     {"--version", &Options::version},
     {"--report", &Options::report},
 };

@@ -19,10 +19,14 @@ struct Options {
     bool writePidFile = true;
     std::string pidFile; ///< without the ".PID" that is appended to it
     std::string version = "1.0";
+    std::string exactPidFile; ///< not empty: the whole path, instead of `pidFile`
     int pidFileAfterMs = 0;
     bool ignoreTerm = false;
     int heartbeatMs = kNever;
+    int hangAfterMs = kNever;
+    int hangForMs = kNever; ///< counts from the moment at which it hangs
     int crashAfterMs = kNever;
+    int comeBackAfterMs = kNever; ///< counts from the crash
     int exitAfterMs = kNever;
     int exitStatus = 0;
     int strays = 0;

@@ -145,6 +145,10 @@ public:
 
     bool write(const Options& options) {
         int pid = ::getpid();
+        if (!options.exactPidFile.empty()) {
+            path_ = options.exactPidFile;
+            return sample::writeReport(path_, std::to_string(pid) + "\n" + options.version + "\n");
+        }
         if (set_pid_file_version(&pid, options.pidFile.c_str(), O_WRONLY | O_CREAT,
                                  options.version.c_str()) != 0) {
             return false;
@@ -157,15 +161,36 @@ private:
     std::string path_;
 };
 
+/// Leaves a process behind that becomes this application anew after a while.
+void leaveSuccessor(const Options& options, char* const* argv) {
+    if (options.comeBackAfterMs == sample::kNever || ::fork() != 0) {
+        return;
+    }
+    if (!waitUntil(nowMs() + options.comeBackAfterMs, options.ignoreTerm)) {
+        (void)::execv(argv[0], argv); // nothing is left to do where it fails
+    }
+    ::_exit(kExitFailure);
+}
+
 /// Ends the process by a signal, leaving everything behind but a core file.
-[[noreturn]] void crash() {
+[[noreturn]] void crash(const Options& options, char* const* argv) {
+    leaveSuccessor(options, argv);
     const rlimit none{0, 0};
     (void)::setrlimit(RLIMIT_CORE, &none); // a core file is unwelcome, not harmful
     std::abort();
 }
 
+/// When the heartbeat is due that follows one at the point `now`.
+std::int64_t nextBeat(const Options& options, std::int64_t start, std::int64_t now) {
+    const std::int64_t hangAt = pointAfter(start, options.hangAfterMs);
+    const std::int64_t resumeAt =
+        hangAt == kForever ? kForever : pointAfter(hangAt, options.hangForMs);
+    const std::int64_t next = now + options.heartbeatMs;
+    return next >= hangAt && next < resumeAt ? resumeAt : next;
+}
+
 /// Does what is due until the end; returns the exit status.
-int serve(const Options& options) {
+int serve(const Options& options, char* const* argv) {
     const std::int64_t start = nowMs();
     const std::int64_t crashAt = pointAfter(start, options.crashAfterMs);
     const std::int64_t exitAt = pointAfter(start, options.exitAfterMs);
@@ -175,7 +200,7 @@ int serve(const Options& options) {
     for (;;) {
         const std::int64_t now = nowMs();
         if (now >= crashAt) {
-            crash();
+            crash(options, argv);
         }
         if (now >= exitAt) {
             return options.exitStatus;
@@ -188,7 +213,7 @@ int serve(const Options& options) {
         }
         if (now >= beatAt) {
             heartbeat_notify();
-            beatAt = now + options.heartbeatMs;
+            beatAt = nextBeat(options, start, now);
         }
         if (waitUntil(std::min({crashAt, exitAt, pidFileAt, beatAt}), options.ignoreTerm)) {
             return 0;
@@ -196,7 +221,7 @@ int serve(const Options& options) {
     }
 }
 
-int run(const Options& options, const std::string& launchFacts) {
+int run(const Options& options, const std::string& launchFacts, char* const* argv) {
     if (!options.foreground) {
         if (waitUntil(nowMs() + options.daemonizeAfterMs, options.ignoreTerm)) {
             return 0;
@@ -212,7 +237,7 @@ int run(const Options& options, const std::string& launchFacts) {
         std::perror("sample_app: report");
         return kExitFailure;
     }
-    const int status = serve(options);
+    const int status = serve(options, argv);
     if (options.heartbeatMs != sample::kNever) {
         heartbeat_cleanup(-1);
     }
@@ -233,5 +258,5 @@ int main(int argc, char** argv) {
         return std::fputs(sample::kUsage, stdout) == EOF ? kExitFailure : 0;
     }
     prepareSignals(options.ignoreTerm);
-    return run(options, launchFacts);
+    return run(options, launchFacts, argv);
 }

@@ -130,7 +130,7 @@ TEST(CommandLine, NeedsExactlyOneSelection) {
 }
 
 TEST(CommandLine, NeedsAKnownCommand) {
-    expectUsageError(parse({}), "start, stop, restart");
+    expectUsageError(parse({}), "start, stop, restart, status, system");
     expectUsageError(parse({"pause"}), "pause");
     expectUsageError(parse({"stop", "app", "--sideways"}), "--sideways");
 }
@@ -327,6 +327,62 @@ TEST(CommandLine, RefusesAnOptionGivenTwice) {
     EXPECT_EQ(parseStart({"--priority", "1", "--priority", "2"}).verdict, Verdict::UsageError);
 }
 
+struct ViewCase {
+    const char* command;
+    Verdict verdict;
+};
+
+class CommandLineView : public testing::TestWithParam<ViewCase> {};
+
+TEST_P(CommandLineView, UnderstandsItsOptions) {
+    const char* const command = GetParam().command;
+    const CommandLine bare = parse({command});
+    EXPECT_EQ(bare.verdict, GetParam().verdict) << bare.text;
+    EXPECT_EQ(bare.view.name, "");
+    EXPECT_FALSE(bare.view.json);
+    EXPECT_EQ(bare.view.watchSec, 0);
+    EXPECT_EQ(bare.socketPath, "/tmp/appmon_sock");
+
+    const CommandLine full = parse({command, "--json", "--watch", "5", "--socket", "/s"});
+    EXPECT_EQ(full.verdict, GetParam().verdict) << full.text;
+    EXPECT_TRUE(full.view.json);
+    EXPECT_EQ(full.view.watchSec, 5);
+    EXPECT_EQ(full.socketPath, "/s");
+}
+
+TEST_P(CommandLineView, WatchesEveryTwoSecondsUnlessToldOtherwise) {
+    const char* const command = GetParam().command;
+    EXPECT_EQ(parse({command, "--watch"}).view.watchSec, 2);
+    EXPECT_EQ(parse({command, "--watch", "--json"}).view.watchSec, 2);
+    EXPECT_TRUE(parse({command, "--watch", "--json"}).view.json);
+    EXPECT_EQ(parse({command, "--watch=1"}).view.watchSec, 1);
+    EXPECT_EQ(parse({command, "--watch", "3600"}).view.watchSec, 3600);
+    for (const char* text : {"0", "-1", "3601", "1.5", "x", "true"}) {
+        expectUsageError(parse({command, "--watch", text}), "--watch");
+    }
+    EXPECT_EQ(parse({command, "--json=false"}).verdict, Verdict::UsageError);
+    EXPECT_EQ(parse({command, "--no-wait"}).verdict, Verdict::UsageError);
+}
+
+INSTANTIATE_TEST_SUITE_P(Views, CommandLineView,
+                         testing::Values(ViewCase{"status", Verdict::ShowStatus},
+                                         ViewCase{"system", Verdict::ShowSystem}));
+
+TEST(CommandLine, StatusTakesOneName) {
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"status", "app"},
+          std::vector<std::string>{"status", "app", "--watch", "3"},
+          std::vector<std::string>{"status", "--watch", "3", "app"}}) {
+        const CommandLine commandLine = parse(words);
+        EXPECT_EQ(commandLine.verdict, Verdict::ShowStatus) << commandLine.text;
+        EXPECT_EQ(commandLine.view.name, "app");
+    }
+    EXPECT_EQ(parse({"status", "stop"}).view.name, "stop");
+    expectUsageError(parse({"status", "app", "other"}), "other");
+    expectUsageError(parse({"status", ""}), "NAME");
+    expectUsageError(parse({"system", "app"}), "app");
+}
+
 TEST(CommandLine, ShowsHelpAndVersion) {
     const CommandLine version = parse({"--version"});
     EXPECT_EQ(version.verdict, Verdict::ShowText);
@@ -334,8 +390,15 @@ TEST(CommandLine, ShowsHelpAndVersion) {
 
     const CommandLine help = parse({"--help"});
     EXPECT_EQ(help.verdict, Verdict::ShowText);
-    for (const char* part : {"--socket", "--timeout", "start", "stop", "restart"}) {
+    for (const char* part :
+         {"--socket", "--timeout", "start", "stop", "restart", "status", "system"}) {
         EXPECT_NE(help.text.find(part), std::string::npos) << part;
+    }
+
+    const CommandLine statusHelp = parse({"status", "--help"});
+    EXPECT_EQ(statusHelp.verdict, Verdict::ShowText);
+    for (const char* part : {"NAME", "--json", "--watch"}) {
+        EXPECT_NE(statusHelp.text.find(part), std::string::npos) << part;
     }
 
     const CommandLine startHelp = parse({"start", "--help"});

@@ -214,6 +214,35 @@ TEST(Ovardctl, EndsWith5WhenItsOutputCannotBeWritten) {
     EXPECT_NE(result.error.find("standard output"), std::string::npos);
 }
 
+TEST(Ovardctl, EndsWith3WhenThereIsNoMonitorToShow) {
+    const TemporaryFolder folder;
+    for (const char* command : {"status", "system"}) {
+        const ToolResult result = runTool({command, "--socket", folder.file("none")});
+        EXPECT_EQ(result.exitStatus, 3);
+        EXPECT_EQ(result.output.rfind("Monitor:  not running\n", 0), 0u) << result.output;
+        EXPECT_NE(result.error.find("no monitor listens on " + folder.file("none")),
+                  std::string::npos);
+        const ToolResult json = runTool({command, "--json", "--socket", folder.file("none")});
+        EXPECT_EQ(json.exitStatus, 3);
+        EXPECT_EQ(json.output.rfind("{\n  \"monitor\": \"not running\",\n", 0), 0u) << json.output;
+    }
+}
+
+TEST(Ovardctl, ShowsWithoutAConnectionToTheMonitor) {
+    const AnsweringServer server(makeReply(0, "done\n"));
+    for (const char* command : {"status", "system"}) {
+        const ToolResult result = runTool({command, "--socket", server.path()});
+        EXPECT_EQ(result.output.rfind("Monitor:  running\n", 0), 0u) << result.output;
+    }
+    EXPECT_EQ(server.requests(), 0);
+}
+
+TEST(Ovardctl, StopsWatchingWhenItsOutputCannotBeWritten) {
+    const ToolResult result = runTool({"status", "--watch"}, {}, "/dev/full");
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_NE(result.error.find("standard output"), std::string::npos);
+}
+
 TEST(Ovardctl, DoesNotWaitWithNoWait) {
     reqcmd request{};
     {

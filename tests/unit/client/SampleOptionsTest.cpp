@@ -32,7 +32,11 @@ TEST_F(SampleOptions, GoesIntoTheBackgroundWithAConventionalPidFileByDefault) {
     EXPECT_EQ(options_.pidFile, "/tmp/pid/home/kelvo/root/app.pid");
     EXPECT_EQ(options_.version, "1.0");
     EXPECT_EQ(options_.heartbeatMs, sample::kNever);
+    EXPECT_EQ(options_.exactPidFile, "");
+    EXPECT_EQ(options_.hangAfterMs, sample::kNever);
+    EXPECT_EQ(options_.hangForMs, sample::kNever);
     EXPECT_EQ(options_.crashAfterMs, sample::kNever);
+    EXPECT_EQ(options_.comeBackAfterMs, sample::kNever);
     EXPECT_EQ(options_.exitAfterMs, sample::kNever);
     EXPECT_EQ(options_.exitStatus, 0);
     EXPECT_EQ(options_.strays, 0);
@@ -69,6 +73,14 @@ TEST_F(SampleOptions, ReadsEveryOptionAmongOtherWords) {
                        "7",
                        "--report",
                        "/r",
+                       "--exact-pidfile",
+                       "/e",
+                       "--hang-after",
+                       "8",
+                       "--hang-for",
+                       "9",
+                       "--come-back-after",
+                       "10",
                        "--foreground",
                        "--other"},
                       options_, error_));
@@ -83,6 +95,10 @@ TEST_F(SampleOptions, ReadsEveryOptionAmongOtherWords) {
     EXPECT_EQ(options_.exitStatus, 6);
     EXPECT_EQ(options_.strays, 7);
     EXPECT_EQ(options_.report, "/r");
+    EXPECT_EQ(options_.exactPidFile, "/e");
+    EXPECT_EQ(options_.hangAfterMs, 8);
+    EXPECT_EQ(options_.hangForMs, 9);
+    EXPECT_EQ(options_.comeBackAfterMs, 10);
     EXPECT_TRUE(options_.foreground);
 }
 
@@ -99,6 +115,10 @@ TEST_F(SampleOptions, RefusesMissingAndMalformedValues) {
           std::vector<const char*>{"--heartbeat", "often"},
           std::vector<const char*>{"--exit-after", "-1"},
           std::vector<const char*>{"--crash-after", "none"},
+          std::vector<const char*>{"--exact-pidfile"},
+          std::vector<const char*>{"--hang-after", "-1"},
+          std::vector<const char*>{"--hang-for", "x"},
+          std::vector<const char*>{"--come-back-after", ""},
           std::vector<const char*>{"--fork-stray", "1x"},
           std::vector<const char*>{"--exit-status", ""}}) {
         error_.clear();

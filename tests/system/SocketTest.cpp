@@ -203,7 +203,8 @@ TEST_F(Socket, ConsoleAtEveryVerbosity) {
     const std::regex priority("(^|\n)-1=setpriority");
     for (int verbosity = 0; verbosity <= 9; ++verbosity) {
         Daemon daemon;
-        ASSERT_TRUE(daemon.startInForeground({"-v", std::to_string(verbosity)}));
+        // Adoption, which -a switches off, traces too.
+        ASSERT_TRUE(daemon.startInForeground({"-a", "-v", std::to_string(verbosity)}));
         const std::string expected = expectedConsole(verbosity, daemon.pid());
         ASSERT_TRUE(ask(stopRequest("nobody", "/x y")));
         std::string console;

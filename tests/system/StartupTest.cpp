@@ -105,7 +105,7 @@ TEST_F(Startup, LauncherPrintsTheVersionOnceAndNothingElse) {
 
 TEST_F(Startup, VersionIsPrintedBeforeTheFirstTrace) {
     Daemon daemon;
-    ASSERT_TRUE(daemon.startInForeground({"-v", "5"}));
+    ASSERT_TRUE(daemon.startInForeground({"-v", "5", "-a"})); // Adoption traces too.
     ASSERT_TRUE(eventually([&] {
         return daemon.console().find("start process_command_thread()\n") != std::string::npos;
     }));

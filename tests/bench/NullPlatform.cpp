@@ -3,6 +3,8 @@
 // monitor's own work and cannot touch anything; memory, clocks, threads and the yielding of the
 // processor stay the real ones. Process work is not timed at all: it ends the program.
 
+#include <sys/utsname.h>
+
 #include <cstdlib>
 
 #include "platform/Console.h"
@@ -81,6 +83,14 @@ bool pathExists(const char* /*path*/) {
 
 void flushFileSystems() {}
 
+int runShellCommand(const char* /*command*/) {
+    refuseProcessWork();
+}
+
+int identifyKernel(utsname& /*identity*/) {
+    return -1;
+}
+
 long uptimeSeconds() {
     return 1;
 }
@@ -124,8 +134,6 @@ ssize_t sendBytes(int /*fd*/, const void* /*buffer*/, std::size_t size) {
 int duplicateConnection(int /*fd*/) {
     return -1;
 }
-
-void endConnection(int /*fd*/) {}
 
 void shutDownWriting(int /*fd*/) {}
 

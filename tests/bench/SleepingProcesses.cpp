@@ -24,6 +24,9 @@ std::string besideThisProgram(const char* name) {
 
 } // namespace
 
+SleepingProcesses::SleepingProcesses(const char* program)
+    : program_(besideThisProgram(program)) {}
+
 SleepingProcesses::~SleepingProcesses() {
     for (const pid_t pid : pids_) {
         ::kill(pid, SIGKILL);
@@ -35,7 +38,6 @@ SleepingProcesses::~SleepingProcesses() {
 }
 
 bool SleepingProcesses::start(const std::vector<std::string>& words) {
-    static const std::string program = besideThisProgram("ovard_bench_sleeping_process");
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
@@ -44,7 +46,7 @@ bool SleepingProcesses::start(const std::vector<std::string>& words) {
     arguments.push_back(nullptr);
     char* noEnvironment[] = {nullptr};
     pid_t pid = 0;
-    if (::posix_spawn(&pid, program.c_str(), nullptr, nullptr, arguments.data(), noEnvironment) !=
+    if (::posix_spawn(&pid, program_.c_str(), nullptr, nullptr, arguments.data(), noEnvironment) !=
         0) {
         return false;
     }

@@ -10,11 +10,12 @@
 
 namespace bench {
 
-/// Runs the program `sleeping_process`, which stands beside this program, many times over, and ends
-/// exactly those processes on destruction.
+/// Runs a program that stands beside this one many times over, and ends exactly those processes on
+/// destruction.
 class SleepingProcesses {
 public:
-    SleepingProcesses() = default;
+    /// `program` is the name of its file.
+    explicit SleepingProcesses(const char* program = "ovard_bench_sleeping_process");
     ~SleepingProcesses();
     SleepingProcesses(const SleepingProcesses&) = delete;
     SleepingProcesses& operator=(const SleepingProcesses&) = delete;
@@ -25,7 +26,11 @@ public:
 
     std::size_t count() const { return pids_.size(); }
 
+    /// In the order of their start.
+    const std::vector<pid_t>& pids() const { return pids_; }
+
 private:
+    std::string program_;
     std::vector<pid_t> pids_;
 };
 

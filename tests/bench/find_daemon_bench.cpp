@@ -7,28 +7,23 @@
 #include <benchmark/benchmark.h>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "appmanager/AppManager.h"
 #include "platform/Process.h"
 #include "platform/Settings.h"
 #include "platform/Text.h"
+#include "tests/bench/BareFileLoop.h"
 #include "tests/bench/Limits.h"
+#include "tests/bench/ProcessorTime.h"
 #include "tests/bench/SleepingProcesses.h"
 
 namespace {
 
 constexpr int kProcesses = 2000;
-constexpr int kWarmUpRounds = 3;
 constexpr int kRounds = 41;
 constexpr double kMostTimesTheBareLoop = 1.3;
 
@@ -60,25 +55,6 @@ Words wordsOfProcess(int number) {
     return words;
 }
 
-/// Seconds of processor time that this process has had.
-double processorSeconds() {
-    timespec used = {};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
-}
-
-template <typename Work> double processorSecondsOf(Work work) {
-    const double begin = processorSeconds();
-    work();
-    return processorSeconds() - begin;
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 /// The search as the manager makes it.
 class Search {
 public:
@@ -107,68 +83,19 @@ private:
     statstruct_proc launched_ = {};
 };
 
-/// The same files, opened, read and closed in the same order and nothing else: even their names are
-/// ready.
-class BareLoop {
-public:
-    BareLoop() {
-        platform::ProcDirectory proc;
-        platform::ProcDirectory::Entry entry = {};
-        while (proc.next(entry)) {
-            if (entry.type == DT_DIR && platform::isAllDigits(entry.name)) {
-                const std::string directory = std::string("/proc/") + entry.name;
-                files_.push_back({directory + "/stat", kStatBytes});
-                files_.push_back({directory + "/cmdline", kCmdlineBytes});
-            }
+/// The same files in the same order.
+bench::BareFileLoop bareLoopOverProc() {
+    bench::BareFileLoop loop;
+    platform::ProcDirectory proc;
+    platform::ProcDirectory::Entry entry = {};
+    while (proc.next(entry)) {
+        if (entry.type == DT_DIR && platform::isAllDigits(entry.name)) {
+            const std::string directory = std::string("/proc/") + entry.name;
+            loop.add(directory + "/stat", kStatBytes);
+            loop.add(directory + "/cmdline", kCmdlineBytes);
         }
     }
-
-    /// The number of files that could be read.
-    int run() const {
-        int count = 0;
-        for (const File& file : files_) {
-            char buffer[kStatBytes];
-            const int fd = ::open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
-            if (fd >= 0) {
-                count += ::read(fd, buffer, file.bytes) > 0 ? 1 : 0;
-                ::close(fd);
-            }
-            benchmark::DoNotOptimize(buffer);
-        }
-        return count;
-    }
-
-private:
-    struct File {
-        std::string path;
-        std::size_t bytes;
-    };
-
-    std::vector<File> files_;
-};
-
-/// Processor times of one round.
-struct Round {
-    double scan;
-    double bare;
-};
-
-/// Runs both once. False when one of them did not see every process.
-bool runRound(Search& search, const BareLoop& bareLoop, bool bareFirst, Round& round) {
-    int filesRead = 0;
-    int result = 0;
-    const auto bare = [&] { filesRead = bareLoop.run(); };
-    const auto scan = [&] { result = search.run(); };
-    if (bareFirst) {
-        round.bare = processorSecondsOf(bare);
-    }
-    round.scan = processorSecondsOf(scan);
-    if (!bareFirst) {
-        round.bare = processorSecondsOf(bare);
-    }
-    // The last process in the directory is one that differs in its last word, so this result tells
-    // that the search came to the end.
-    return filesRead >= 2 * kProcesses && result == kOtherWords;
+    return loop;
 }
 
 bool startProcesses(bench::SleepingProcesses& processes) {
@@ -187,28 +114,19 @@ void findDaemonAgainstBareLoop(benchmark::State& state) {
         return;
     }
     Search search;
-    const BareLoop bareLoop;
-    Round round = {};
-    for (int warmUp = 0; warmUp < kWarmUpRounds; ++warmUp) {
-        (void)runRound(search, bareLoop, false, round); // its failure shows again below
+    const bench::BareFileLoop bareLoop = bareLoopOverProc();
+    bool sawAll = true;
+    bench::compareWithBareLoop(
+        state,
+        // The last process in the directory is one that differs in its last word, so this result
+        // tells that the search came to the end.
+        [&] { sawAll = search.run() == kOtherWords && sawAll; },
+        [&] { sawAll = bareLoop.run() >= 2 * kProcesses && sawAll; });
+    if (!sawAll) {
+        state.SkipWithError("not every process was seen");
+        return;
     }
-    std::vector<double> scans;
-    std::vector<double> bares;
-    for ([[maybe_unused]] auto iteration : state) {
-        if (!runRound(search, bareLoop, scans.size() % 2 == 0, round)) {
-            state.SkipWithError("not every process was seen");
-            return;
-        }
-        scans.push_back(round.scan);
-        bares.push_back(round.bare);
-        state.SetIterationTime(round.scan);
-    }
-    const double scan = median(scans);
-    const double bare = median(bares);
     state.counters["processes"] = static_cast<double>(processes.count());
-    state.counters["scan_ms"] = scan * 1e3;
-    state.counters["bare_ms"] = bare * 1e3;
-    state.counters[bench::kRatio] = scan / bare;
     state.counters[bench::kLimitRatio] = kMostTimesTheBareLoop;
 }
 BENCHMARK(findDaemonAgainstBareLoop)
@@ -216,22 +134,9 @@ BENCHMARK(findDaemonAgainstBareLoop)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
-/// True in scripts/sandbox, where /proc holds the processes of this program alone.
-bool isInSandbox() {
-    const char* const marked = std::getenv("OVARD_SANDBOX");
-    char pidNamespace[64];
-    const ssize_t length = ::readlink("/proc/self/ns/pid", pidNamespace, sizeof pidNamespace);
-    return marked != nullptr && std::string_view(marked) == "1" && length > 0 &&
-           std::string_view(pidNamespace, static_cast<std::size_t>(length)) != "pid:[4026531836]";
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    if (!isInSandbox()) {
-        std::fprintf(stderr, "find_daemon_bench: run this in scripts/sandbox\n");
-        return EXIT_FAILURE;
-    }
     verbose = g_verbose; // as the monitor has it unless told otherwise
-    return bench::runBenchmarks(argc, argv);
+    return bench::runBenchmarksInSandbox(argc, argv);
 }

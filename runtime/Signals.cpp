@@ -91,9 +91,14 @@ void unblock(int signal) {
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
+/// A SIGTERM that is held came first and keeps its handler: the default action would end the
+/// monitor without a shutdown.
 void restoreDefaultTermination() {
-    for (const int signal : {SIGINT, SIGKILL, SIGTERM}) {
-        (void)platform::setSignalHandler(signal, SIG_DFL); // Refused for SIGKILL, which has it.
+    const bool shutdownIsDue = platform::terminationPending();
+    (void)platform::setSignalHandler(SIGINT, SIG_DFL);
+    (void)platform::setSignalHandler(SIGKILL, SIG_DFL); // Refused: it has no other action.
+    if (!shutdownIsDue) {
+        (void)platform::setSignalHandler(SIGTERM, SIG_DFL);
     }
 }
 
@@ -182,7 +187,7 @@ void mysig_handler(int sig) {
 }
 
 // Calls: for SIGTERM the whole shutdown, which is safe because admitTerminationSignals alone lets
-// it in; for SIGINT, at any time, sigaction.
+// it in; for SIGINT, at any time, sigpending and sigaction.
 void mySIGTERM_handler(int sig) {
     const int savedErrno = errno;
     if (sig == SIGTERM || sig == SIGKILL) {

@@ -126,6 +126,18 @@ TEST_F(Signals, TerminationInTheBackgroundCleansUpOnceWhateverFollows) {
     EXPECT_TRUE(isRunning(application));
 }
 
+TEST_F(Signals, InterruptRightAfterTerminationSparesTheCleanUp) {
+    ASSERT_TRUE(startMonitorInForeground());
+    // Both are there before the monitor can look: the interrupt's handler runs first.
+    for (const int number : {SIGSTOP, SIGTERM, SIGINT, SIGCONT}) {
+        ASSERT_TRUE(monitor_.signal(number));
+    }
+    EXPECT_EQ(monitor_.waitForEnd(kLongestEndMs).text(), "status 0");
+    EXPECT_FALSE(fileExists(kSocketPath));
+    EXPECT_FALSE(fileExists(monitor_.pidFile()));
+    EXPECT_EQ(countEvent(kStopped), 1U);
+}
+
 TEST_F(Signals, OtherSignalsEndItByTheirDefaultAction) {
     std::vector<int> others = {SIGHUP, SIGQUIT, SIGUSR1, SIGALRM};
 #ifndef OVARD_IS_SANITIZED // a sanitizer handles them itself

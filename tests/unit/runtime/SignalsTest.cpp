@@ -12,6 +12,7 @@
 
 #include "appmanager/AppManager.h"
 #include "platform/Settings.h"
+#include "platform/Wait.h"
 #include "runtime/Globals.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/ExitStatus.h"
@@ -66,6 +67,16 @@ TEST_F(SignalsTest, InterruptOnlyRestoresTheDefaultActions) {
     EXPECT_THAT(world().events, IsEmpty());
     EXPECT_EQ(world().consoleText(), "");
     EXPECT_NE(appmgr, nullptr);
+}
+
+TEST_F(SignalsTest, InterruptLeavesTheHandlerOfAHeldTermination) {
+    platform::watchForTermination({});
+    world().terminationIsPending = true;
+    world().forgetRecords();
+    mySIGTERM_handler(SIGINT);
+    EXPECT_THAT(world().calls,
+                ElementsAre(signalCall(SIGINT, "default"), signalCall(SIGKILL, "default")));
+    EXPECT_EQ(g_bDaemonShutdown, 0);
 }
 
 class TerminatingSignalTest : public SignalsTest, public testing::WithParamInterface<int> {};

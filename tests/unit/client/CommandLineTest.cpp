@@ -1,4 +1,4 @@
-#include "client/CommandLine.h"
+#include "client/ovardctl/CommandLine.h"
 
 #include <cstring>
 #include <string>
@@ -8,33 +8,18 @@
 
 #include "platform/Text.h"
 #include "records/codes.h"
+#include "tests/unit/client/CommandLineSupport.h"
 
 namespace {
 
+using namespace client_test;
 using namespace ovardctl;
 using platform::fieldText;
-
-CommandLine parse(std::vector<std::string> words, const char* meterRoot = nullptr) {
-    words.insert(words.begin(), "ovardctl");
-    std::vector<const char*> argv;
-    for (const std::string& word : words) {
-        argv.push_back(word.c_str());
-    }
-    argv.push_back(nullptr);
-    return parseCommandLine(static_cast<int>(words.size()), argv.data(), meterRoot);
-}
 
 /// A start request with further arguments behind the required ones.
 CommandLine parseStart(std::vector<std::string> more, const char* meterRoot = nullptr) {
     more.insert(more.begin(), {"start", "app", "--cmd", "/home/kelvo/root/app"});
     return parse(more, meterRoot);
-}
-
-void expectUsageError(const CommandLine& commandLine, const std::string& part) {
-    EXPECT_EQ(commandLine.verdict, Verdict::UsageError);
-    EXPECT_NE(commandLine.text.find(part), std::string::npos) << commandLine.text;
-    ASSERT_FALSE(commandLine.text.empty());
-    EXPECT_EQ(commandLine.text.back(), '\n');
 }
 
 TEST(CommandLine, StartFillsEveryFieldOfTheRequest) {
@@ -130,7 +115,7 @@ TEST(CommandLine, NeedsExactlyOneSelection) {
 }
 
 TEST(CommandLine, NeedsAKnownCommand) {
-    expectUsageError(parse({}), "start, stop, restart, status, system");
+    expectUsageError(parse({}), "start, stop, restart, status, system, events");
     expectUsageError(parse({"pause"}), "pause");
     expectUsageError(parse({"stop", "app", "--sideways"}), "--sideways");
 }
@@ -283,16 +268,31 @@ TEST(CommandLine, FillsInTheConventionalPidFile) {
 
 TEST(CommandLine, LeavesAnOverlongConventionalPidFileEmptyAndWarns) {
     // "/tmp/pid" and ".pid" take 12 of the 63 characters.
-    const CommandLine longest = parse({"start", "a", "--cmd", "/" + std::string(50, 'p') + " x"});
+    const std::string program = "/home/kelvo/root/" + std::string(34, 'p');
+    const CommandLine longest = parse({"start", "a", "--cmd", program + " x"});
     ASSERT_EQ(longest.verdict, Verdict::Send);
     EXPECT_EQ(fieldText(longest.request.pidfile).size(), 63u);
     EXPECT_TRUE(longest.warnings.empty());
 
-    const CommandLine tooLong = parse({"start", "a", "--cmd", "/" + std::string(51, 'p') + " x"});
+    const CommandLine tooLong = parse({"start", "a", "--cmd", program + "p x"});
     ASSERT_EQ(tooLong.verdict, Verdict::Send);
     EXPECT_EQ(fieldText(tooLong.request.pidfile), "");
     ASSERT_EQ(tooLong.warnings.size(), 1u);
     EXPECT_NE(tooLong.warnings[0].find("--pidfile"), std::string::npos);
+}
+
+TEST(CommandLine, WarnsOfCommandsThatTheMonitorTakesDifferently) {
+    EXPECT_TRUE(parseStart({}).warnings.empty());
+    const CommandLine outside = parse({"start", "a", "--cmd", "/bin/app"});
+    ASSERT_EQ(outside.verdict, Verdict::Send);
+    ASSERT_EQ(outside.warnings.size(), 1u);
+    EXPECT_NE(outside.warnings[0].find("/bin/app lies outside"), std::string::npos);
+
+    std::string words = "/bin/app";
+    for (int count = 1; count < 41; ++count) {
+        words += " x";
+    }
+    EXPECT_EQ(parse({"start", "a", "--cmd", words}).warnings.size(), 2u);
 }
 
 TEST(CommandLine, PidFileAndNoPidFileExcludeEachOther) {
@@ -327,60 +327,24 @@ TEST(CommandLine, RefusesAnOptionGivenTwice) {
     EXPECT_EQ(parseStart({"--priority", "1", "--priority", "2"}).verdict, Verdict::UsageError);
 }
 
-struct ViewCase {
-    const char* command;
-    Verdict verdict;
-};
-
-class CommandLineView : public testing::TestWithParam<ViewCase> {};
-
-TEST_P(CommandLineView, UnderstandsItsOptions) {
-    const char* const command = GetParam().command;
-    const CommandLine bare = parse({command});
-    EXPECT_EQ(bare.verdict, GetParam().verdict) << bare.text;
-    EXPECT_EQ(bare.view.name, "");
-    EXPECT_FALSE(bare.view.json);
-    EXPECT_EQ(bare.view.watchSec, 0);
-    EXPECT_EQ(bare.socketPath, "/tmp/appmon_sock");
-
-    const CommandLine full = parse({command, "--json", "--watch", "5", "--socket", "/s"});
-    EXPECT_EQ(full.verdict, GetParam().verdict) << full.text;
-    EXPECT_TRUE(full.view.json);
-    EXPECT_EQ(full.view.watchSec, 5);
-    EXPECT_EQ(full.socketPath, "/s");
+TEST(CommandLine, ShowsAnExampleOfEachCommand) {
+    for (const char* command :
+         {"start", "stop", "restart", "status", "system", "events", "requests"}) {
+        const CommandLine help = parse({command, "--help"});
+        ASSERT_EQ(help.verdict, Verdict::ShowText);
+        const std::string begin = std::string("\nExample: ovardctl ") + command + ' ';
+        const std::size_t at = help.text.find(begin);
+        ASSERT_NE(at, std::string::npos) << help.text;
+        EXPECT_EQ(help.text.find('\n', at + 1), help.text.size() - 1) << "one line";
+        EXPECT_LE(help.text.size() - at, 81u) << help.text;
+    }
 }
 
-TEST_P(CommandLineView, WatchesEveryTwoSecondsUnlessToldOtherwise) {
-    const char* const command = GetParam().command;
-    EXPECT_EQ(parse({command, "--watch"}).view.watchSec, 2);
-    EXPECT_EQ(parse({command, "--watch", "--json"}).view.watchSec, 2);
-    EXPECT_TRUE(parse({command, "--watch", "--json"}).view.json);
-    EXPECT_EQ(parse({command, "--watch=1"}).view.watchSec, 1);
-    EXPECT_EQ(parse({command, "--watch", "3600"}).view.watchSec, 3600);
-    for (const char* text : {"0", "-1", "3601", "1.5", "x", "true"}) {
-        expectUsageError(parse({command, "--watch", text}), "--watch");
+TEST(CommandLine, ShowsTheExitStatusesInTheHelp) {
+    const std::string help = parse({"--help"}).text;
+    for (const char* part : {"Exit status: 0 ", " 1 ", " 2 ", "\n3 ", " 4 ", " 5 ", "\n130 "}) {
+        EXPECT_NE(help.find(part), std::string::npos) << part;
     }
-    EXPECT_EQ(parse({command, "--json=false"}).verdict, Verdict::UsageError);
-    EXPECT_EQ(parse({command, "--no-wait"}).verdict, Verdict::UsageError);
-}
-
-INSTANTIATE_TEST_SUITE_P(Views, CommandLineView,
-                         testing::Values(ViewCase{"status", Verdict::ShowStatus},
-                                         ViewCase{"system", Verdict::ShowSystem}));
-
-TEST(CommandLine, StatusTakesOneName) {
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{"status", "app"},
-          std::vector<std::string>{"status", "app", "--watch", "3"},
-          std::vector<std::string>{"status", "--watch", "3", "app"}}) {
-        const CommandLine commandLine = parse(words);
-        EXPECT_EQ(commandLine.verdict, Verdict::ShowStatus) << commandLine.text;
-        EXPECT_EQ(commandLine.view.name, "app");
-    }
-    EXPECT_EQ(parse({"status", "stop"}).view.name, "stop");
-    expectUsageError(parse({"status", "app", "other"}), "other");
-    expectUsageError(parse({"status", ""}), "NAME");
-    expectUsageError(parse({"system", "app"}), "app");
 }
 
 TEST(CommandLine, ShowsHelpAndVersion) {
@@ -391,7 +355,7 @@ TEST(CommandLine, ShowsHelpAndVersion) {
     const CommandLine help = parse({"--help"});
     EXPECT_EQ(help.verdict, Verdict::ShowText);
     for (const char* part :
-         {"--socket", "--timeout", "start", "stop", "restart", "status", "system"}) {
+         {"--socket", "--timeout", "start", "stop", "restart", "status", "system", "events"}) {
         EXPECT_NE(help.text.find(part), std::string::npos) << part;
     }
 

@@ -1,11 +1,11 @@
-#include "client/Format.h"
+#include "client/ovardctl/Format.h"
 
 #include <cstdint>
 #include <limits>
 
 #include <gtest/gtest.h>
 
-#include "client/PrintableText.h"
+#include "client/ovardctl/PrintableText.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "client/Outcome.h"
+#include "client/ovardctl/Outcome.h"
 
 #include <cerrno>
 #include <cstring>
@@ -109,6 +109,14 @@ TEST(MakeReport, NamesOtherErrors) {
     EXPECT_EQ(report.output, "");
     EXPECT_NE(report.error.find("/tmp/some_sock"), std::string::npos);
     EXPECT_NE(report.error.find(std::strerror(EACCES)), std::string::npos);
+}
+
+TEST(InterruptedReport, SaysInOneLineThatTheMonitorGoesOn) {
+    const Report report = interruptedReport();
+    EXPECT_EQ(report.exitStatus, 130);
+    EXPECT_EQ(report.output, "");
+    EXPECT_NE(report.error.find("the monitor goes on with the request"), std::string::npos);
+    EXPECT_EQ(report.error.find('\n'), report.error.size() - 1);
 }
 
 } // namespace

@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -31,6 +33,7 @@ struct ToolResult {
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }
@@ -277,6 +280,31 @@ TEST(Ovardctl, WarnsOfAPidFileNameThatDoesNotFit) {
     EXPECT_EQ(platform::fieldText(request.pidfile), "");
 }
 
+TEST(Ovardctl, WarnsOfAProgramThatTheMonitorDoesNotFind) {
+    const AnsweringServer server(makeReply(0, "done\n"));
+    const ToolResult result =
+        runTool({"start", "app", "--cmd", "/bin/\x1b[2Japp", "--socket", server.path()});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output, "done\n");
+    EXPECT_EQ(result.error.rfind("ovardctl: warning: the program /bin/\\x1b[2Japp lies outside", 0),
+              0u)
+        << result.error;
+    EXPECT_EQ(server.requests(), 1);
+}
+
+TEST(Ovardctl, ShowsTheEventLogThatIsNamed) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("log");
+    EXPECT_EQ(runTool({"events", "--file", path}).exitStatus, 1);
+    std::ofstream(path) << "one\ntwo\n";
+    const ToolResult shown = runTool({"events", "-n1", "--file", path});
+    EXPECT_EQ(shown.exitStatus, 0);
+    EXPECT_EQ(shown.output, "two\n");
+    const ToolResult full = runTool({"events", "-f", "--file", path}, {}, "/dev/full");
+    EXPECT_EQ(full.exitStatus, 5);
+    EXPECT_NE(full.error.find("standard output"), std::string::npos);
+}
+
 TEST(Ovardctl, ShowsHelpAndVersion) {
     const ToolResult version = runTool({"--version"});
     EXPECT_EQ(version.exitStatus, 0);
@@ -285,6 +313,20 @@ TEST(Ovardctl, ShowsHelpAndVersion) {
     EXPECT_EQ(help.exitStatus, 0);
     EXPECT_NE(help.output.find("--all-but-security"), std::string::npos);
     EXPECT_EQ(help.error, "");
+}
+
+TEST(Ovardctl, PutsNoRequestFileOnATerminal) {
+    const UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    char terminal[64];
+    ASSERT_EQ(::grantpt(master.get()), 0);
+    ASSERT_EQ(::unlockpt(master.get()), 0);
+    ASSERT_EQ(::ptsname_r(master.get(), terminal, sizeof terminal), 0);
+    const ToolResult refused = runTool({"requests", "compile", "/dev/null"}, {}, terminal);
+    EXPECT_EQ(refused.exitStatus, 2);
+    EXPECT_EQ(refused.error,
+              "ovardctl: a request file is nothing for a terminal; name a file with -o\n");
+    EXPECT_EQ(runTool({"requests", "show", "/dev/null"}, {}, terminal).exitStatus, 5)
+        << "it is no plain file, but text may go there";
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-#include "client/Publication.h"
+#include "client/ovardctl/Publication.h"
 
 #include <cerrno>
 #include <cstring>

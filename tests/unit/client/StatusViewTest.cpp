@@ -1,4 +1,4 @@
-#include "client/StatusView.h"
+#include "client/ovardctl/StatusView.h"
 
 #include <algorithm>
 #include <cstring>

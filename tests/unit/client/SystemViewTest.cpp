@@ -1,4 +1,4 @@
-#include "client/SystemView.h"
+#include "client/ovardctl/SystemView.h"
 
 #include <cstring>
 #include <limits>

@@ -1,4 +1,4 @@
-#include "client/Table.h"
+#include "client/ovardctl/Table.h"
 
 #include <sstream>
 #include <string>

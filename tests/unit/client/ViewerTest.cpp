@@ -1,4 +1,4 @@
-#include "client/Viewer.h"
+#include "client/ovardctl/Viewer.h"
 
 #include <fcntl.h>
 #include <stdlib.h>

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "client/Publication.h"
+#include "client/ovardctl/Publication.h"
 
 namespace client_test {
 

@@ -1,4 +1,5 @@
-// Facts about processes, pid files, and turning a process into a daemon.
+// Facts about processes, pid files, and turning a process into a daemon. What applications call
+// too, get_pid_filename and set_pid_file_version, stands in ovard_application.h.
 
 #ifndef OVARD_PLATFORM_PROCESS_H
 #define OVARD_PLATFORM_PROCESS_H
@@ -7,6 +8,7 @@
 
 #include <cstdint>
 
+#include "platform/ovard_application.h"
 #include "records/appinfo.h"
 
 /// Facts about one process.
@@ -26,21 +28,9 @@ int get_proc_info_by_pid(pid_t pid, statstruct_proc* info);
 /// the buffer holds an empty text.
 int get_proc_cmdline(pid_t pid, char* buffer, int* length);
 
-/// Name of the pid file that process `*pid` has really written: "/tmp/pid" + METER_ROOT (when set)
-/// + its argv[0] + ".pid." + pid, or, where METER_ROOT is set and that is missing, the same without
-/// METER_ROOT. When the file exists and its name fits the `*length` bytes of `buffer`: fills the
-/// buffer, sets `*length` to the length of the name, returns 0. Otherwise a negative value, and
-/// buffer and length stay as they were.
-int get_pid_filename(const int* pid, char* buffer, int* length);
-
 /// 0 when the first line of the file `path` is `record.pid` and its second line equals `version`
 /// (an empty `version` accepts any). Negative otherwise. Changes nothing.
 int read_pid_file_version(const appinfo& record, const char* path, const char* version);
-
-/// Writes PATH.PID with the content "PID\nVERSION\n", truncated first, mode 0644 whatever the
-/// umask, with missing directories (0755) and never through a symbolic link in the last component.
-/// `flags` are open's. Returns 0 or -1; leaves `*pid` as it is.
-int set_pid_file_version(int* pid, const char* path, int flags, const char* version);
 
 /// Pid of another live process (not a zombie) with the executable name of this one, else 0.
 /// `reserved` is 0.

@@ -6,12 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <utility>
 
 #include "platform/Process.h"
-#include "platform/System.h"
-#include "platform/Time.h"
 #include "platform/UniqueFd.h"
+#include "platform/linux/Clock.h"
 
 namespace platform {
 namespace {
@@ -122,7 +122,7 @@ bool isSameStart(std::uint32_t one, std::uint32_t other) {
 }
 
 std::uint32_t beatClock() {
-    return static_cast<std::uint32_t>(monotonicMilliseconds());
+    return static_cast<std::uint32_t>(monotonicNanoseconds() / kNanosecondsPerMillisecond);
 }
 
 const HeartbeatSlot* findSlot(const HeartbeatTable& table, pid_t pid) {
@@ -158,7 +158,8 @@ std::int32_t claimMark(std::int32_t pid) {
 /// True when the process that has or claims a slot is gone, or its pid belongs to another by now.
 bool isAbandoned(const HeartbeatSlot& slot, pid_t holder) {
     const pid_t pid = holder > 0 ? holder : claimMark(holder);
-    if (sendSignal(pid, 0) != 0 && errno != EPERM) {
+    // Zero and below would ask for whole groups of processes.
+    if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) {
         return true;
     }
     return holder > 0 && !isSameStart(slot.startTime.load(), startTimeOf(pid));
@@ -199,7 +200,7 @@ void HeartbeatRegistry::notify() const {
     const UniqueFd segment = openOrCreateSegment(name_);
     settleSegment(segment);
     settleHeader(segment);
-    const pid_t self = currentProcessId();
+    const pid_t self = ::getpid();
     if (refreshSlot(segment, self)) {
         return;
     }
@@ -236,7 +237,7 @@ int HeartbeatRegistry::check(pid_t pid, int expireSeconds) const {
 }
 
 void HeartbeatRegistry::cleanup(pid_t pid) const {
-    const pid_t holder = pid == -1 ? currentProcessId() : pid;
+    const pid_t holder = pid == -1 ? ::getpid() : pid;
     const UniqueFd segment = openSegment(name_, O_RDWR);
     HeartbeatTable copy = {};
     if (holder <= 0 || !copyTable(segment, copy) || !hasHeader(copy) ||

@@ -1,0 +1,45 @@
+// What an application calls so that the monitor can supervise it: heartbeats and its pid file.
+//
+// For C (C99) and C++ programs; link libovard_application (pkg-config: ovard_application). How the
+// calls belong together is told in docs/applications.md.
+//
+// None of these calls waits for anybody, throws, starts a thread, changes signal handling or leaves
+// a descriptor open. Each may be called from any thread, none from a signal handler.
+
+#ifndef OVARD_APPLICATION_H
+#define OVARD_APPLICATION_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Refreshes the calling process's heartbeat; the first call registers the process. Never blocks; a
+/// failure is silent. A child made by fork is another process: it has no heartbeat until it calls
+/// this itself.
+void heartbeat_notify(void);
+
+/// The heartbeat of `pid`: 1 fresh, 2 older than `expireSeconds` seconds, 3 none. What an earlier
+/// process with the same pid left behind counts as none.
+int heartbeat_check(int pid, int expireSeconds);
+
+/// Drops the heartbeat registration of `pid`; -1 means the calling process.
+void heartbeat_cleanup(int pid);
+
+/// Writes PATH.PID with the content "PID\nVERSION\n", truncated first, mode 0644 whatever the
+/// umask, with missing directories (0755) and never through a symbolic link in the last component.
+/// `flags` are open's, O_WRONLY | O_CREAT as a rule; a null `version` is an empty one. Returns 0 or
+/// -1; leaves `*pid` as it is.
+int set_pid_file_version(int* pid, const char* path, int flags, const char* version);
+
+/// Name of the pid file that process `*pid` has really written: "/tmp/pid" + METER_ROOT (when set)
+/// + its argv[0] + ".pid." + pid, or, where METER_ROOT is set and that is missing, the same without
+/// METER_ROOT. When the file exists and its name fits the `*length` bytes of `buffer`: fills the
+/// buffer, sets `*length` to the length of the name, returns 0. Otherwise a negative value, and
+/// buffer and length stay as they were.
+int get_pid_filename(const int* pid, char* buffer, int* length);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif // OVARD_APPLICATION_H

@@ -4,6 +4,7 @@
 #include "platform/Settings.h"
 #include "platform/Time.h"
 #include "platform/Trace.h"
+#include "runtime/Footprint.h"
 #include "runtime/Globals.h"
 #include "runtime/Signals.h"
 
@@ -25,13 +26,16 @@ MainLoop::MainLoop(AppManager& manager, std::int32_t statusIntervalSec)
     , lastCheck_(start_) {}
 
 int MainLoop::run() {
-    for (;;) {
+    for (bool isFirst = true;; isFirst = false) {
         // The only line at which a termination signal is let in. The manager may be gone after it.
         admitTerminationSignals();
         if (g_bDaemonShutdown != 0) {
             return 0;
         }
         turn();
+        if (isFirst) {
+            releaseStartupMemory(); // By now every thread has begun its work.
+        }
     }
 }
 

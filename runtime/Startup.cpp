@@ -20,6 +20,7 @@
 #include "platform/Text.h"
 #include "platform/Thread.h"
 #include "platform/Trace.h"
+#include "runtime/Footprint.h"
 #include "runtime/Globals.h"
 #include "runtime/MainLoop.h"
 #include "runtime/Options.h"
@@ -156,6 +157,7 @@ void startMonitor(const Options& options) {
 
 int runMonitor(int argc, char** argv) {
     completeStandardFiles();
+    shareOneHeap();
     if (anotherInstanceRuns()) {
         return kAnotherInstance;
     }

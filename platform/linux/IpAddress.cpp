@@ -1,6 +1,7 @@
+#include "platform/linux/IpAddress.h"
+
 #include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
+#include <netinet/in.h>
 
 #include <cstring>
 #include <memory>
@@ -24,7 +25,10 @@ bool isLinkLocal(const sockaddr* address) {
            IN6_IS_ADDR_LINKLOCAL(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
 }
 
-/// The address to show, null when the interface has none of that family.
+} // namespace
+
+namespace platform {
+
 const sockaddr* chooseAddress(const ifaddrs* entry, const char* interface, int family) {
     const sockaddr* linkLocal = nullptr;
     for (; entry != nullptr; entry = entry->ifa_next) {
@@ -42,7 +46,7 @@ const sockaddr* chooseAddress(const ifaddrs* entry, const char* interface, int f
     return linkLocal;
 }
 
-} // namespace
+} // namespace platform
 
 int getIpAddress(const char* interface, int family, char* text, int length, int /*reserved1*/,
                  int /*reserved2*/) {
@@ -50,7 +54,7 @@ int getIpAddress(const char* interface, int family, char* text, int length, int 
         return -1;
     }
     const AddressList addresses = readAddresses();
-    const sockaddr* const address = chooseAddress(addresses.get(), interface, family);
+    const sockaddr* const address = platform::chooseAddress(addresses.get(), interface, family);
     if (address == nullptr || ::inet_ntop(family, get_in_addr(address), text,
                                           static_cast<socklen_t>(length)) == nullptr) {
         text[0] = '\0';

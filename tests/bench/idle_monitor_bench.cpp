@@ -50,7 +50,13 @@ struct MemoryLimits {
     double pss;
 };
 constexpr MemoryLimits kShippedLimits = {3800, 2200};
-constexpr MemoryLimits kStaticLimits = {0, 1000};
+
+/// PSS of the monitor linked statically, in the same unit: its own, what supervising takes, and
+/// each application's record.
+constexpr double kStaticPss = 1000;
+constexpr double kStaticPssOfSupervision = 25;
+constexpr double kStaticPssOfApplication = 1.25;
+
 constexpr double kBytesPerKiB = 1024;
 constexpr double kBytesPerKilobyte = 1000;
 
@@ -407,6 +413,13 @@ bool judgeCalls(pid_t monitor, int applications) {
     return judge("system calls that are not accounted for", unaccounted, 0, "");
 }
 
+/// For the monitor linked statically.
+MemoryLimits staticLimits(int applications) {
+    const double supervision =
+        applications > 0 ? kStaticPssOfSupervision + applications * kStaticPssOfApplication : 0;
+    return {0, kStaticPss + supervision};
+}
+
 bool judgeMemory(pid_t monitor, const char* when, const MemoryLimits& limits) {
     const std::map<std::string, bench::MemoryUse> parts = bench::readMemoryUse(monitor);
     const bench::MemoryUse total = bench::totalOf(parts);
@@ -475,5 +488,7 @@ int main(int argc, char** argv) {
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const bool isStatic = std::strcmp(argv[4], "static") == 0;
-    return measure(argv[1], argv[2], std::atoi(argv[3]), isStatic ? kStaticLimits : kShippedLimits);
+    const int applications = std::atoi(argv[3]);
+    return measure(argv[1], argv[2], applications,
+                   isStatic ? staticLimits(applications) : kShippedLimits);
 }

@@ -5,6 +5,7 @@
 
 #include "platform/Console.h"
 #include "platform/Log.h"
+#include "platform/Time.h"
 #include "tests/fakes/FakePlatform.h"
 
 using fakes::Lock;
@@ -100,8 +101,9 @@ int close_zor_log(zor_log* handle) {
     return 0;
 }
 
-int write_system_log(const char* tag, const zortime8b& /*time*/, const char* text) {
+int write_system_log(const char* tag, const zortime8b& time, const char* text) {
     const Lock lock;
+    world().eventTimes.push_back(getTimeStampFromZortime8B(time));
     world().events.push_back(std::string(tag) + ": " + text);
     return 0;
 }

@@ -160,8 +160,9 @@ public:
     std::vector<LogOpening> logOpenings;
     bool logOpened = false; ///< opened more often than closed
     int logCloses = 0;
-    std::vector<std::string> events; ///< "TAG: TEXT"
-    std::vector<std::string> calls;  ///< see the top of the file
+    std::vector<std::string> events;      ///< "TAG: TEXT"
+    std::vector<std::int64_t> eventTimes; ///< of each event, milliseconds since the epoch
+    std::vector<std::string> calls;       ///< see the top of the file
     /// Runs after each recorded call, any thread, with the world's lock held; may throw.
     std::function<void(const std::string& call)> onCall;
 
@@ -197,6 +198,7 @@ public:
     std::function<void(const char* path, const char* version)> onPidFileRead;
     int pidFileRefusal = -1; ///< result of read_pid_file_version for a file that does not confirm
     int setPidFileErrno = 0;
+    int pidReadBack = 0; ///< what set_pid_file_version puts into the int; 0: it stays
     InterprocessWaitable* daemonizedWith = nullptr;
     int oomResult = 0;
 
@@ -304,6 +306,8 @@ public:
 
     /// Forgets what was recorded and written; scripts, clocks and processes stay.
     void forgetRecords();
+    /// The wall clock in milliseconds since the epoch.
+    std::int64_t nowInMs();
     /// Moves all clocks on.
     void advance(std::int64_t milliseconds);
 

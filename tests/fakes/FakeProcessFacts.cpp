@@ -130,6 +130,9 @@ int set_pid_file_version(int* pid, const char* path, int flags, const char* vers
         errno = world().setPidFileErrno;
         return -1;
     }
+    if (world().pidReadBack != 0) {
+        *pid = world().pidReadBack;
+    }
     const std::string name = std::string(path) + "." + std::to_string(*pid);
     world().pidFiles[name] = std::to_string(*pid) + "\n" + text + "\n";
     return 0;

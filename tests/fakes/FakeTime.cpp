@@ -17,8 +17,6 @@ using fakes::world;
 
 namespace {
 
-constexpr std::int64_t kMillisecondsPerSecond = 1000;
-
 /// Least real duration of a sleep while worker threads live.
 constexpr unsigned kWorkerMicros = 100;
 
@@ -74,8 +72,7 @@ void sleepFor(int milliseconds, bool endsEarly) {
 } // namespace
 
 void getZortime8BFromSystem(zortime8b* time) {
-    const Lock lock;
-    getZortime8BFromTimeStamp(time, world().now * kMillisecondsPerSecond + world().nowMs);
+    getZortime8BFromTimeStamp(time, world().nowInMs());
 }
 
 namespace platform {

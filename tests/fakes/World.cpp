@@ -10,6 +10,8 @@
 namespace fakes {
 namespace {
 
+constexpr std::int64_t kMillisecondsPerSecond = 1000;
+
 /// Never destroyed: exit handlers and threads may still call in when static objects are gone.
 World& theWorld() {
     static World& instance = *new World;
@@ -163,19 +165,25 @@ void World::forgetRecords() {
     errors.clear();
     log.clear();
     events.clear();
+    eventTimes.clear();
     calls.clear();
     executions.clear();
     written.clear();
     sent.clear();
 }
 
+std::int64_t World::nowInMs() {
+    const Lock lock;
+    return std::int64_t{now} * kMillisecondsPerSecond + nowMs;
+}
+
 void World::advance(std::int64_t milliseconds) {
     const Lock lock;
     monotonicMs += milliseconds;
     const std::int64_t sinceSecond = nowMs + milliseconds;
-    const std::int64_t seconds = sinceSecond / 1000;
+    const std::int64_t seconds = sinceSecond / kMillisecondsPerSecond;
     now += static_cast<std::time_t>(seconds);
-    nowMs = static_cast<int>(sinceSecond % 1000);
+    nowMs = static_cast<int>(sinceSecond % kMillisecondsPerSecond);
     if (uptimeSec >= 0) {
         uptimeSec += seconds;
     }

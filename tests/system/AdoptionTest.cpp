@@ -1,156 +1,24 @@
-// Monitors that come after another one, whose applications still run.
-
-#include <sys/sysinfo.h>
-#include <unistd.h>
+// Applications that a monitor takes over from an earlier one, and those that it does not.
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <limits>
-#include <random>
+#include <string>
+#include <vector>
 
-#include "tests/system/Publication.h"
+#include "tests/system/AdoptionSupport.h"
 
 namespace systemtest {
 namespace {
 
-constexpr const char* kLastPid = "/proc/sys/kernel/ns_last_pid";
-
-/// Long enough for a pass between a launch and the end of the grace, in which the monitor learns
-/// the new name of the pid file.
-const std::vector<std::string> kShortGrace = {"-s", "3"};
+using Adoption = AdoptionTest;
+using AdoptionOfTwenty = AdoptionTest;
+using AdoptionOfMany = AdoptionTest;
 
 /// How long the first passes of the largest registry may take.
 constexpr int kFirstPassesMs = 60000;
-
-/// Keeps every state as it is after a launch or an adoption.
-const std::vector<std::string> kLongGrace = {"-s", "3600"};
-
-/// When a process was started, in seconds since the epoch, to the second or so.
-std::int64_t startSecOf(pid_t pid) {
-    struct sysinfo machine = {};
-    EXPECT_EQ(::sysinfo(&machine), 0);
-    const auto ticks = static_cast<std::int64_t>(processFacts(pid).startTicks);
-    return std::time(nullptr) - machine.uptime + ticks / ::sysconf(_SC_CLK_TCK);
-}
-
-class Adoption : public PublicationTest {
-protected:
-    /// A start request for an application that writes a pid file by convention, as a monitor can
-    /// find it again.
-    reqcmd makeOrdinary(const std::string& name, const std::string& options = "") {
-        reqcmd request = makeStart(name, options);
-        std::string("1.0").copy(request.version, sizeof request.version);
-        return request;
-    }
-
-    /// Launches an application and waits until it is published as running.
-    pid_t launchAndPublish(const reqcmd& request) {
-        const pid_t pid = launch(request);
-        EXPECT_TRUE(publishes(request.name, pid, "started"));
-        return pid;
-    }
-
-    /// Kills the monitor; what it published last stays.
-    void killMonitor() {
-        ASSERT_TRUE(letACycleGoBy());
-        monitor_.kill();
-        ASSERT_FALSE(monitor_.alive());
-    }
-
-    /// The processes of what is published, with their start times.
-    static std::vector<std::pair<pid_t, std::uint64_t>> published() {
-        std::vector<std::pair<pid_t, std::uint64_t>> processes;
-        for (const PublishedApp& app : publishedApps()) {
-            EXPECT_TRUE(isRunning(app.pid)) << app;
-            processes.emplace_back(app.pid, processFacts(app.pid).startTicks);
-        }
-        return processes;
-    }
-
-    /// Kills the monitor and starts another one, which must publish the same as the one before,
-    /// without having started anything.
-    void replaceMonitor(const std::vector<std::string>& options) {
-        ASSERT_NO_FATAL_FAILURE(killMonitor());
-        const std::vector<PublishedApp> before = publishedApps();
-        const auto processes = published();
-        const LogMark mark;
-        ASSERT_TRUE(startPublisher(options));
-        EXPECT_EQ(publishedApps(), before);
-        EXPECT_EQ(published(), processes);
-        for (const LogText& line : mark.lines(0)) {
-            EXPECT_EQ(line.text.find("start_process:"), std::string::npos) << line;
-            EXPECT_EQ(line.text.find("is stopped"), std::string::npos) << line;
-        }
-    }
-
-    /// The monitor supervises an application that it adopted.
-    void expectSupervised(const reqcmd& request, pid_t pid) {
-        ASSERT_TRUE(reaches(verdict(request.name, pid, "running0 confirmed pidfile, now running")));
-        ASSERT_TRUE(killAndWait(pid));
-        const pid_t next = replacementOf(request, pid);
-        ASSERT_NE(next, 0);
-        expectReplacedAfter(request.name, pid, "start_time=DATE running, is dead");
-        EXPECT_TRUE(publishes(request.name, next, "started"));
-    }
-
-    /// Leaves a segment as a monitor would that had these applications.
-    static void leaveSegment(const std::vector<PublishedApp>& apps) {
-        ASSERT_TRUE(writeFile(kApplicationSegmentPath,
-                              segmentOf(apps, static_cast<std::int32_t>(apps.size()))));
-    }
-
-    /// Starts a program beside the monitor, which goes into the background by itself.
-    pid_t runApplication(const std::string& path) {
-        if (!fileExists(path)) {
-            (void)installSampleAt(path);
-        }
-        EXPECT_EQ(runProgram(path, {}).ending.text(), "status 0") << path;
-        const std::vector<pid_t> found = processesWithCommandLine(path);
-        EXPECT_EQ(found.size(), 1U) << path;
-        return found.empty() ? 0 : found[0];
-    }
-
-    /// What a monitor publishes about such a process.
-    static PublishedApp recordOf(const std::string& name, pid_t pid) {
-        PublishedApp app;
-        app.name = name;
-        app.version = "1.0";
-        app.startMs = startSecOf(pid) * 1000;
-        app.pid = pid;
-        app.status = "started";
-        app.portType = "None";
-        return app;
-    }
-
-    /// Starts a program that stays in the foreground as the process of that id, which is free.
-    static void startAs(pid_t pid, Program& program, const std::string& path) {
-        ASSERT_EQ(processFacts(pid).pid, 0);
-        for (int attempt = 0; attempt < 20 && program.pid() != pid; ++attempt) {
-            if (attempt > 0) {
-                ASSERT_TRUE(killAndReap(program));
-            }
-            ASSERT_TRUE(writeFile(kLastPid, std::to_string(pid - 1)));
-            ASSERT_TRUE(program.start(path, {"--foreground"}));
-        }
-        ASSERT_EQ(program.pid(), pid);
-        ASSERT_TRUE(eventually([&] { return commandLineOf(pid) == path + " --foreground"; }));
-    }
-
-    static bool killAndReap(Program& program) {
-        return sendSignal(program.pid(), SIGKILL) && program.waitForEnd(kPatienceMs).ended;
-    }
-
-    /// Ends one published application and waits until nothing else can be taken for it.
-    static void endAndWait(pid_t pid, std::int64_t startMs) {
-        ASSERT_TRUE(killAndWait(pid));
-        ASSERT_TRUE(eventually([&] { return std::time(nullptr) >= startMs / 1000 + 3; }));
-    }
-};
-
-using AdoptionOfTwenty = Adoption;
-using AdoptionOfMany = Adoption;
 
 // --- those that are taken over -------------------------------------------------------------------
 
@@ -349,107 +217,6 @@ TEST_F(Adoption, OptionsThatSwitchItOff) {
     }
     ASSERT_TRUE(startPublisher(kShortGrace));
     EXPECT_EQ(publishedApp("data_server").pid, pid);
-}
-
-// --- segments of any content ---------------------------------------------------------------------
-
-TEST_F(Adoption, NumberOfApplicationsThatIsNone) {
-    constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
-    const PublishedApp first = recordOf("first", runApplication(programPath("first")));
-    const PublishedApp last = recordOf("last", runApplication(programPath("last")));
-    std::vector<PublishedApp> records(kMostPublished);
-    records.front() = first;
-    records.back() = last;
-    struct Case {
-        std::int32_t count;
-        std::vector<std::string> names;
-    };
-    const Case cases[] = {{-5, {}},
-                          {std::numeric_limits<std::int32_t>::min(), {}},
-                          {0, {}},
-                          {1, {"first"}},
-                          {126, {"first"}},
-                          {127, {"first", "last"}},
-                          {200, {"first", "last"}},
-                          {kMost, {"first", "last"}}};
-    for (const Case& each : cases) {
-        ASSERT_TRUE(writeFile(kApplicationSegmentPath, segmentOf(records, each.count)));
-        ASSERT_TRUE(startPublisher(kLongGrace)) << each.count;
-        EXPECT_EQ(publishedNames(), each.names) << each.count;
-        EXPECT_EQ(publishedCount(), static_cast<std::int32_t>(each.names.size())) << each.count;
-        monitor_.kill();
-    }
-    EXPECT_TRUE(isRunning(first.pid) && isRunning(last.pid));
-}
-
-TEST_F(Adoption, SegmentOfRandomBytes) {
-    const pid_t bystander = runApplication(programPath("bystander"));
-    for (unsigned seed = 1; seed <= 8; ++seed) {
-        std::mt19937 generator(seed);
-        std::string bytes(kApplicationSegmentSize, '\0');
-        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(generator()); });
-        if (seed % 2 == 0) {
-            putNumber<std::int32_t>(bytes, 0, kMostPublished);
-        }
-        ASSERT_TRUE(writeFile(kApplicationSegmentPath, bytes));
-        ASSERT_TRUE(startPublisher(kShortGrace)) << seed;
-        EXPECT_EQ(publishedCount(), 0) << seed;
-        EXPECT_TRUE(isRunning(bystander)) << seed;
-        monitor_.kill();
-    }
-}
-
-TEST_F(Adoption, RecordsThatFitNoProcess) {
-    const pid_t pid = runApplication(programPath("bystander"));
-    const PublishedApp good = recordOf("bystander", pid);
-    std::vector<PublishedApp> records(7, recordOf("nobody", pid));
-    records[0].pid = 0;
-    records[1].pid = -1;
-    records[2].pid = -2;
-    records[3].pid = std::numeric_limits<std::int32_t>::min();
-    records[4].pid = std::numeric_limits<std::int32_t>::max();
-    records[5].startMs = std::numeric_limits<std::int64_t>::max();
-    records.push_back(good);
-    records.back().pid = -1; // deliberately not searched for
-    records.push_back(good);
-    records.back().name = std::string(32, 'n'); // no NUL
-    records.back().version = std::string(32, 'v');
-    records.back().status = std::string(16, 's');
-    records.back().portType = std::string(16, 'p');
-    ASSERT_NO_FATAL_FAILURE(leaveSegment(records));
-    ASSERT_TRUE(startPublisher(kShortGrace));
-    EXPECT_EQ(publishedNames(), std::vector<std::string>{});
-    EXPECT_TRUE(isRunning(pid));
-    monitor_.kill();
-}
-
-TEST_F(Adoption, TextsThatNobodyKnows) {
-    const pid_t pid = runApplication(programPath("strange"));
-    PublishedApp app = recordOf("strange", pid);
-    app.status = "something else";
-    app.portType = "Something";
-    ASSERT_NO_FATAL_FAILURE(leaveSegment({app}));
-    ASSERT_TRUE(startPublisher(kLongGrace));
-    EXPECT_EQ(publishedApp("strange").pid, pid);
-    EXPECT_EQ(publishedApp("strange").portType, "None");
-    const std::string trace = "checkAlive() strange status=0 pid=" + std::to_string(pid) + " at ";
-    EXPECT_GE(countOf(monitor_.console(), trace), 1U);
-}
-
-TEST_F(Adoption, SegmentOfAnotherSize) {
-    const pid_t bystander = runApplication(programPath("bystander"));
-    std::string bytes = segmentOf({recordOf("bystander", bystander)}, 1);
-    for (const std::size_t size : {std::size_t{0}, std::size_t{3}, std::size_t{100}}) {
-        ASSERT_TRUE(writeFile(kApplicationSegmentPath, bytes.substr(0, size)));
-        ASSERT_TRUE(startPublisher(kShortGrace)) << size;
-        EXPECT_EQ(publishedNames(), std::vector<std::string>{}) << size;
-        monitor_.kill();
-    }
-    ASSERT_TRUE(writeFile(kApplicationSegmentPath, bytes + std::string(50000, 'x')));
-    ASSERT_TRUE(startPublisher(kShortGrace));
-    const std::string longer = readFile(kApplicationSegmentPath);
-    EXPECT_EQ(numberAt<std::int32_t>(longer, 0), 1);
-    EXPECT_EQ(recordIn(longer, 1).pid, bystander);
 }
 
 // --- many ----------------------------------------------------------------------------------------

@@ -1,5 +1,8 @@
 // The control tool against the real monitor: exit statuses and what it prints.
 
+#include <csignal>
+#include <cstdio>
+
 #include "tests/system/Applications.h"
 
 namespace systemtest {
@@ -148,6 +151,40 @@ TEST_F(Ovardctl, WithoutWaitingNothingIsPrinted) {
     const ProgramResult stop = control({"stop", "ghost", "--no-wait"});
     EXPECT_EQ(stop.ending.text(), "status 0") << "nobody told it of the failure";
     EXPECT_EQ(stop.output, "");
+}
+
+TEST_F(Ovardctl, ShowsTheEventsOfTheMonitor) {
+    ASSERT_TRUE(startMonitor());
+    EXPECT_EQ(monitor_.terminate().text(), "ended");
+    const ProgramResult all = control({"events"});
+    EXPECT_EQ(all.ending.text(), "status 0") << all.errors;
+    EXPECT_EQ(all.output, readFile(kEventLogPath));
+    EXPECT_EQ(linesOf(all.output).size(), eventLog().size());
+    const ProgramResult last = control({"events", "-n", "1", "--json"});
+    const EventLine stopped = eventLog().back();
+    EXPECT_EQ(stopped.text, "Application Monitor Stopped.");
+    std::string time = stopped.time + 'Z';
+    time.replace(time.find(' '), 1, "T");
+    EXPECT_EQ(last.output,
+              R"({"time":")" + time + R"(","tag":"Ovard","text":")" + stopped.text + "\"}\n");
+}
+
+TEST_F(Ovardctl, FollowsTheEventsOfOneMonitorAfterTheOther) {
+    Program events;
+    ASSERT_TRUE(events.start(controlProgram(), {"events", "-f"}));
+    ASSERT_TRUE(eventually([&] { return events.errors().find("waiting") != std::string::npos; }));
+    std::string expected;
+    const std::string older = std::string(kEventLogPath) + ".1";
+    for (int round = 1; round <= 2; ++round) {
+        ASSERT_TRUE(startMonitor());
+        EXPECT_EQ(monitor_.terminate().text(), "ended");
+        expected += readFile(kEventLogPath);
+        EXPECT_TRUE(eventually([&] { return events.output() == expected; })) << events.output();
+        ASSERT_EQ(std::rename(kEventLogPath, older.c_str()), 0) << "as the monitor does at 1 MiB";
+    }
+    EXPECT_EQ(countOf(expected, "Application Monitor Stopped."), 2U);
+    ASSERT_TRUE(sendSignal(events.pid(), SIGINT));
+    EXPECT_EQ(events.waitForEnd(kPatienceMs).text(), "signal 2");
 }
 
 } // namespace

@@ -1,40 +1,21 @@
-// What the monitor publishes, and what becomes of it when other programs damage the segments.
+// The published segments: what is in them.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <csignal>
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <functional>
-#include <thread>
+#include <string>
+#include <vector>
 
-#include "tests/system/Publication.h"
+#include "tests/system/PublishingSupport.h"
 
 namespace systemtest {
 namespace {
 
-constexpr const char* kSegmentPaths[] = {kSystemSegmentPath, kApplicationSegmentPath};
-constexpr long kTmpfsMagic = 0x01021994;
-
-std::size_t sizeOfSegment(const std::string& path) {
-    return path == kSystemSegmentPath ? kSystemSegmentSize : kApplicationSegmentSize;
-}
-
-/// Hours since boot in the system segment, the figure that differs from cycle to cycle.
-float publishedHours() {
-    return numberAt<float>(systemSegment(), 256 + 16);
-}
-
-float hoursNow() {
-    return std::strtof(readFile("/proc/uptime").c_str(), nullptr) / 3600;
-}
+using Publishing = PublishingTest;
+using PublishingBoot = PublishingTest;
 
 /// The figure in kB behind a key such as "MemTotal:".
 std::int32_t memoryFigure(const std::string& key) {
@@ -45,82 +26,6 @@ std::int32_t memoryFigure(const std::string& key) {
     }
     return -1;
 }
-
-bool writeInto(const std::string& path, std::size_t offset, const std::string& bytes) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    const bool done =
-        fd >= 0 && ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)) ==
-                       static_cast<ssize_t>(bytes.size());
-    (void)::close(fd); // nothing is buffered
-    return done;
-}
-
-class Publishing : public PublicationTest {
-protected:
-    /// A monitor with one running application.
-    void startWithOneApplication() {
-        ASSERT_TRUE(startPublisher());
-        request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
-        pid_ = launchUntilRunning(request_);
-        ASSERT_TRUE(publishes("data_server", pid_, "started"));
-        monitorPid_ = monitor_.pid();
-    }
-
-    /// Both segments are whole, everybody's and up to date, and it is still the same monitor.
-    void expectPublished(const std::string& what) {
-        for (const char* path : kSegmentPaths) {
-            EXPECT_GE(readFile(path).size(), sizeOfSegment(path)) << what << " " << path;
-            EXPECT_EQ(permissions(path), 0666) << what << " " << path;
-        }
-        const std::string system = readFile(kSystemSegmentPath);
-        EXPECT_EQ(textAt(system, 64, 32), "192.0.2.1") << what;
-        EXPECT_NEAR(numberAt<float>(system, 256 + 16), hoursNow(), 5.0 / 3600) << what;
-        EXPECT_EQ(textAt(system, 1504, 36), "Disabled") << what;
-        const std::string applications = readFile(kApplicationSegmentPath);
-        EXPECT_EQ(numberAt<std::int32_t>(applications, 0), 1) << what;
-        EXPECT_EQ(numberAt<std::int32_t>(applications, 4), 127) << what;
-        EXPECT_EQ(recordIn(applications, 1).name, "data_server") << what;
-        EXPECT_EQ(recordIn(applications, 1).pid, pid_) << what;
-        EXPECT_EQ(recordIn(applications, 1).status, "started") << what;
-        expectUnharmed(what);
-    }
-
-    /// It is still the same monitor, and the same application.
-    void expectUnharmed(const std::string& what) {
-        EXPECT_TRUE(monitor_.alive()) << what << " " << monitor_.waitForEnd(0).text();
-        EXPECT_EQ(processesNamed("ovard"), std::vector<pid_t>{monitorPid_}) << what;
-        EXPECT_TRUE(isRunning(pid_)) << what;
-    }
-
-    static void expectServing() {
-        EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "nobody")),
-                  replyOf(-20, "nobody is not found\n"));
-    }
-
-    /// A cycle has just come to its end. The next one is at least the pause of a turn of the main
-    /// loop away, a tenth of a second.
-    static bool reachesTheEndOfACycle() {
-        const float before = publishedHours();
-        return duringPasses([&] { return publishedHours() != before; });
-    }
-
-    /// Does something while the monitor stands still.
-    void whileTheMonitorStands(const std::function<void()>& action) const {
-        ASSERT_TRUE(monitor_.signal(SIGSTOP));
-        ASSERT_TRUE(eventually([this] { return processFacts(monitor_.pid()).state == 'T'; }));
-        action();
-        ASSERT_TRUE(monitor_.signal(SIGCONT));
-    }
-
-    reqcmd request_ = {};
-    pid_t pid_ = 0;
-    pid_t monitorPid_ = 0;
-};
-
-using PublishingDamage = Publishing;
-using PublishingBoot = Publishing;
-
-// --- content -------------------------------------------------------------------------------------
 
 TEST_F(Publishing, EmptyRegistry) {
     ASSERT_TRUE(startPublisher());
@@ -286,222 +191,6 @@ TEST_F(PublishingBoot, HealthWords) {
     ASSERT_LT(hoursNow() * 3600, 80) << "this machine is too slow";
     EXPECT_EQ(numberAt<std::uint32_t>(applicationSegment(), kIecHealthAt), 0x11000U);
     EXPECT_EQ(numberAt<std::uint16_t>(applicationSegment(), 116), 0x4000);
-}
-
-// --- damage --------------------------------------------------------------------------------------
-
-struct Damage {
-    const char* what;
-    const char* command; ///< for the shell, with the path in "$S"
-};
-
-constexpr Damage kDamages[] = {
-    {"removed", "rm $S"},
-    {"emptied", "truncate -s 0 $S"},
-    {"shortened", "truncate -s 100 $S"},
-    {"lengthened", "truncate -s 100000 $S"},
-    {"created anew", "rm $S; umask 077; : >$S"},
-    {"replaced by a short file", "umask 077; echo short >/dev/shm/new; mv /dev/shm/new $S"},
-    {"replaced by a long file",
-     "umask 077; head -c 20000 /dev/urandom >/dev/shm/new; mv /dev/shm/new $S"},
-    {"overwritten", "head -c 100 /dev/urandom >$S"},
-    {"shut off", "chmod 0 $S"},
-};
-
-TEST_F(PublishingDamage, NextCycleRepairsASegment) {
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    for (const char* path : kSegmentPaths) {
-        for (const Damage& damage : kDamages) {
-            const std::string what = std::string(path) + " " + damage.what;
-            ASSERT_TRUE(runShell(std::string("S=") + path + "; " + damage.command)) << what;
-            ASSERT_TRUE(letACycleGoBy()) << what;
-            expectPublished(what);
-        }
-    }
-    expectServing();
-}
-
-TEST_F(PublishingDamage, MonitorGoesOnWhileSomethingElseHasTheName) {
-    constexpr Damage kObstacles[] = {
-        {"directory", "rm $S; mkdir $S"},
-        {"full directory", "rm $S; mkdir $S; : >$S/file"},
-        {"symbolic link", "rm $S; echo precious >/tmp/target; ln -s /tmp/target $S"},
-        {"symbolic link to nothing", "rm $S; rm -f /tmp/target; ln -s /tmp/target $S"},
-        {"pipe", "rm $S; mkfifo $S"},
-    };
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    for (const char* path : kSegmentPaths) {
-        for (const Damage& obstacle : kObstacles) {
-            const std::string what = std::string(path) + " " + obstacle.what;
-            whileTheMonitorStands(
-                [&] { EXPECT_TRUE(runShell(std::string("S=") + path + "; " + obstacle.command)); });
-            const std::string target = readFile("/tmp/target");
-            ASSERT_TRUE(letACycleGoBy()) << what;
-            expectUnharmed(what);
-            EXPECT_EQ(readFile("/tmp/target"), target) << what;
-            if (std::string(path) == kApplicationSegmentPath) {
-                EXPECT_NEAR(publishedHours(), hoursNow(), 5.0 / 3600) << what;
-            } else {
-                EXPECT_EQ(publishedApp("data_server").pid, pid_) << what;
-            }
-            ASSERT_TRUE(runShell(std::string("rm -r ") + path)) << what;
-            ASSERT_TRUE(letACycleGoBy()) << what;
-            expectPublished(what);
-        }
-    }
-    expectServing();
-}
-
-TEST_F(PublishingDamage, SegmentsThatAreShortenedAllTheTime) {
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    std::atomic<bool> enough{false};
-    std::atomic<int> count{0};
-    std::thread other([&] {
-        while (!enough) {
-            for (const char* path : kSegmentPaths) {
-                count += ::truncate(path, count % 2 == 0 ? 0 : 100) == 0 ? 1 : 0;
-            }
-        }
-    });
-    for (int cycle = 0; cycle < 10; ++cycle) {
-        EXPECT_TRUE(letACycleGoBy());
-    }
-    enough = true;
-    other.join();
-    EXPECT_GT(count, 1000);
-    ASSERT_TRUE(letACycleGoBy());
-    expectPublished("afterwards");
-}
-
-TEST_F(PublishingDamage, HealthWordOfAnotherProgramSurvives) {
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    const std::string neighbours = "\x5A\x5A";
-    for (const std::uint32_t value : {0x89ABCDEFU, 0xFFFFFFFFU, 1U, 0U}) {
-        const std::string word(reinterpret_cast<const char*>(&value), sizeof value);
-        const auto survives = [&] {
-            EXPECT_TRUE(reachesTheEndOfACycle());
-            EXPECT_TRUE(writeInto(kApplicationSegmentPath, kIecHealthAt, word + neighbours));
-            EXPECT_TRUE(letACycleGoBy());
-            return numberAt<std::uint32_t>(applicationSegment(), kIecHealthAt) == value;
-        };
-        // A value that comes between the reading and the writing of a cycle is lost, should this
-        // test be that late.
-        EXPECT_TRUE(survives() || survives() || survives()) << value;
-        for (int cycle = 0; cycle < 3; ++cycle) {
-            ASSERT_TRUE(letACycleGoBy());
-            ASSERT_EQ(numberAt<std::uint32_t>(applicationSegment(), kIecHealthAt), value);
-            EXPECT_EQ(numberAt<std::uint16_t>(applicationSegment(), 116), 0) << "the monitor's own";
-        }
-    }
-}
-
-// --- no memory left ------------------------------------------------------------------------------
-
-/// While it lives, /dev/shm has room for little; `fill` takes that too.
-class SmallMemory {
-public:
-    SmallMemory() { EXPECT_TRUE(runShell("mount -o remount,size=256k /dev/shm")); }
-    ~SmallMemory() {
-        release();
-        EXPECT_TRUE(runShell("mount -o remount,size=50% /dev/shm"));
-    }
-    SmallMemory(const SmallMemory&) = delete;
-    SmallMemory& operator=(const SmallMemory&) = delete;
-
-    static bool possible() {
-        struct statfs facts = {};
-        return ::statfs("/dev/shm", &facts) == 0 && facts.f_type == kTmpfsMagic;
-    }
-
-    static void fill() {
-        std::ofstream file(kFiller, std::ios::binary | std::ios::app);
-        const std::string block(1024, 'x');
-        while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
-        }
-        struct statfs facts = {};
-        EXPECT_TRUE(::statfs("/dev/shm", &facts) == 0 && facts.f_bavail == 0);
-    }
-
-    static void release() { (void)std::remove(kFiller); } // it may be gone
-
-private:
-    static constexpr const char* kFiller = "/dev/shm/filler";
-};
-
-TEST_F(PublishingDamage, NoMemoryForTheSegmentsAnyMore) {
-    if (!SmallMemory::possible()) {
-        GTEST_SKIP() << "/dev/shm is no memory of its own here";
-    }
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    SmallMemory memory;
-    memory.fill();
-    ASSERT_TRUE(letACycleGoBy());
-    expectPublished("while there is no more");
-    whileTheMonitorStands([&] {
-        for (const char* path : kSegmentPaths) {
-            EXPECT_EQ(::truncate(path, 0), 0); // the monitor has it open
-            EXPECT_EQ(::unlink(path), 0);
-        }
-        memory.fill();
-    });
-    for (int cycle = 0; cycle < 3; ++cycle) {
-        ASSERT_TRUE(letACycleGoBy());
-        expectUnharmed("without memory");
-    }
-    expectServing();
-    EXPECT_EQ(textAt(systemSegment(), 64, 32), "") << "there was memory";
-    memory.release();
-    ASSERT_TRUE(letACycleGoBy());
-    expectPublished("with memory again");
-}
-
-TEST_F(PublishingDamage, NoMemoryForTheSegmentsAtTheStart) {
-    if (!SmallMemory::possible()) {
-        GTEST_SKIP() << "/dev/shm is no memory of its own here";
-    }
-    SmallMemory memory;
-    memory.fill();
-    ASSERT_TRUE(startPublisher()) << monitor_.waitForEnd(0).text();
-    monitorPid_ = monitor_.pid();
-    request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
-    pid_ = launchUntilRunning(request_);
-    expectUnharmed("without memory");
-    EXPECT_EQ(textAt(systemSegment(), 64, 32), "") << "there was memory";
-    memory.release();
-    ASSERT_TRUE(letACycleGoBy());
-    expectPublished("with memory");
-}
-
-TEST_F(PublishingDamage, NoMemoryForTheHeartbeatsAnyMore) {
-    if (!SmallMemory::possible()) {
-        GTEST_SKIP() << "/dev/shm is no memory of its own here";
-    }
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    SmallMemory memory;
-    whileTheMonitorStands([&] {
-        EXPECT_EQ(::unlink("/dev/shm/meter_heartbeat.shared"), 0);
-        memory.fill();
-    });
-    ASSERT_TRUE(letACycleGoBy()) << monitor_.waitForEnd(0).text();
-    expectPublished("without heartbeats");
-    memory.release();
-    EXPECT_TRUE(duringPasses([] { return !readFile("/dev/shm/meter_heartbeat.shared").empty(); }));
-    expectServing();
-}
-
-TEST_F(PublishingDamage, SomethingElseHasTheNamesAtTheStart) {
-    for (const char* path : kSegmentPaths) {
-        ASSERT_TRUE(makeDirectories(path));
-    }
-    ASSERT_TRUE(startPublisher());
-    monitorPid_ = monitor_.pid();
-    request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
-    pid_ = launchUntilRunning(request_);
-    for (const char* path : kSegmentPaths) {
-        ASSERT_EQ(::rmdir(path), 0);
-    }
-    ASSERT_TRUE(letACycleGoBy());
-    expectPublished("afterwards");
 }
 
 } // namespace

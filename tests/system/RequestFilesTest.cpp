@@ -1,5 +1,5 @@
 // Recording requests with -f and replaying them with -x. The formats of the lines and the reading
-// itself have unit tests; the end in the middle of large files is in ShutdownTest.cpp.
+// itself have unit tests; the end in the middle of large files is in ShutdownAtWorkTest.cpp.
 
 #include <sys/mount.h>
 #include <sys/stat.h>

@@ -1,25 +1,22 @@
-// From the launch to the main loop, and what ends the start-up.
+// From the launch to the main loop.
 
-#include <sched.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <map>
 #include <regex>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "tests/system/Applications.h"
-#include "tests/system/Harness.h"
-#include "tests/system/LogSocket.h"
+#include "tests/system/StartupSupport.h"
 
 namespace systemtest {
 namespace {
 
 using Startup = SystemTest;
-
-const std::vector<std::string> kStartEvents = {"Application Monitor Started.",
-                                               "Application Monitor Initialized."};
 
 std::size_t countValue(const std::map<int, std::string>& descriptors, const std::string& start) {
     std::size_t count = 0;
@@ -27,20 +24,6 @@ std::size_t countValue(const std::map<int, std::string>& descriptors, const std:
         count += target.compare(0, start.size(), start) == 0 ? 1 : 0;
     }
     return count;
-}
-
-/// Pids of running monitors, waited for until there is one.
-pid_t waitForMonitorBeside(pid_t launcher) {
-    pid_t found = 0;
-    (void)eventually([&] { // the caller looks at the result
-        for (const pid_t pid : processesNamed("ovard")) {
-            if (pid != launcher) {
-                found = pid;
-            }
-        }
-        return found != 0;
-    });
-    return found;
 }
 
 /// Numbers of capabilities.
@@ -366,219 +349,6 @@ TEST_F(Startup, StaleSemaphoreOfAKilledMonitorDoesNotHoldTheNextOneUp) {
         ASSERT_TRUE(next.startInBackground());
         ASSERT_TRUE(next.terminate().ended);
     }
-}
-
-// --- a second one --------------------------------------------------------------------------------
-
-void expectRefused(const std::vector<std::string>& arguments, pid_t running) {
-    const ProgramResult second = runProgram(daemonProgram(), arguments);
-    EXPECT_EQ(second.ending.text(), "status 246");
-    EXPECT_EQ(second.output, "process \"ovard\" is running, pid = " + std::to_string(running) +
-                                 ", please close it and then restart process\n");
-    EXPECT_EQ(second.errors, "");
-}
-
-TEST_F(Startup, SecondInstanceIsRefusedWhateverItsOptions) {
-    Daemon daemon;
-    ASSERT_TRUE(daemon.startInBackground());
-    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-             {}, {"-d"}, {"-?"}, {"-t"}, {"-v"}, {"--nonsense"}, {"-x", "/tmp/file"}}) {
-        expectRefused(arguments, daemon.pid());
-    }
-    // The first one has not been disturbed.
-    EXPECT_TRUE(socketListens());
-    EXPECT_TRUE(fileExists(daemon.pidFile()));
-    EXPECT_TRUE(fileExists(kSemaphorePath));
-    EXPECT_EQ(eventTexts(), kStartEvents);
-    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
-}
-
-TEST_F(Startup, SecondInstanceIsRefusedBesideOneInTheForeground) {
-    Daemon daemon;
-    ASSERT_TRUE(daemon.startInForeground());
-    expectRefused({"-?"}, daemon.pid());
-}
-
-TEST_F(Startup, NextInstanceStartsAfterTheFirstEnded) {
-    Daemon first;
-    ASSERT_TRUE(first.startInBackground());
-    ASSERT_TRUE(first.terminate().ended);
-    Daemon second;
-    ASSERT_TRUE(second.startInBackground());
-    EXPECT_NE(first.pid(), second.pid());
-}
-
-TEST_F(Startup, NextInstanceStartsAfterTheFirstWasKilled) {
-    Daemon first;
-    ASSERT_TRUE(first.startInBackground());
-    first.kill();
-    EXPECT_TRUE(fileExists(kSocketPath));
-    EXPECT_FALSE(socketListens());
-    Daemon second;
-    ASSERT_TRUE(second.startInBackground());
-    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
-}
-
-// --- failures ------------------------------------------------------------------------------------
-
-TEST_F(Startup, StaleSocketFileIsReplaced) {
-    ASSERT_TRUE(writeFile(kSocketPath, "no socket at all"));
-    Daemon daemon;
-    ASSERT_TRUE(daemon.startInForeground());
-    struct stat facts = {};
-    ASSERT_EQ(::lstat(kSocketPath, &facts), 0);
-    EXPECT_TRUE(S_ISSOCK(facts.st_mode));
-    EXPECT_EQ(daemon.errors(), "");
-}
-
-/// What a monitor shows and logs when the socket's place is a directory. The last line of each is
-/// from the clean-up at its end; what the start logs before the log is open goes nowhere.
-const std::string kBindFailure = "remove socket path error: Is a directory\n"
-                                 "bind error: Address already in use\n"
-                                 "closeCommunication: remove socket path error: Is a directory\n";
-const std::vector<std::string> kBindFailureLog = {"App monitor started", "bind error, exit",
-                                                  "remove socket path error error"};
-
-void blockSocketPath() {
-    ASSERT_TRUE(writeFile(std::string(kSocketPath) + "/file", "in the way"));
-}
-
-TEST_F(Startup, SocketPathThatCannotBeRemovedEndsTheStart) {
-    ASSERT_NO_FATAL_FAILURE(blockSocketPath());
-    const ProgramResult result = runProgram(daemonProgram(), {"-d"});
-    EXPECT_EQ(result.ending.text(), "status 1");
-    EXPECT_EQ(result.errors, kBindFailure);
-    EXPECT_TRUE(waitForLog(3, kBindFailureLog.back()));
-    EXPECT_EQ(daemonLogTexts(), kBindFailureLog);
-    EXPECT_EQ(daemonLogTexts(3),
-              (std::vector<std::string>{kBindFailureLog[1], kBindFailureLog[2]}));
-    EXPECT_EQ(eventTexts(), (std::vector<std::string>{"Application Monitor Started.",
-                                                      "Application Monitor Stopped."}));
-    EXPECT_NE(result.output.find("\novard ovardAtExit()\n"), std::string::npos) << result.output;
-    EXPECT_FALSE(fileExists("/tmp/pid"));
-    EXPECT_TRUE(fileExists(std::string(kSocketPath) + "/file"));
-}
-
-TEST_F(Startup, LauncherEndsWithTheStatusOfAFailedStart) {
-    ASSERT_NO_FATAL_FAILURE(blockSocketPath());
-    const ProgramResult result = runProgram(daemonProgram(), {});
-    EXPECT_EQ(result.ending.text(), "status 1");
-    EXPECT_EQ(linesOf(result.output).size(), 1U) << result.output;
-    EXPECT_TRUE(waitForLog(3, "bind error, exit"));
-    EXPECT_EQ(countEvent("Application Monitor Initialized."), 0U);
-    EXPECT_TRUE(waitForEvent("Application Monitor Stopped."));
-    EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
-    EXPECT_TRUE(eventually([] { return processesNamed("ovard").empty(); }));
-}
-
-TEST_F(Startup, StartsWithoutASystemLog) {
-    const LogAside aside;
-    Daemon daemon;
-    ASSERT_TRUE(daemon.startInBackground());
-    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
-    EXPECT_EQ(daemonLogTexts(), std::vector<std::string>{});
-    EXPECT_TRUE(daemon.terminate().ended);
-    EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
-}
-
-TEST_F(Startup, StartsWithoutAPlaceForTheEventLog) {
-    // A directory of that name takes the place away; root may write anywhere else.
-    ASSERT_TRUE(makeDirectories(kEventLogPath));
-    Daemon daemon;
-    ASSERT_TRUE(daemon.startInBackground());
-    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
-    EXPECT_TRUE(waitForLog(6, "App monitor started"));
-    EXPECT_TRUE(daemon.terminate().ended);
-    EXPECT_FALSE(fileExists(kSocketPath));
-    EXPECT_FALSE(fileExists(daemon.pidFile()));
-}
-
-TEST_F(Startup, MissingCommandThreadEndsTheStart) {
-    // A stack larger than the address space cannot be had for a thread.
-    const MonitorThroughScript script("ulimit -S -s 1000000000000 || exit 99\n"
-                                      "exec \"$OVARD\" \"$@\"\n");
-    Daemon daemon;
-    ASSERT_TRUE(daemon.spawn({"-d", "-v", "1"}));
-    EXPECT_EQ(daemon.waitForEnd().text(), "status 255");
-    const std::vector<std::string> lines = linesOf(daemon.console());
-    ASSERT_EQ(lines.size(), 4U) << daemon.console();
-    EXPECT_EQ(lines[1].compare(0, 31, "thread creation  failure! errno"), 0) << lines[1];
-    EXPECT_EQ(lines[2], "appmgr->init() failure!");
-    EXPECT_EQ(lines[3], "ovard ovardAtExit()");
-    EXPECT_TRUE(waitForLog(3, " initialization failure, exit"));
-    EXPECT_EQ(daemonLogTexts(3), (std::vector<std::string>{"init(): thread creation failure!",
-                                                           " initialization failure, exit"}));
-    EXPECT_EQ(eventTexts(), (std::vector<std::string>{"Application Monitor Started.",
-                                                      "Application Monitor Stopped."}));
-    EXPECT_FALSE(fileExists(kSocketPath));
-}
-
-TEST_F(Startup, StartsWithoutAPlaceForThePidFile) {
-    ASSERT_TRUE(writeFile("/tmp/pid", "in the way"));
-    Daemon daemon;
-    ASSERT_TRUE(daemon.spawn({"-d"}));
-    ASSERT_TRUE(waitForEvent("Application Monitor Initialized."));
-    ASSERT_TRUE(eventually([&] { return daemon.workersWait(); }));
-    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
-    EXPECT_EQ(daemon.terminate().text(), "status 0");
-}
-
-// --- launcher and monitor apart ------------------------------------------------------------------
-
-TEST_F(Startup, LauncherWaitsAsLongAsTheMonitorIsNotInitialized) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
-    Daemon daemon;
-    ASSERT_TRUE(daemon.spawn({}));
-    ASSERT_TRUE(waitForEvent("Application Monitor Started."));
-    EXPECT_FALSE(daemon.spawned().waitForEnd(500).ended);
-    EXPECT_EQ(countEvent("Application Monitor Initialized."), 0U);
-    EXPECT_FALSE(socketListens());
-    log.release();
-    EXPECT_EQ(daemon.spawned().waitForEnd(kPatienceMs).text(), "status 0");
-    EXPECT_EQ(countEvent("Application Monitor Initialized."), 1U);
-    EXPECT_TRUE(daemon.waitUntilReady());
-}
-
-TEST_F(Startup, SecondInstanceIsRefusedWhileTheFirstIsStarting) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
-    Daemon daemon;
-    ASSERT_TRUE(daemon.spawn({"-d"}));
-    ASSERT_TRUE(waitForEvent("Application Monitor Started."));
-    expectRefused({}, daemon.pid());
-    log.release();
-    EXPECT_TRUE(daemon.waitUntilReady());
-}
-
-TEST_F(Startup, KilledLauncherDoesNotDisturbTheMonitor) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
-    Daemon daemon;
-    ASSERT_TRUE(daemon.spawn({}));
-    ASSERT_TRUE(waitForEvent("Application Monitor Started."));
-    const pid_t monitor = waitForMonitorBeside(daemon.spawned().pid());
-    ASSERT_NE(monitor, 0);
-    ASSERT_TRUE(sendSignal(daemon.spawned().pid(), SIGKILL));
-    ASSERT_EQ(daemon.spawned().waitForEnd(kPatienceMs).text(), "signal 9");
-    log.release();
-    ASSERT_TRUE(eventually([&] { return daemon.followMonitor(); }));
-    EXPECT_EQ(daemon.pid(), monitor);
-    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
-    EXPECT_TRUE(daemon.terminate().ended);
-    EXPECT_EQ(eventTexts(), (std::vector<std::string>{kStartEvents[0], kStartEvents[1],
-                                                      "Application Monitor Stopped."}));
-}
-
-TEST_F(Startup, LauncherReportsTheSignalThatKilledTheMonitor) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
-    Daemon daemon;
-    ASSERT_TRUE(daemon.spawn({}));
-    ASSERT_TRUE(waitForEvent("Application Monitor Started."));
-    const pid_t monitor = waitForMonitorBeside(daemon.spawned().pid());
-    ASSERT_TRUE(sendSignal(monitor, SIGKILL));
-    EXPECT_EQ(daemon.spawned().waitForEnd(kPatienceMs).text(), "status 137");
 }
 
 } // namespace

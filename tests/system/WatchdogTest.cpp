@@ -1,11 +1,13 @@
 // The feeding of the watchdog: while the main loop turns, while it stands, and at the end. The
 // options themselves are in OptionsTest.cpp, the orderly end in ShutdownTest.cpp.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 
 #include "tests/system/Applications.h"
 #include "tests/system/HeldPass.h"
@@ -20,6 +22,19 @@ constexpr int kSlackMs = 900;
 
 bool onlyFed() {
     return watchdogBytes().find_first_not_of('w') == std::string::npos;
+}
+
+/// How a process has opened that file, as in the access mode of open; -1 when it has not.
+int accessModeOf(pid_t pid, const std::string& path) {
+    for (const auto& [number, target] : descriptorsOf(pid)) {
+        const std::string info =
+            readFile("/proc/" + std::to_string(pid) + "/fdinfo/" + std::to_string(number));
+        const std::size_t at = info.find("flags:");
+        if (target == path && at != std::string::npos) {
+            return static_cast<int>(std::strtoul(info.c_str() + at + 6, nullptr, 8)) & O_ACCMODE;
+        }
+    }
+    return -1;
 }
 
 /// Words for a monitor that is to feed every so many seconds, from the first tick on.
@@ -53,6 +68,12 @@ TEST_F(Watchdog, IsFedEveryIntervalWhileTheLoopTurns) {
     EXPECT_LE(feeds.count(), 4U);
     EXPECT_LT(feeds.pauseAfterMs(feeds.feedBeforeLongestPause()), 2000 + kSlackMs);
     EXPECT_TRUE(onlyFed());
+}
+
+TEST_F(Watchdog, IsOpenForReadingAndWriting) {
+    ASSERT_NO_FATAL_FAILURE(startFeeding(1));
+    ASSERT_NO_FATAL_FAILURE(waitForFeeding());
+    EXPECT_EQ(accessModeOf(monitor_.pid(), kWatchdogPath), O_RDWR);
 }
 
 TEST_F(Watchdog, IsFedWhileItServes) {

@@ -209,6 +209,26 @@ TEST_F(CommandThreadTest, EndsAtTheNextWakeUpWithoutLookingAtTheQueue) {
     EXPECT_EQ(Access::commandThread(manager_), 0U);
 }
 
+TEST_F(CommandThreadTest, EndingAfterARequestItDetachesItself) {
+    const faults::FaultyThreads threads;
+    manager_.onExecute = [this](const reqcmd&) { Access::shuttingDown(manager_) = true; };
+    startThread();
+    const pthread_t thread = Access::commandThread(manager_);
+    queue("one");
+    EXPECT_TRUE(wakeUntil([] { return fakes::liveWorkers() == 0; }));
+    EXPECT_THAT(manager_.finished(), ElementsAre("one"));
+    EXPECT_THAT(threads.detached(), ElementsAre(thread));
+}
+
+TEST_F(CommandThreadTest, EndingAtAWakeUpItDetachesItself) {
+    const faults::FaultyThreads threads;
+    startThread();
+    const pthread_t thread = Access::commandThread(manager_);
+    Access::shuttingDown(manager_) = true;
+    EXPECT_TRUE(wakeUntil([] { return fakes::liveWorkers() == 0; }));
+    EXPECT_THAT(threads.detached(), ElementsAre(thread));
+}
+
 TEST_F(CommandThreadTest, CancelledInItsWaitLeavesTheQueueUnlocked) {
     startThread();
     Access::cancelCommandThread(manager_);

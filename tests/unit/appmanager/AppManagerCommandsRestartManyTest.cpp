@@ -1,4 +1,5 @@
 #include <ostream>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -108,6 +109,7 @@ TEST_F(RestartManyTest, ShowsNoSizes) {
 struct RestartFailureCase {
     int action;
     int result;
+    const char* name;
 };
 
 void PrintTo(const RestartFailureCase& tested, std::ostream* out) {
@@ -127,6 +129,17 @@ protected:
         EXPECT_EQ(applist[2].status, APP_STATUS_RUNNING);
         EXPECT_TRUE(world().isAlive(703));
     }
+
+    /// The log's lines: the request, the first entry's restart, then `more`. The failure itself is
+    /// not among them.
+    static void expectLog(const Lines& more) {
+        Lines lines = {
+            {kLevelDebug, std::string("processCmd() request.action=APPMONCTL_") + GetParam().name},
+            {kLevelInfo, "one[pid=701] is stopped"},
+            {kLevelInfo, "start_process: name=one  status=1 start_process_fork2=801"}};
+        lines.insert(lines.end(), more.begin(), more.end());
+        EXPECT_EQ(logLines(), lines);
+    }
 };
 
 TEST_P(RestartManyFailureTest, FailedStopEndsTheWalkWithoutAReply) {
@@ -135,7 +148,7 @@ TEST_P(RestartManyFailureTest, FailedStopEndsTheWalkWithoutAReply) {
     addRunning(onPort(makeApp("three", 703)));
     scriptLaunch(801);
     expectFailure();
-    EXPECT_THAT(world().logTexts(kLevelError), IsEmpty());
+    expectLog({});
 }
 
 TEST_P(RestartManyFailureTest, FailedStartEndsTheWalkWithoutAReply) {
@@ -144,7 +157,8 @@ TEST_P(RestartManyFailureTest, FailedStartEndsTheWalkWithoutAReply) {
     addRunning(onPort(makeApp("three", 703)));
     scriptLaunch(801);
     expectFailure();
-    EXPECT_THAT(world().logTexts(kLevelError), ElementsAre("two has no command line failure"));
+    expectLog({{kLevelInfo, "two[pid=702] is stopped"},
+               {kLevelError, "two has no command line failure"}});
 }
 
 TEST_P(RestartManyFailureTest, FailedEntryTakesStatusAndFlagOfTheWorkRecordToo) {
@@ -182,9 +196,18 @@ TEST_P(RestartManyFailureTest, RegistryIsHeldThroughoutARestart) {
     EXPECT_FALSE(registryIsHeld());
 }
 
+TEST_P(RestartManyFailureTest, RegistryIsWaitedForBeforeItIsTakenToBeEmpty) {
+    scriptLaunch(801);
+    EXPECT_EQ(processWhileRegistering(GetParam().action, onPort(makeApp("late", 701))), 0);
+    EXPECT_THAT(signalled(), ElementsAre("701"));
+    ASSERT_THAT(registeredNames(), ElementsAre("late"));
+    EXPECT_EQ(applist[0].pid, 801);
+}
+
 INSTANTIATE_TEST_SUITE_P(Actions, RestartManyFailureTest,
-                         testing::Values(RestartFailureCase{6, -1}, RestartFailureCase{7, -1},
-                                         RestartFailureCase{8, -5}));
+                         testing::Values(RestartFailureCase{6, -1, "Restart_All"},
+                                         RestartFailureCase{7, -1, "Restart_All_But"},
+                                         RestartFailureCase{8, -5, "Restart_PortApps"}));
 
 } // namespace
 } // namespace commands

@@ -205,6 +205,12 @@ TEST_P(StopManyLockTest, RegistryIsHeldThroughoutAStop) {
     EXPECT_EQ(looks_, 4);
 }
 
+TEST_P(StopManyLockTest, RegistryIsWaitedForBeforeItIsTakenToBeEmpty) {
+    EXPECT_EQ(processWhileRegistering(GetParam(), onPort(makeApp("late", 701))), 0);
+    EXPECT_THAT(signalled(), ElementsAre("701"));
+    EXPECT_THAT(applist, IsEmpty());
+}
+
 INSTANTIATE_TEST_SUITE_P(Actions, StopManyLockTest, testing::Values(2, 3, 4));
 
 } // namespace

@@ -361,6 +361,21 @@ TEST_F(RebootTest, StopThatFailedIsNoReasonForAReboot) {
     EXPECT_EQ(entry(2).pid, 611);
 }
 
+// The console's line comes right before the event.
+TEST_F(RebootTest, EventsCarryTheTimesOfTheirWriting) {
+    addUnstartable(); // so that the restart of all ends in a reboot
+    requestRestartOfAll();
+    std::vector<std::int64_t> times;
+    world().onConsole = [&times](const std::string&) {
+        world().advance(61234);
+        times.push_back(world().nowInMs());
+    };
+    manager_.checkStatus(false);
+    world().onConsole = nullptr;
+    EXPECT_THAT(world().events, ElementsAre("Ovard: restart all", "Ovard: reboot system"));
+    EXPECT_THAT(world().eventTimes, testing::ElementsAreArray(times));
+}
+
 // --- who asks for it -----------------------------------------------------------------------------
 
 TEST_F(RebootTest, RequestOfACommandIsActedOnAtTheNextPass) {

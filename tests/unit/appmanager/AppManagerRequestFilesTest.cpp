@@ -5,78 +5,23 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstdio>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "appmanager/AppManager.h"
-#include "appmanager/RequestFiles.h"
-#include "platform/Settings.h"
 #include "platform/UniqueFd.h"
-#include "tests/fakes/FakePlatform.h"
-#include "tests/unit/appmanager/AppManagerTestAccess.h"
-#include "tests/unit/appmanager/RequestSupport.h"
+#include "tests/unit/appmanager/RequestFileFixture.h"
 
+namespace requestfiles {
 namespace {
 
-using fakes::world;
-using requests::makeRequest;
-using testing::ElementsAre;
 using testing::EndsWith;
-using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
-using Access = AppManagerTestAccess;
-
-constexpr const char* kMissing = "/nonexistent/folder/requests";
-
-/// A folder of the test's own, with one request file in it.
-class RequestFileTest : public testing::Test {
-protected:
-    RequestFileTest() {
-        char folder[] = "/tmp/ovard_request_files.XXXXXX";
-        folder_ = ::mkdtemp(folder);
-        path_ = folder_ + "/requests";
-        world().textFiles["/proc/stat"] = ""; // else the manager's making would be traced
-    }
-
-    ~RequestFileTest() override {
-        std::remove(path_.c_str());
-        ::rmdir(folder_.c_str());
-    }
-
-    int append(const reqcmd& request) {
-        return manager().appendAppConfigurationFile(path_.c_str(), 0, request);
-    }
-
-    void writeFile(const std::string& content) {
-        std::ofstream(path_, std::ios::binary) << content;
-    }
-
-    std::string fileContent() const {
-        std::ifstream file(path_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    }
-
-    static std::string imageOf(const reqcmd& request) {
-        return {reinterpret_cast<const char*>(&request), sizeof request};
-    }
-
-    static AppManager& manager() { return *AppManager::Instance(verbose); }
-
-    std::string folder_;
-    std::string path_;
-    std::deque<reqcmd> queue_;
-};
 
 /// The lines of a trace, each split into its leading number and the rest.
 struct NumberedLine {
@@ -90,7 +35,8 @@ std::vector<NumberedLine> numberedLines(const std::string& text) {
     while (begin < text.size()) {
         const std::size_t end = text.find('\n', begin);
         const std::string line = text.substr(begin, end - begin);
-        lines.push_back({std::atoi(line.c_str()), line.substr(line.find(')'))});
+        lines.push_back({static_cast<int>(std::strtol(line.c_str(), nullptr, 10)),
+                         line.substr(line.find(')'))});
         begin = end == std::string::npos ? text.size() : end + 1;
     }
     return lines;
@@ -170,13 +116,17 @@ TEST_F(AppendTest, ReadsANameWithoutNulWithinItsBounds) {
     EXPECT_THAT(world().consoleText(), EndsWith("{action=-1," + std::string(64, 'n') + "}\n"));
 }
 
-TEST_F(AppendTest, ReportsAFailedWriteAboveVerbosityZero) {
-    verbose = 1;
+class FailedWriteTest : public AppendTest, public testing::WithParamInterface<int> {};
+
+TEST_P(FailedWriteTest, IsReportedAtEveryVerbosityButZero) {
+    verbose = GetParam();
     EXPECT_EQ(manager().appendAppConfigurationFile("/dev/full", 0, makeRequest(4, "app")), 0);
     const std::vector<NumberedLine> lines = numberedLines(world().consoleText());
     ASSERT_THAT(lines, SizeIs(1));
     EXPECT_EQ(lines[0].rest, ") Error 28 writing to /dev/full, REQUEST_CMD={action=4,app}");
 }
+
+INSTANTIATE_TEST_SUITE_P(Verbosities, FailedWriteTest, testing::Values(-1, 1));
 
 TEST_F(AppendTest, FailsSilentlyAtVerbosityZero) {
     verbose = 0;
@@ -412,132 +362,5 @@ TEST_F(AppendTest, FullFifoDoesNotHoldItUp) {
     EXPECT_EQ(lines[0].rest, ") Error 11 writing to " + path_ + ", REQUEST_CMD={action=1,app}");
 }
 
-// --- replay at start-up --------------------------------------------------------------------------
-
-class ReplayTest : public RequestFileTest {
-protected:
-    void replay() {
-        (void)manager(); // before the thread, as at start-up
-        pszExecuteAppConfigurationFile = path_.c_str();
-        EXPECT_EQ(startupAppConfigurationProcess(nullptr), nullptr);
-    }
-
-    void writeRequests(const std::vector<std::string>& names) {
-        std::string content;
-        for (const std::string& name : names) {
-            content += imageOf(makeRequest(APPMONCTL_Stop, name));
-        }
-        writeFile(content);
-    }
-
-    static std::vector<std::string> handedOver() {
-        std::vector<std::string> names;
-        for (const reqcmd& request : Access::queue(manager())) {
-            names.emplace_back(platform::fieldText(request.name));
-        }
-        return names;
-    }
-
-    /// Sets the shutdown flag during the given sleep, counted from 1.
-    static void shutDownDuringSleep(int which) {
-        world().onSleep = [which](int) {
-            if (world().count("sleep") == static_cast<std::size_t>(which)) {
-                g_bDaemonShutdown = -1;
-            }
-        };
-    }
-};
-
-TEST_F(ReplayTest, WithoutAConfiguredFileEndsAfterTwoSeconds) {
-    (void)manager();
-    EXPECT_EQ(startupAppConfigurationProcess(nullptr), nullptr);
-    EXPECT_THAT(world().callsOf("sleep"), ElementsAre("sleep 1000", "sleep 1000"));
-    EXPECT_THAT(handedOver(), IsEmpty());
-    EXPECT_EQ(world().consoleText(), "");
-}
-
-TEST_F(ReplayTest, MissingFileIsReportedAndEndsAfterTwoSeconds) {
-    replay();
-    EXPECT_THAT(world().callsOf("sleep"), ElementsAre("sleep 1000", "sleep 1000"));
-    EXPECT_EQ(world().consoleText(), "Error 2 opening " + path_ + " for reading\n");
-    EXPECT_THAT(handedOver(), IsEmpty());
-}
-
-TEST_F(ReplayTest, HandsTheRequestsOverInOrderOneEveryTwoSeconds) {
-    writeRequests({"one", "two", "three"});
-    std::vector<std::size_t> counts;
-    world().onSleep = [&](int) { counts.push_back(Access::queue(manager()).size()); };
-    replay();
-    EXPECT_THAT(handedOver(), ElementsAre("one", "two", "three"));
-    EXPECT_THAT(counts, ElementsAre(0U, 0U, 1U, 1U, 2U, 2U, 3U, 3U));
-    EXPECT_THAT(world().callsOf("sleep"), testing::Each("sleep 1000"));
-    EXPECT_THAT(file_request_list, IsEmpty());
-}
-
-TEST_F(ReplayTest, HandsOverARequestWithoutNulAsItIs) {
-    writeFile(std::string(sizeof(reqcmd), '\xEE'));
-    replay();
-    ASSERT_THAT(Access::queue(manager()), SizeIs(1));
-    EXPECT_EQ(imageOf(Access::queue(manager())[0]), std::string(sizeof(reqcmd), '\xEE'));
-}
-
-TEST_F(ReplayTest, ShowsEachRequestWithTheTimeOfTheEpochAboveVerbositySix) {
-    writeRequests({"one", "two"});
-    g_verbose = 7;
-    replay();
-    const std::string console = world().consoleText();
-    EXPECT_THAT(console, StartsWith("Thu Jan  1 00:00:00 1970 1) file_request_list Command:\n"
-                                    "Request Command:\n\tname = one\n"));
-    EXPECT_THAT(console,
-                testing::HasSubstr("Thu Jan  1 00:00:00 1970 2) file_request_list Command:\n"
-                                   "Request Command:\n\tname = two\n"));
-}
-
-TEST_F(ReplayTest, IsSilentAtVerbositySix) {
-    writeRequests({"one"});
-    g_verbose = 6;
-    replay();
-    EXPECT_EQ(world().consoleText(), "");
-}
-
-TEST_F(ReplayTest, ShutdownInTheFirstSecondSkipsTheSecondAndHandsOneMoreOver) {
-    writeRequests({"one", "two"});
-    shutDownDuringSleep(1);
-    replay();
-    EXPECT_EQ(world().count("sleep"), 1U);
-    EXPECT_THAT(handedOver(), ElementsAre("one"));
-}
-
-TEST_F(ReplayTest, ShutdownInTheFirstSecondAfterARequestHandsOneMoreOver) {
-    writeRequests({"one", "two", "three"});
-    shutDownDuringSleep(3);
-    replay();
-    EXPECT_EQ(world().count("sleep"), 3U);
-    EXPECT_THAT(handedOver(), ElementsAre("one", "two"));
-}
-
-TEST_F(ReplayTest, ShutdownInTheSecondSecondAfterARequestHandsOneMoreOver) {
-    writeRequests({"one", "two", "three"});
-    shutDownDuringSleep(4);
-    replay();
-    EXPECT_EQ(world().count("sleep"), 4U);
-    EXPECT_THAT(handedOver(), ElementsAre("one", "two"));
-}
-
-TEST_F(ReplayTest, ShutdownBeforeTheReplayHandsOneRequestOverWithoutASleep) {
-    writeRequests({"one", "two"});
-    g_bDaemonShutdown = -1;
-    replay();
-    EXPECT_EQ(world().count("sleep"), 0U);
-    EXPECT_THAT(handedOver(), ElementsAre("one"));
-}
-
-TEST_F(ReplayTest, RecordsNothingIntoTheAppendFile) {
-    const std::string appended = folder_ + "/appended";
-    pszAppendToAppConfigurationFile = appended.c_str();
-    writeRequests({"one"});
-    replay();
-    EXPECT_NE(::access(appended.c_str(), F_OK), 0);
-}
-
 } // namespace
+} // namespace requestfiles

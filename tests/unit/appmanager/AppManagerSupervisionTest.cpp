@@ -415,18 +415,5 @@ TEST_F(SupervisionTest, PidFileThatTheProcessHasNotWrittenIsNotRead) {
     EXPECT_THAT(readsOf(manager_), IsEmpty());
 }
 
-// --- publishing ----------------------------------------------------------------------------------
-
-TEST_F(SupervisionTest, UpdateStatusGivesTheResultOfUnlocking) {
-    addRunning();
-    EXPECT_EQ(manager_.updateStatus(), 0);
-    EXPECT_FALSE(registryIsHeld());
-    pthread_mutex_lock(&Access::appLock(manager_)); // the lock is recursive
-    EXPECT_EQ(manager_.updateStatus(), 0);
-    EXPECT_TRUE(registryIsHeld());
-    EXPECT_EQ(pthread_mutex_unlock(&Access::appLock(manager_)), 0);
-    EXPECT_FALSE(registryIsHeld());
-}
-
 } // namespace
 } // namespace supervision

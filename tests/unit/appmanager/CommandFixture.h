@@ -4,11 +4,14 @@
 #ifndef OVARD_TESTS_UNIT_APPMANAGER_COMMAND_FIXTURE_H
 #define OVARD_TESTS_UNIT_APPMANAGER_COMMAND_FIXTURE_H
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -18,6 +21,7 @@
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/LogLevels.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
+#include "tests/unit/appmanager/IntakeSupport.h"
 #include "tests/unit/appmanager/RequestSupport.h"
 
 namespace commands {
@@ -55,6 +59,9 @@ inline constexpr const char* kNextSecondText = "2023-11-14 22:13:21";
 inline constexpr std::uint64_t kDaemonTicks = 12300;
 inline constexpr std::int32_t kDaemonStart = kNow - 10000 + 123;
 
+/// No result of an action.
+inline constexpr int kNoResult = -1000;
+
 /// A monotonic millisecond short of the next second, so that any sleep reaches it.
 inline constexpr int kLastMillisecond = 999;
 
@@ -87,6 +94,20 @@ protected:
     /// Executes a request whose sender does not wait.
     int processUnanswered(int action, std::string_view name = {}, std::string_view cmd = {}) {
         return manager_.processCmd(unanswered(makeRequest(action, name, cmd)));
+    }
+
+    /// Executes, on a thread of its own, a request that comes while the registry is held; then
+    /// registers `app`, running, and releases the registry.
+    int processWhileRegistering(int action, const appinfo& app) {
+        int result = kNoResult;
+        pthread_mutex_lock(&Access::appLock(manager_));
+        std::thread commander([&] { result = process(action); });
+        EXPECT_TRUE(fakes::waitUntil([] { return !world().logTexts(kLevelDebug).empty(); }));
+        EXPECT_TRUE(intake::keeps([] { return replies().empty(); }));
+        addRunning(app);
+        pthread_mutex_unlock(&Access::appLock(manager_));
+        commander.join();
+        return result;
     }
 
     /// The next launch makes the process `pid`, which is gone before anybody looks.

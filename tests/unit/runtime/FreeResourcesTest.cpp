@@ -153,6 +153,21 @@ TEST_F(FreeResourcesTest, ExceptionWhileStoppingTheThreadIsReportedAndTheRestGoe
     EXPECT_EQ(world().writtenTo(kDevice), "wV");
 }
 
+/// A manager that cannot be destroyed quietly.
+class BrokenManager : public AppManager {
+public:
+    ~BrokenManager() noexcept(false) override { throw std::runtime_error("broken"); }
+};
+
+TEST_F(FreeResourcesTest, ExceptionWhileDeletingIsReportedAndTheRestGoesOn) {
+    appmgr = new BrokenManager;
+    wdog_fd = kDevice;
+    free_resources(true);
+    EXPECT_EQ(world().consoleText(), "exception deleting appmgr...\n");
+    EXPECT_EQ(appmgr, nullptr);
+    EXPECT_EQ(world().writtenTo(kDevice), "wV");
+}
+
 // --- timer and SIGCONT ---------------------------------------------------------------------------
 
 TEST_F(FreeResourcesTest, WithoutTheOptionTheTimerIsLeftAlone) {

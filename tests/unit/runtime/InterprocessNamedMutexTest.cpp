@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <fstream>
 #include <memory>
@@ -180,6 +181,17 @@ TEST_F(InterprocessNamedMutexTest, UnlockWithoutHandleFailsSilentlyWithEinval) {
     errno = 0;
     EXPECT_FALSE(mutex.Unlock());
     EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(world().consoleText(), "");
+}
+
+// So many posts would take hours: the semaphore is made anew, full, where the mutex has it.
+TEST_F(InterprocessNamedMutexTest, UnlockThatCannotPostFailsSilently) {
+    CInterprocessNamedMutex mutex(name_.c_str());
+    ASSERT_EQ(value(), 1);
+    ASSERT_EQ(::sem_init(count_, 1, SEM_VALUE_MAX), 0);
+    EXPECT_FALSE(mutex.Unlock());
+    EXPECT_EQ(errno, EOVERFLOW);
+    EXPECT_EQ(value(), SEM_VALUE_MAX);
     EXPECT_EQ(world().consoleText(), "");
 }
 

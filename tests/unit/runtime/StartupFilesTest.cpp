@@ -50,6 +50,14 @@ TEST_F(StartupFilesTest, EmptyMeterRootAddsNothing) {
     EXPECT_EQ(pidfile, "/tmp/pid/home/kelvo/root/ovard.pid.4321");
 }
 
+TEST_F(StartupFilesTest, PidFileNameEndsInTheNumberThatIsReadBack) {
+    world().pidReadBack = 815;
+    run({"-d"});
+    EXPECT_EQ(pidfile, "/tmp/pid/home/kelvo/root/ovard.pid.815");
+    EXPECT_THAT(world().callsOf("pidfile"),
+                ElementsAre("pidfile 4321 /tmp/pid/home/kelvo/root/ovard.pid 65 " + slotValue(7)));
+}
+
 TEST_F(StartupFilesTest, PidFileThatCannotBeWrittenStopsNothing) {
     world().setPidFileErrno = EROFS;
     EXPECT_EQ(run({"-d"}), 0);

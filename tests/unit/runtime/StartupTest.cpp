@@ -328,6 +328,30 @@ TEST_F(StartupTest, LoopTakesTheStatusInterval) {
     EXPECT_THAT(world().callsOf("sleep"), Contains("sleep 10"));
 }
 
+class LoopStartTest : public StartupTest {
+protected:
+    /// Runs the monitor whose start-up lasts, up to its very end, `seconds`; its first turn's wait
+    /// lasts `waitSec`.
+    void runSlowStart(int seconds, int waitSec) {
+        at("pidfile 4321 /tmp/pid/home/kelvo/root/ovard.pid 65 " + slotValue(7),
+           [seconds] { world().now += seconds; });
+        atLoop_ = [waitSec] { world().now += waitSec; };
+        run({"-d", "-v", "8"});
+        EXPECT_TRUE(looked_);
+    }
+};
+
+TEST_F(LoopStartTest, IntervalBeginsWithTheLoop) {
+    runSlowStart(60, 4);
+    EXPECT_THAT(world().consoleText(), Not(HasSubstr("checkStatus(")));
+}
+
+TEST_F(LoopStartTest, GraceOfPreloadedEntriesBeginsWithTheLoop) {
+    runSlowStart(60, 29);
+    EXPECT_THAT(world().consoleText(),
+                HasSubstr(" checkStatus(bErasePreloadApplistEntries=0) for heartbeats\n"));
+}
+
 TEST_F(StartupTest, LoopHasAnIntervalOfFiveSecondsByDefault) {
     atLoop_ = [] { world().now += 4; };
     run({"-d"});

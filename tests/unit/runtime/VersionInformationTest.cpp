@@ -78,8 +78,8 @@ TEST(VersionInformationTest, FileDateIsMonthDayYearTimeAndKind) {
                              "[0-2][0-9]:[0-5][0-9]:[0-6][0-9] \\([A-Za-z]+\\)\n"));
 }
 
-TEST(VersionInformationTest, FileVersionIsFourFields) {
-    EXPECT_THAT(slotText(7), MatchesRegex("VER_FileVersion=[0-9]{4}\\.[0-9]{4}\\."
+TEST(VersionInformationTest, FileVersionIsMajorMinorAndTwoBuildFields) {
+    EXPECT_THAT(slotText(7), MatchesRegex("VER_FileVersion=0005\\.0001\\."
                                           "[0-9]{2}(0[1-9]|1[0-2])(0[1-9]|[12][0-9]|3[01])\\."
                                           "[0-9]{6}\n"));
 }

@@ -18,6 +18,7 @@ struct Script {
     Failures cancels;
     std::vector<pthread_t> cancelled;
     std::vector<pthread_t> joined;
+    std::vector<pthread_t> detached;
 };
 
 /// Never destroyed: threads may still call in when static objects are gone.
@@ -77,6 +78,12 @@ void beginJoin(pthread_t thread) {
     note(script().joined, thread);
 }
 
+void beginDetach(pthread_t thread) {
+    const fakes::Lock lock;
+    record("detachThread");
+    note(script().detached, thread);
+}
+
 } // namespace
 
 namespace faults {
@@ -114,6 +121,11 @@ std::vector<pthread_t> FaultyThreads::joined() const {
     return script().joined;
 }
 
+std::vector<pthread_t> FaultyThreads::detached() const {
+    const fakes::Lock lock;
+    return script().detached;
+}
+
 } // namespace faults
 
 // The names that the linker gives to a call and to its replacement. A cancelled thread unwinds
@@ -124,6 +136,7 @@ int __real_pthread_cond_signal(pthread_cond_t* condition);
 int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
 int __real_pthread_cancel(pthread_t thread);
 int __real_pthread_join(pthread_t thread, void** result);
+int __real_pthread_detach(pthread_t thread);
 
 int __wrap_pthread_cond_signal(pthread_cond_t* condition) {
     const int error = beginSignal();
@@ -144,6 +157,11 @@ int __wrap_pthread_cancel(pthread_t thread) {
 int __wrap_pthread_join(pthread_t thread, void** result) {
     beginJoin(thread);
     return __real_pthread_join(thread, result);
+}
+
+int __wrap_pthread_detach(pthread_t thread) {
+    beginDetach(thread);
+    return __real_pthread_detach(thread);
 }
 
 } // extern "C"

@@ -14,7 +14,7 @@ namespace faults {
 
 /// Scripts the calls of all threads while it lives; at its end every one works again. One at a
 /// time. While it lives, these are among the world's recorded calls:
-///   condSignal | condWait | cancelThread | joinThread
+///   condSignal | condWait | cancelThread | joinThread | detachThread
 class FaultyThreads {
 public:
     FaultyThreads();
@@ -32,9 +32,10 @@ public:
     /// same, so that a join that follows comes to its end.
     void failCancels(int times, int error);
 
-    /// The threads handed to pthread_cancel and to pthread_join, in order.
+    /// The threads handed to pthread_cancel, pthread_join and pthread_detach, in order.
     std::vector<pthread_t> cancelled() const;
     std::vector<pthread_t> joined() const;
+    std::vector<pthread_t> detached() const;
 };
 
 } // namespace faults

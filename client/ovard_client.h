@@ -1,7 +1,7 @@
 // The application monitor for other programs: control requests to it, and what it publishes.
 //
 // For C (C99) and C++ programs; link libovard_client (pkg-config: ovard_client). A whole program is
-// examples/client_example.c.
+// examples/client_example.c, installed with the documentation of libovard-dev.
 //
 // - No call keeps anything between calls, starts a thread, changes signal handling, raises SIGPIPE,
 //   throws, or leaves a descriptor open. Descriptors in use are closed on exec.
@@ -55,12 +55,14 @@ const char* ovard_result_text(ovard_result result) OVARD_NOEXCEPT;
 
 /// What a request asks for.
 typedef enum ovard_action {
-    OVARD_START = 0, ///< stop those of that name, then start it anew
+    OVARD_START = 0, ///< stop those of that name, then start it anew; the reply comes before it is
+                     ///< known whether the program runs
     OVARD_STOP = 1,
     OVARD_STOP_ALL = 2,
     OVARD_STOP_ALL_BUT_SECURITY = 3, ///< all but the one named security_server
     OVARD_STOP_PORT_APPS = 4,        ///< all that serve a port
-    OVARD_RESTART = 5,
+    OVARD_RESTART = 5, ///< with OVARD_RESTART_TYPE_ALL it is all applications that are restarted,
+                       ///< in the next supervision pass, after the reply
     OVARD_RESTART_ALL = 6,
     OVARD_RESTART_SELF_RESTARTING = 7, ///< all whose restart policy is OVARD_RESTART_TYPE_SELF
     OVARD_RESTART_PORT_APPS = 8        ///< all that serve a port
@@ -73,7 +75,7 @@ typedef enum ovard_port_type {
     OVARD_PORT_ETH = 2
 } ovard_port_type;
 
-/// What happens when an application fails.
+/// What happens when an application fails; with any other number it stays as it is.
 typedef enum ovard_restart_type {
     OVARD_RESTART_TYPE_SELF = 0, ///< it is restarted alone
     OVARD_RESTART_TYPE_ALL = 1   ///< all applications are restarted, or the machine
@@ -92,13 +94,14 @@ typedef struct ovard_request {
     int32_t action;         ///< one of ovard_action
     int32_t priority;       ///< of its process, as setpriority takes it; 0 leaves it alone
     int32_t delay;          ///< carried along; no action uses it
-    uint8_t keepalive;      ///< carried along: the keep-alive choice
+    uint8_t keepalive;      ///< carried along; supervision makes no use of it
     uint8_t no_wait;        ///< no reply is sent, nor waited for
     uint8_t heartbeat;      ///< the application reports heartbeats, which are required then
     uint8_t reserved;       ///< 0
     int32_t restart_type;   ///< one of ovard_restart_type
-    int32_t life_limit_sec; ///< with OVARD_RESTART_TYPE_ALL: a failure earlier than this after the
-                            ///< start restarts all applications, a later one the machine
+    int32_t life_limit_sec; ///< with OVARD_RESTART_TYPE_ALL: a failure of an application that had
+                            ///< run for less than this restarts all applications, every other one
+                            ///< the machine, also when it never came up
 } ovard_request;
 
 /// A request for `action` with everything else zero. A null request is left alone.
@@ -113,7 +116,8 @@ ovard_result ovard_request_set_pidfile(ovard_request* request, const char* pidfi
 
 /// What the monitor replied.
 typedef struct ovard_reply {
-    int32_t code;         ///< 0 success, else the failing action's result, -20 for "not found"
+    int32_t code;         ///< 0 success, else the failing action's result, -20 for "not found"; of
+                          ///< several stops that of the last one
     int32_t request_sent; ///< 1 once the monitor has the whole request, else 0
     char message[1025];   ///< for people, usually with a line feed at its end
 } ovard_reply;
@@ -123,10 +127,15 @@ typedef struct ovard_reply {
 ///
 /// OVARD_OK: the request is out and, unless `no_wait` is set, the reply is there: look at its code.
 /// Else the reply has code 0, an empty message, and `request_sent` as it came to be. The monitor
-/// sends no reply for some failures (a launch or a stop that fails), so OVARD_TIMED_OUT and
-/// OVARD_CONNECTION_CLOSED with `request_sent` set mean that the request may have been carried out,
-/// in part or wholly. It answers one connection at a time: one that is pending when another one
-/// comes in gets no reply.
+/// sends no reply for some failures (a stop of one application, a restart of several), so
+/// OVARD_TIMED_OUT and OVARD_CONNECTION_CLOSED with `request_sent` set mean that the request may
+/// have been carried out, in part or wholly. It answers one connection at a time: when another one
+/// comes in while a request is carried out, the newer one can get the reply to the older request,
+/// and the older one none. So let one program of the machine send at a time, or look whether the
+/// message begins with the application's name.
+///
+/// Code 0 for a start tells that a process was made. Whether the program runs shows later: its
+/// published status is "started" then, and a failure is told in the system log.
 ///
 /// OVARD_INVALID_ARGUMENT: a null pointer, an empty path, no time, an action that is none, or a
 /// name or, for a start, a command that is missing. OVARD_TOO_LONG: a text of the request lacks its
@@ -170,7 +179,8 @@ typedef struct ovard_overview {
     char monitor_version[33]; ///< of the monitor's program
     char monitor_date[33];    ///< its build
     uint32_t iec61850_health; ///< set by another program
-    uint16_t sys_health;      ///< 0x4000: an application could not be started
+    uint16_t sys_health;      ///< 0 after each supervision pass, and no health: 0x4000 only tells
+                              ///< that a monitor without adoption waits for the boot to be over
 } ovard_overview;
 
 /// Reads what is published on the applications: as many as are published, at most `capacity`, into
@@ -179,8 +189,10 @@ typedef struct ovard_overview {
 /// of the array's entries are filled then.
 ///
 /// OVARD_NOT_PUBLISHED: there is nothing to read, or a monitor has only just started. A monitor
-/// that has ended leaves the last state behind: see ovard_find_monitor and `modified_ms`. Nothing
-/// is filled in unless the result is OVARD_OK. Takes 48 kB of memory for the time of the call.
+/// that has ended leaves the last state behind: see ovard_find_monitor and `modified_ms`. So does
+/// one that supervises more than OVARD_MOST_APPLICATIONS: it goes on, but publishes none of them,
+/// which the age of `modified_ms` alone shows. Nothing is filled in unless the result is OVARD_OK.
+/// Takes 48 kB of memory for the time of the call.
 ovard_result ovard_read_applications(ovard_application* applications, size_t capacity,
                                      ovard_overview* overview) OVARD_NOEXCEPT;
 

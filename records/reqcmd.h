@@ -23,7 +23,7 @@ struct reqcmd {
     std::int32_t action;                  ///< one of AppmonAction
     std::int32_t priority;                ///< copied into the application's record
     std::int32_t delay;                   ///< carried along, used by no action
-    std::uint8_t keepalive;               ///< supervise and restart the application
+    std::uint8_t keepalive;               ///< carried along, supervision makes no use of it
     std::uint8_t nowait;                  ///< no reply is sent
     std::uint8_t heartbeat;               ///< the application reports heartbeats
     std::uint8_t reserved;                ///< padding, ignored

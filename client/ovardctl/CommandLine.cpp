@@ -22,9 +22,14 @@ constexpr const char* kDefaultWatchSec = "2";
 constexpr std::int32_t kMaxEventLines = 1000000;
 
 constexpr const char* kExitStatuses =
-    "Exit status: 0 success, 1 the action failed or nothing of that name is there, 2 wrong usage,\n"
-    "3 no monitor listens, 4 no reply or no published data, 5 another failure of the system,\n"
-    "130 interrupted while waiting for a reply. See ovardctl(1).";
+    "Exit status: 0 success, 1 the action failed, nothing of that name is there, or a file of\n"
+    "requests is not in order, 2 wrong usage, 3 no monitor listens, 4 no reply or no current\n"
+    "data, 5 another failure of the system, 130 interrupted while waiting for a reply.\n"
+    "See ovardctl(1).";
+
+constexpr const char* kRestartOfAll =
+    "An application with policy all is not restarted alone: the reply says that it is restarted,\n"
+    "but it is the next supervision pass that restarts all applications.\n\n";
 
 /// Builds the parser over a CommandLine, and completes the request after parsing.
 class Parser {
@@ -160,13 +165,14 @@ void Parser::addStop() {
 }
 
 void Parser::addRestart() {
-    addSelection(
-        addRequest("restart", "Restart one application or several", "restart --self-restarting"),
-        APPMONCTL_Restart,
-        {{"--all", "Restart all applications", APPMONCTL_Restart_All},
-         {"--self-restarting", "Restart all whose restart policy is self",
-          APPMONCTL_Restart_All_But},
-         {"--port-apps", "Restart all that serve a port", APPMONCTL_Restart_PortApps}});
+    CLI::App& restart =
+        addRequest("restart", "Restart one application or several", "restart --self-restarting");
+    restart.footer(kRestartOfAll + restart.get_footer());
+    addSelection(restart, APPMONCTL_Restart,
+                 {{"--all", "Restart all applications", APPMONCTL_Restart_All},
+                  {"--self-restarting", "Restart all whose restart policy is self",
+                   APPMONCTL_Restart_All_But},
+                  {"--port-apps", "Restart all that serve a port", APPMONCTL_Restart_PortApps}});
 }
 
 void Parser::addStatus() {

@@ -4,6 +4,7 @@
 
 #include "client/ovardctl/PrintableText.h"
 #include "platform/Text.h"
+#include "records/codes.h"
 
 namespace ovardctl {
 namespace {
@@ -15,11 +16,21 @@ std::string errorText(std::int32_t systemError) {
     return std::generic_category().message(systemError);
 }
 
-Report replied(const response_struct& reply) {
+/// The code with which the monitor says that there is no such application, or none at all.
+constexpr std::int32_t kNotFound = -20;
+
+/// What has failed when `action` is answered with `code`.
+const char* failedPart(std::int32_t action, std::int32_t code) {
+    const bool isStopOfSeveral = action >= APPMONCTL_Stop_All && action <= APPMONCTL_Stop_PortApps;
+    return isStopOfSeveral && code != kNotFound ? "the last stop of several" : "the action";
+}
+
+Report replied(const reqcmd& request, const response_struct& reply) {
     Report report{kExitOk, printableMessage(reply), ""};
     if (reply.code != 0) {
         report.exitStatus = kExitFailed;
-        report.error = "ovardctl: the action failed with code " + std::to_string(reply.code) +
+        report.error = std::string("ovardctl: ") + failedPart(request.action, reply.code) +
+                       " failed with code " + std::to_string(reply.code) +
                        "; the monitor's lines in the system log (Ovard) tell more\n";
     }
     return report;
@@ -42,7 +53,7 @@ Report unanswered(const std::string& what) {
     return {kExitNoReply, "",
             "ovardctl: " + what +
                 "\n"
-                "The request was sent. The monitor sends no reply when a start fails, when a stop\n"
+                "The request was sent. The monitor sends no reply when a stop of one application\n"
                 "fails for another reason than an unknown name, when a restart of several\n"
                 "applications fails, and when another client connects meanwhile. See its lines in\n"
                 "the system log (Ovard) for the outcome. It may also still be at work: a longer\n"
@@ -84,7 +95,8 @@ Report makeReport(const CommandLine& commandLine, const Outcome& outcome,
                   const response_struct& reply) {
     switch (outcome.result) {
     case Result::Ok:
-        return commandLine.request.nowait != 0 ? Report{kExitOk, "", ""} : replied(reply);
+        return commandLine.request.nowait != 0 ? Report{kExitOk, "", ""}
+                                               : replied(commandLine.request, reply);
     case Result::NoMonitor:
         return noMonitor(commandLine, outcome.systemError);
     case Result::TimedOut:

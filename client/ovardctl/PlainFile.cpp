@@ -70,6 +70,13 @@ std::string readPlainFile(const std::string& path, std::size_t limit, std::strin
     return {};
 }
 
+bool areSameFile(const std::string& left, const std::string& right) {
+    struct stat first = {};
+    struct stat second = {};
+    return ::stat(left.c_str(), &first) == 0 && ::stat(right.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 FileReplacement::FileReplacement(std::string path)
     : path_(std::move(path))
     , newPath_(path_ + ".new") {}

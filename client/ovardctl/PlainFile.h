@@ -17,6 +17,9 @@ namespace ovardctl {
 /// Reads the plain file `path` of at most `limit` bytes. Never blocks on what only looks like one.
 std::string readPlainFile(const std::string& path, std::size_t limit, std::string& content);
 
+/// Both paths lead to one file that exists, also through symbolic or hard links.
+bool areSameFile(const std::string& left, const std::string& right);
+
 /// Replaces a plain file by one of the same owner and permissions, or creates it with mode 0644.
 /// Readers find the old content or the new one, also after the power failed.
 ///

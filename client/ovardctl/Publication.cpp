@@ -18,6 +18,10 @@ constexpr std::int64_t kClockSlackMs = 1000;
 /// Younger data have their age shown with tenths of a second.
 constexpr std::int64_t kFineAgeMs = 10000;
 
+constexpr const char* kUnknownMonitor = "ovardctl: cannot tell whether a monitor runs";
+constexpr const char* kUnknownRemedy =
+    "; check that /proc is mounted and that /proc/net/unix can be read\n";
+
 /// Why there are no data.
 struct Lack {
     const char* word;
@@ -47,10 +51,22 @@ std::string noListener(const Publication& publication) {
     return "ovardctl: no monitor listens on " + publication.socketPath;
 }
 
+Finding judgeRunning(const Publication& publication) {
+    if (ageMs(publication) <= kCurrentMs) {
+        return {kExitOk, "", true, false, "ok"};
+    }
+    // Without the age: a watch tells an error again when it has changed.
+    return {kExitNoReply,
+            "ovardctl: the monitor runs, but has not written segment " + publication.segmentName +
+                " for more than " + std::to_string(kCurrentMs / 1000) +
+                " seconds; it may be held up, see its lines in the system log (Ovard)\n",
+            true, true, "ok"};
+}
+
 Finding judgeData(const Publication& publication) {
     switch (publication.monitor) {
     case MonitorState::Running:
-        return {kExitOk, "", true, false, "ok"};
+        return judgeRunning(publication);
     case MonitorState::NotRunning:
         return {kExitNoMonitor,
                 noListener(publication) +
@@ -60,10 +76,8 @@ Finding judgeData(const Publication& publication) {
     case MonitorState::Unknown:
         break;
     }
-    return {kExitSystemError,
-            "ovardctl: cannot tell whether a monitor runs; check that /proc is mounted and that "
-            "/proc/net/unix can be read\n",
-            true, false, "ok"};
+    return {kExitSystemError, std::string(kUnknownMonitor) + kUnknownRemedy, true,
+            ageMs(publication) > kCurrentMs, "ok"};
 }
 
 Finding judgeLack(const Publication& publication) {
@@ -77,6 +91,10 @@ Finding judgeLack(const Publication& publication) {
         return {kExitNoMonitor,
                 noListener(publication) + ", and " + what +
                     "; start ovard, or name its socket with --socket\n",
+                false, false, lack.word};
+    }
+    if (publication.monitor == MonitorState::Unknown) {
+        return {kExitSystemError, std::string(kUnknownMonitor) + ", and " + what + kUnknownRemedy,
                 false, false, lack.word};
     }
     return {lack.exitStatus,

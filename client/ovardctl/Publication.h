@@ -18,6 +18,12 @@ struct ViewStyle {
     bool colour = false; ///< tables with escape sequences for colours
 };
 
+/// Data of a running monitor are current for so long. By default it publishes every 6 to 8 seconds,
+/// and one launch that is waited for (30 seconds) and one application that has to be confirmed (14)
+/// together still keep it below a minute. Neither the interval (-i) nor a pass has an upper limit:
+/// beyond this age nobody can tell a slow monitor from one that stands still.
+inline constexpr std::int64_t kCurrentMs = 60000;
+
 /// The circumstances of one segment's data.
 struct Publication {
     ovard_client::MonitorState monitor = ovard_client::MonitorState::Unknown;
@@ -32,7 +38,7 @@ struct Finding {
     int exitStatus;
     std::string error;    ///< for standard error; empty or ends with a line feed
     bool hasData;         ///< there is a whole cycle
-    bool isStale;         ///< it is of a monitor that runs no longer
+    bool isStale;         ///< it is of a monitor that runs no longer, or older than kCurrentMs
     const char* dataWord; ///< the state of the data in JSON
 };
 

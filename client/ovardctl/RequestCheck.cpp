@@ -1,12 +1,13 @@
 #include "client/ovardctl/RequestCheck.h"
 
 #include <algorithm>
-#include <map>
 #include <string_view>
 #include <utility>
 
 #include "client/ovardctl/EscapedText.h"
 #include "client/ovardctl/RequestKeys.h"
+#include "client/ovardctl/RequestReplay.h"
+#include "client/ovardctl/RequestValues.h"
 #include "client/ovardctl/StartChecks.h"
 #include "platform/Text.h"
 #include "records/codes.h"
@@ -15,6 +16,15 @@ namespace ovardctl {
 namespace {
 
 using platform::fieldText;
+
+/// What follows under the restart policy all when a program cannot be started.
+constexpr const char* kEndlessRestarts =
+    ", and the machine can restart again and again (under the restart policy all an application "
+    "that never came up restarts it, whatever its life limit)";
+
+std::string recordText(std::size_t number) {
+    return "record " + std::to_string(number);
+}
 
 /// Collects the problems of one file.
 class Checker {
@@ -29,9 +39,13 @@ private:
     void checkRecord(const reqcmd& record);
     void checkAction(std::int32_t action);
     void checkName(const reqcmd& record);
-    void checkStart(const reqcmd& record);
+    void checkIsStarted(std::string_view name);
     void checkFirstStart(std::string_view name);
-    void checkProgram(const std::string& program);
+    void checkStart(const reqcmd& record);
+    void checkCommand(const reqcmd& record);
+    void checkPidFile(const reqcmd& record);
+    void checkNumbers(const reqcmd& record);
+    void checkProgram(const std::string& program, const std::string& consequence);
     template <std::size_t Size> void checkText(const char* key, const char (&field)[Size]);
     void checkBytes(const std::string& key, std::string_view text);
     void error(std::string text) { add(Severity::Error, std::move(text)); }
@@ -41,8 +55,8 @@ private:
     }
 
     const ProgramExaminer& examine_;
-    std::size_t record_ = 0;                                 ///< the one that is looked at
-    std::map<std::string, std::size_t, std::less<>> starts_; ///< first start of each name
+    std::size_t record_ = 0;      ///< the one that is looked at
+    StartedApplications started_; ///< by the records before it
     std::vector<Problem> problems_;
 };
 
@@ -82,8 +96,10 @@ void Checker::checkRecord(const reqcmd& record) {
     if (needsName(record.action)) {
         checkName(record);
     }
+    started_.stopFor(record);
     if (record.action == APPMONCTL_Start) {
         checkStart(record);
+        started_.start(record, record_);
     }
 }
 
@@ -98,64 +114,121 @@ void Checker::checkAction(std::int32_t action) {
 
 void Checker::checkName(const reqcmd& record) {
     checkText("name", record.name);
-    if (nameOf(record).empty()) {
+    const std::string_view name = nameOf(record);
+    if (name.empty()) {
         error("the name is empty, no request reaches the application by it; give it one");
+    } else if (record.action == APPMONCTL_Start) {
+        checkFirstStart(name);
+    } else {
+        checkIsStarted(name);
     }
 }
 
-void Checker::checkStart(const reqcmd& record) {
-    checkFirstStart(nameOf(record));
-    checkText("version", record.version);
-    checkText("cmd", record.cmd);
-    checkText("pidfile", record.pidfile);
-    const std::string program(programOf(fieldText(record.cmd)));
-    if (program.empty()) {
-        error("there is no command, so the start fails; give the absolute path of the program");
-    } else {
-        checkProgram(program);
-    }
-    for (std::string& warning : startWarnings(record)) {
-        warn(std::move(warning));
-    }
-    if (fieldText(record.pidfile).empty()) {
-        warn("the name of the pid file is empty: from 30 seconds after its own start on the "
-             "monitor drops an application that has written no pid file of the conventional name; "
-             "give it one");
+void Checker::checkIsStarted(std::string_view name) {
+    if (started_.withName(name) == 0) {
+        warn("no earlier record starts an application of this name, or it is stopped by then: "
+             "there is nothing to stop or restart; correct the name, or put the record behind "
+             "the start");
     }
 }
 
 void Checker::checkFirstStart(std::string_view name) {
-    const auto [first, isFirst] = starts_.try_emplace(std::string(name), record_);
-    if (!isFirst) {
-        warn("record " + std::to_string(first->second) +
+    const std::size_t first = started_.withName(name);
+    if (first != 0) {
+        warn(recordText(first) +
              " starts an application of this name, too: the monitor stops that one and starts "
              "this one; remove one of the records");
     }
 }
 
-void Checker::checkProgram(const std::string& program) {
+void Checker::checkStart(const reqcmd& record) {
+    checkText("version", record.version);
+    checkCommand(record);
+    checkPidFile(record);
+    checkNumbers(record);
+}
+
+void Checker::checkCommand(const reqcmd& record) {
+    checkText("cmd", record.cmd);
+    const std::string program(programOf(fieldText(record.cmd)));
+    if (program.empty()) {
+        error("there is no command, so the start fails; give the absolute path of the program");
+    } else {
+        checkProgram(program, record.restart_type == RESTART_TYPE_ALL ? kEndlessRestarts : "");
+    }
+    for (std::string& warning : startWarnings(record)) {
+        warn(std::move(warning));
+    }
+    const std::size_t rival = started_.withCommandOf(record);
+    if (rival != 0) {
+        warn(recordText(rival) +
+             " starts the same command under another name: the monitor may take the process of "
+             "that application for this one's; remove one of the records");
+    }
+}
+
+void Checker::checkPidFile(const reqcmd& record) {
+    checkText("pidfile", record.pidfile);
+    if (fieldText(record.pidfile).empty()) {
+        warn("the name of the pid file is empty: from 30 seconds after its own start on the "
+             "monitor drops an application that has written no pid file of the conventional name; "
+             "give it one");
+    }
+    const std::size_t rival = started_.withPidFileOf(record);
+    if (rival != 0) {
+        warn(recordText(rival) +
+             " starts another application with the same pid file: the launch of this one removes "
+             "the file of that one; give each application its own");
+    }
+}
+
+void Checker::checkNumbers(const reqcmd& record) {
+    if (record.restart_type != RESTART_TYPE_SELF && record.restart_type != RESTART_TYPE_ALL) {
+        warn("the restart policy " + policyText(record) +
+             " is neither 0 (self) nor 1 (all): the monitor never restarts the application after "
+             "a failure; give one of these");
+    }
+    if (record.priority < kMinPriority || record.priority > kMaxPriority) {
+        warn("the priority " + std::to_string(record.priority) +
+             " is outside -20 to 19: the system takes the nearer end of this range; give a number "
+             "in it");
+    }
+    if (record.porttype < PORT_TYPE_NONE || record.porttype > PORT_TYPE_ETH) {
+        warn("the port type " + std::to_string(record.porttype) +
+             " is none of 0 (none), 1 (com) and 2 (eth): the status shows no port, but requests "
+             "for all applications on ports concern this one; give one of these");
+    }
+    if (record.last_runtime_life_limit < 0) {
+        warn("the life limit " + std::to_string(record.last_runtime_life_limit) +
+             " is negative, which counts as 0: under the restart policy all every failure "
+             "restarts the machine; give a number from 0");
+    }
+}
+
+void Checker::checkProgram(const std::string& program, const std::string& consequence) {
+    const std::string subject = "the program " + program;
     if (program.front() != '/') {
-        error("the program " + program + " is not found, it is no absolute path; give one");
+        error(subject +
+              " is no absolute path: it is not looked for along PATH, and not recognised "
+              "should it run" +
+              consequence + "; give the absolute path of the program");
         return;
     }
+    const std::string nothingRuns = ", so nothing runs" + consequence;
     switch (examine_(program)) {
     case ProgramState::Executable:
         break;
     case ProgramState::Missing:
-        error("the program " + program +
-              " is missing, so nothing runs; install it, or correct "
-              "the command");
+        error(subject + " is missing" + nothingRuns + "; install it, or correct the command");
         break;
     case ProgramState::NotExecutable:
-        error("the program " + program +
-              " is not executable, so nothing runs; make it so with "
-              "chmod +x");
+        error(subject + " is not executable" + nothingRuns + "; make it so with chmod +x");
         break;
     case ProgramState::NotPlain:
-        error("the program " + program + " is no plain file, so nothing runs; correct the command");
+        error(subject + " is no plain file" + nothingRuns + "; correct the command");
         break;
     case ProgramState::Unknown:
-        warn("the program " + program + " cannot be looked at; check it with more rights");
+        warn(subject + " cannot be looked at; check it with more rights");
         break;
     }
 }

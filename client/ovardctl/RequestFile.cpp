@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <optional>
 
 #include "client/ovardctl/RequestValues.h"
 #include "platform/Text.h"
@@ -12,57 +13,88 @@ namespace {
 
 constexpr std::size_t kRecordSize = sizeof(reqcmd);
 
-/// An integer of the record, and the values that it has in practice.
-struct Integer {
-    std::int32_t reqcmd::*member;
+using Integer = std::int32_t reqcmd::*;
+
+constexpr std::array<Integer, 7> kIntegers = {
+    &reqcmd::porttype,
+    &reqcmd::portnum,
+    &reqcmd::action,
+    &reqcmd::priority,
+    &reqcmd::delay,
+    &reqcmd::restart_type,
+    &reqcmd::last_runtime_life_limit,
+};
+
+/// An integer whose values are small. With its bytes swapped none of them is another of them.
+struct TellingInteger {
+    Integer member;
     std::int32_t low;
     std::int32_t high;
 };
 
-constexpr std::int32_t kMostPort = 65535;
+/// Room for policies of other systems.
+constexpr std::int32_t kMostPolicy = 255;
 
-/// More seconds or other units than anybody waits. Smaller numbers are above it when swapped.
-constexpr std::int32_t kLongTime = 0x00ffffff;
-
-constexpr std::array<Integer, 7> kIntegers = {{
+/// Port number, delay and life limit tell nothing: they may have any value, also one that is a
+/// small number when its bytes are swapped.
+constexpr std::array<TellingInteger, 4> kTellingIntegers = {{
     {&reqcmd::porttype, PORT_TYPE_NONE, PORT_TYPE_ETH},
-    {&reqcmd::portnum, 0, kMostPort},
     {&reqcmd::action, APPMONCTL_Start, APPMONCTL_Reserved10},
     {&reqcmd::priority, kMinPriority, kMaxPriority},
-    {&reqcmd::delay, 0, kLongTime},
-    {&reqcmd::restart_type, 0, kLongTime},
-    {&reqcmd::last_runtime_life_limit, 0, kLongTime},
+    {&reqcmd::restart_type, RESTART_TYPE_SELF, kMostPolicy},
 }};
+
+/// Integers of all records that make sense in one byte order only.
+struct Evidence {
+    std::size_t native = 0;
+    std::size_t other = 0;
+};
 
 std::int32_t swapped(std::int32_t value) {
     return static_cast<std::int32_t>(__builtin_bswap32(static_cast<std::uint32_t>(value)));
 }
 
 void swapIntegers(reqcmd& record) {
-    for (const Integer& integer : kIntegers) {
-        record.*integer.member = swapped(record.*integer.member);
+    for (const Integer integer : kIntegers) {
+        record.*integer = swapped(record.*integer);
     }
 }
 
-/// Integers that make sense in this machine's byte order only, less those that do in the other one
-/// only.
-long evidenceOf(const std::vector<reqcmd>& records) {
-    long evidence = 0;
+Evidence evidenceOf(const std::vector<reqcmd>& records) {
+    Evidence evidence;
     for (const reqcmd& record : records) {
-        for (const Integer& integer : kIntegers) {
+        for (const TellingInteger& integer : kTellingIntegers) {
             const auto makesSense = [&integer](std::int32_t value) {
                 return value >= integer.low && value <= integer.high;
             };
-            const std::int32_t value = record.*integer.member;
-            evidence +=
-                static_cast<int>(makesSense(value)) - static_cast<int>(makesSense(swapped(value)));
+            const bool asItIs = makesSense(record.*integer.member);
+            const bool whenSwapped = makesSense(swapped(record.*integer.member));
+            evidence.native += asItIs && !whenSwapped ? 1 : 0;
+            evidence.other += whenSwapped && !asItIs ? 1 : 0;
         }
     }
     return evidence;
 }
 
+/// A record or two with odd values do not outvote the others.
+constexpr bool isClearMajority(std::size_t votes, std::size_t against) {
+    return votes > 2 * against;
+}
+
 constexpr ByteOrder otherThan(ByteOrder order) {
     return order == ByteOrder::Little ? ByteOrder::Big : ByteOrder::Little;
+}
+
+/// The byte order that records show as they lie in the file.
+std::optional<ByteOrder> toldByteOrder(const std::vector<reqcmd>& records) {
+    const Evidence evidence = evidenceOf(records);
+    if (isClearMajority(evidence.native, evidence.other)) {
+        return nativeByteOrder();
+    }
+    if (isClearMajority(evidence.other, evidence.native)) {
+        return otherThan(nativeByteOrder());
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -84,17 +116,17 @@ std::string readByteOrder(std::string_view text, ByteOrder& order) {
     return {};
 }
 
-RequestFile decodeRequests(std::string_view image) {
+RequestFile decodeRequests(std::string_view image, ByteOrder presumed) {
     RequestFile file;
     file.records.resize(image.size() / kRecordSize);
     file.tailSize = image.size() % kRecordSize;
     if (!file.records.empty()) {
         std::memcpy(file.records.data(), image.data(), file.records.size() * kRecordSize);
     }
-    const long evidence = evidenceOf(file.records);
-    file.isOrderKnown = evidence != 0;
-    if (evidence < 0) {
-        file.byteOrder = otherThan(nativeByteOrder());
+    const std::optional<ByteOrder> told = toldByteOrder(file.records);
+    file.isOrderKnown = told.has_value();
+    file.byteOrder = told.value_or(presumed);
+    if (file.byteOrder != nativeByteOrder()) {
         for (reqcmd& record : file.records) {
             swapIntegers(record);
         }

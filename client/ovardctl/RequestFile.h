@@ -38,13 +38,15 @@ std::string readByteOrder(std::string_view text, ByteOrder& order);
 struct RequestFile {
     std::vector<reqcmd> records; ///< integers in the byte order of this machine
     ByteOrder byteOrder = nativeByteOrder();
-    bool isOrderKnown = false; ///< false: the records would be as good in the other byte order
+    bool isOrderKnown = false; ///< false: the records do not tell their byte order
     std::size_t tailSize = 0;  ///< bytes at the end that are no whole record
 };
 
-/// Takes an image apart. Its byte order is recognised from the integers of all records; where they
-/// do not tell, it is this machine's. Every image is taken.
-RequestFile decodeRequests(std::string_view image);
+/// Takes an image apart. Its byte order is recognised from the integers whose values are small:
+/// action, port type, priority and restart policy. An order holds when, over all records, more than
+/// twice as many of them make sense in it only as do in the other one only; where neither does, it
+/// is `presumed`. Every image is taken.
+RequestFile decodeRequests(std::string_view image, ByteOrder presumed = nativeByteOrder());
 
 /// The image of records whose integers are in the byte order of this machine.
 std::string encodeRequests(const std::vector<reqcmd>& records, ByteOrder order);

@@ -36,11 +36,12 @@ std::string counted(std::size_t count, const std::string& thing) {
     return std::to_string(count) + ' ' + thing + (count == 1 ? "" : "s");
 }
 
-std::string readRequestFile(const std::string& path, RequestFile& file) {
+std::string readRequestFile(const std::string& path, RequestFile& file,
+                            ByteOrder presumed = nativeByteOrder()) {
     std::string image;
     std::string problem = readPlainFile(path, kLargestImage, image);
     if (problem.empty()) {
-        file = decodeRequests(image);
+        file = decodeRequests(image, presumed);
     }
     return problem;
 }
@@ -102,8 +103,9 @@ Report reportOf(const std::vector<Problem>& problems, const RequestFile& file) {
 }
 
 Report check(const RequestsCommand& command) {
+    const ByteOrder target = command.byteOrder.value_or(nativeByteOrder());
     RequestFile file;
-    const std::string problem = readRequestFile(command.path, file);
+    const std::string problem = readRequestFile(command.path, file, target);
     if (!problem.empty()) {
         // The monitor goes on without a file that it cannot read.
         return {kExitFailed, "error: " + printable(problem) + "; the monitor would start nothing\n",
@@ -112,8 +114,7 @@ Report check(const RequestsCommand& command) {
     const auto examine = [&command](const std::string& program) {
         return examineProgram(command.root, program);
     };
-    return reportOf(checkRequests(file, command.byteOrder.value_or(nativeByteOrder()), examine),
-                    file);
+    return reportOf(checkRequests(file, target, examine), file);
 }
 
 // --- add, remove ---------------------------------------------------------------------------------
@@ -244,6 +245,10 @@ Report writeImage(const std::string& path, const std::string& image, std::size_t
 }
 
 Report compile(const RequestsCommand& command, const char* meterRoot) {
+    if (!command.outputPath.empty() && areSameFile(command.path, command.outputPath)) {
+        return failed(command.outputPath + " is the text itself, which would be lost; give "
+                                           "another file with -o");
+    }
     std::string content;
     const std::string problem = readPlainFile(command.path, kLargestText, content);
     if (!problem.empty()) {

@@ -1,7 +1,9 @@
 #include "client/ovardctl/StartChecks.h"
 
+#include "client/ovardctl/ProgramSearch.h"
 #include "platform/InstallationDirectories.h"
 #include "platform/Text.h"
+#include "records/codes.h"
 
 namespace ovardctl {
 namespace {
@@ -27,6 +29,22 @@ std::string placeWarning(std::string_view program) {
         return subject + "where the monitor leaves every program alone" + kConsequence;
     }
     return {};
+}
+
+/// What becomes of a program in this state, and what to do; empty where it may well run.
+const char* obstacleOf(ProgramState state) {
+    switch (state) {
+    case ProgramState::Missing:
+        return "does not exist, so nothing runs; install it, or correct the command";
+    case ProgramState::NotExecutable:
+        return "is not executable, so nothing runs; make it so with chmod +x";
+    case ProgramState::NotPlain:
+        return "is no plain file, so nothing runs; correct the command";
+    case ProgramState::Executable:
+    case ProgramState::Unknown:
+        break;
+    }
+    return "";
 }
 
 std::string lengthWarning(std::size_t words) {
@@ -98,6 +116,20 @@ std::vector<std::string> startWarnings(const reqcmd& request) {
         }
     }
     return warnings;
+}
+
+std::string programWarning(const reqcmd& request) {
+    const std::string program(programOf(platform::fieldText(request.cmd)));
+    if (request.action != APPMONCTL_Start || program.empty()) {
+        return {};
+    }
+    const std::string subject = "the program " + program + " ";
+    if (program.front() != '/') {
+        return subject + "is named by no absolute path: the monitor looks for it in its own " +
+               "working directory, not along PATH; give the absolute path";
+    }
+    const std::string obstacle = obstacleOf(examineProgram("", program));
+    return obstacle.empty() ? obstacle : subject + obstacle;
 }
 
 } // namespace ovardctl

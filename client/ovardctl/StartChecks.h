@@ -1,4 +1,5 @@
-// What can be said of a start request before the monitor has it. Pure functions of the record.
+// What can be said of a start request before the monitor has it. Pure functions of the record, but
+// for programWarning.
 
 #ifndef OVARD_CLIENT_OVARDCTL_START_CHECKS_H
 #define OVARD_CLIENT_OVARDCTL_START_CHECKS_H
@@ -43,6 +44,12 @@ ProgramPlace placeOf(std::string_view program);
 /// Warnings that a start request deserves, each a text without a line feed; none for a command
 /// without a word.
 std::vector<std::string> startWarnings(const reqcmd& request);
+
+/// What keeps the program of a start request from running on this machine, as a warning without a
+/// line feed: it is missing, not executable, no plain file, or named by no absolute path. Empty
+/// where nothing does or nothing can be seen, and for all other requests. Looks into the file
+/// system; for a request that is about to be sent, not for one that is written for another machine.
+std::string programWarning(const reqcmd& request);
 
 } // namespace ovardctl
 

@@ -31,15 +31,17 @@ void StartOptions::addPolicy(CLI::App& app) const {
               "Process priority, -20 to 19; 0 leaves it alone");
     addNumber(app, "--delay", request.delay, 0, kMaxInt, "Carried along; no action uses it");
     addSwitch(
-        app, "--keepalive", [&request] { request.keepalive = 1; }, "Mark it as to be kept alive");
+        app, "--keepalive", [&request] { request.keepalive = 1; },
+        "Carried along; supervision makes no use of it");
     addSwitch(
         app, "--heartbeat", [&request] { request.heartbeat = 1; }, "It reports heartbeats");
-    addText(app, "--restart", "When it fails, restart: self, all or another policy number",
+    addText(app, "--restart", "What its failure restarts: self, all, or nothing (any other number)",
             [&request](const std::string& text) { return readRestartType(text, request); })
         ->type_name("POLICY");
-    addNumber(app, "--life-limit", request.last_runtime_life_limit, 0, kMaxInt,
-              "With --restart all: seconds of uptime below which a failure restarts all "
-              "applications rather than the machine; 0 means never");
+    addNumber(
+        app, "--life-limit", request.last_runtime_life_limit, 0, kMaxInt,
+        "With --restart all: having run for fewer seconds it restarts all applications, else, "
+        "and when it never came up, the machine; 0: always the machine");
 }
 
 std::vector<std::string> StartOptions::complete(const char* meterRoot) const {

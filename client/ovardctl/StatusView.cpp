@@ -170,10 +170,15 @@ std::string viewJson(const Publication& publication, const Finding& finding,
 }
 
 /// Adds to a finding what the records themselves give cause for.
-void judgeRecords(const application_segment& segment, const std::string& name,
-                  const Records& records, Finding& finding) {
+void judgeRecords(const Publication& publication, const application_segment& segment,
+                  const std::string& name, const Records& records, Finding& finding) {
     if (!finding.hasData) {
         return;
+    }
+    if (finding.isStale && publication.monitor == ovard_client::MonitorState::Running) {
+        finding.error += "ovardctl: of more than " + std::to_string(kMostPublishedApplications) +
+                         " applications the monitor publishes none; \"ovardctl system\" shows "
+                         "current data then\n";
     }
     if (segment.header.count < 0) {
         finding.exitStatus = kExitSystemError;
@@ -194,7 +199,7 @@ Report makeStatusReport(const Publication& publication, const application_segmen
                         const std::string& name, const ViewStyle& style) {
     Finding finding = judge(publication, segment.header.maximum != 0);
     const Records records = finding.hasData ? selectRecords(segment, name) : Records{};
-    judgeRecords(segment, name, records, finding);
+    judgeRecords(publication, segment, name, records, finding);
     return {finding.exitStatus,
             style.json ? viewJson(publication, finding, segment, records, style)
                        : viewText(publication, finding, segment, records, style.colour),

@@ -10,6 +10,7 @@
 #include <exception>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "client/ovardctl/CommandLine.h"
 #include "client/ovardctl/Events.h"
@@ -19,6 +20,7 @@
 #include "client/ovardctl/RequestsTool.h"
 #include "client/ovardctl/Screen.h"
 #include "client/ovardctl/Sending.h"
+#include "client/ovardctl/StartChecks.h"
 #include "client/ovardctl/Viewer.h"
 
 namespace {
@@ -63,10 +65,19 @@ Report carryOut(const CommandLine& commandLine) {
                                  : makeReport(commandLine, sending.outcome, sending.reply);
 }
 
-int send(const CommandLine& commandLine) {
-    for (const std::string& warning : commandLine.warnings) {
+void printWarnings(const CommandLine& commandLine) {
+    std::vector<std::string> warnings = commandLine.warnings;
+    const std::string unfit = programWarning(commandLine.request);
+    if (!unfit.empty()) {
+        warnings.push_back(unfit);
+    }
+    for (const std::string& warning : warnings) {
         printError("ovardctl: warning: " + printable(warning) + "\n");
     }
+}
+
+int send(const CommandLine& commandLine) {
+    printWarnings(commandLine);
     const Report report = carryOut(commandLine);
     printError(report.error);
     return printOutput(report.output, report.exitStatus);

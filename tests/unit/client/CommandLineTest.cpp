@@ -342,9 +342,21 @@ TEST(CommandLine, ShowsAnExampleOfEachCommand) {
 
 TEST(CommandLine, ShowsTheExitStatusesInTheHelp) {
     const std::string help = parse({"--help"}).text;
-    for (const char* part : {"Exit status: 0 ", " 1 ", " 2 ", "\n3 ", " 4 ", " 5 ", "\n130 "}) {
+    for (const char* part : {"Exit status: 0 ", " 1 ", "a file of\nrequests is not in order,",
+                             " 2 ", " 3 ", " 4 ", " 5 ", " 130 "}) {
         EXPECT_NE(help.find(part), std::string::npos) << part;
     }
+}
+
+TEST(CommandLine, SaysWhatAValueOfAStartDoesNotDo) {
+    const std::string help = parse({"start", "--help"}).text;
+    for (const char* part :
+         {"Carried along; supervision makes no use of it", "nothing (any other number)",
+          "and when it never came up, the machine"}) {
+        EXPECT_NE(help.find(part), std::string::npos) << help;
+    }
+    EXPECT_NE(parse({"restart", "--help"}).text.find("An application with policy all is not"),
+              std::string::npos);
 }
 
 TEST(CommandLine, ShowsHelpAndVersion) {

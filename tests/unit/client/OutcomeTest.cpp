@@ -64,6 +64,22 @@ TEST(MakeReport, FailsOnEveryOtherCode) {
     }
 }
 
+TEST(MakeReport, SaysThatACodeIsThatOfTheLastOfSeveralStops) {
+    const auto errorOf = [](std::int32_t action, std::int32_t code) {
+        CommandLine commandLine;
+        commandLine.request.action = action;
+        return makeReport(commandLine, Outcome{Result::Ok, 0, 1}, makeReply(code, "x\n")).error;
+    };
+    const std::string one = "ovardctl: the action failed with code ";
+    const std::string several = "ovardctl: the last stop of several failed with code ";
+    for (std::int32_t action = 0; action <= 8; ++action) {
+        const bool isStopOfSeveral = action >= 2 && action <= 4;
+        EXPECT_EQ(errorOf(action, -4).rfind((isStopOfSeveral ? several : one) + "-4;", 0), 0u);
+        // There was none to stop.
+        EXPECT_EQ(errorOf(action, -20).rfind(one + "-20;", 0), 0u);
+    }
+}
+
 TEST(MakeReport, PrintsNothingWhenNothingWasAwaited) {
     CommandLine commandLine;
     commandLine.request.nowait = 1;
@@ -86,6 +102,8 @@ TEST(MakeReport, ExplainsAMissingReply) {
     EXPECT_EQ(timedOut.output, "");
     EXPECT_NE(timedOut.error.find("42 s"), std::string::npos);
     EXPECT_NE(timedOut.error.find("sends no reply"), std::string::npos);
+    // That one is answered before it has failed.
+    EXPECT_EQ(timedOut.error.find("a start"), std::string::npos);
     EXPECT_NE(timedOut.error.find("system log"), std::string::npos);
 
     const Report closed = reportOf(Result::ConnectionClosed, 0, 1);

@@ -134,15 +134,18 @@ private:
 TEST(Ovardctl, EndsWith0AndPrintsTheMessage) {
     const AnsweringServer server(makeReply(0, "app [pid=12] is started @2024-01-02 03:04:05\n"));
     const ToolResult result =
-        runTool({"start", "app", "--cmd", "/home/kelvo/root/app -x", "--socket", server.path()},
+        runTool({"start", "app", "--cmd", "/home/kelvo/root/absent -x", "--socket", server.path()},
                 {"METER_ROOT=/opt/x"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(result.output, "app [pid=12] is started @2024-01-02 03:04:05\n");
-    EXPECT_EQ(result.error, "");
+    // The request is sent all the same.
+    EXPECT_EQ(result.error,
+              "ovardctl: warning: the program /home/kelvo/root/absent does not exist, so nothing "
+              "runs; install it, or correct the command\n");
     reqcmd expected{};
     std::strcpy(expected.name, "app");
-    std::strcpy(expected.cmd, "/home/kelvo/root/app -x");
-    std::strcpy(expected.pidfile, "/tmp/pid/opt/x/home/kelvo/root/app.pid");
+    std::strcpy(expected.cmd, "/home/kelvo/root/absent -x");
+    std::strcpy(expected.pidfile, "/tmp/pid/opt/x/home/kelvo/root/absent.pid");
     const reqcmd request = server.request();
     EXPECT_EQ(std::memcmp(&request, &expected, sizeof expected), 0);
 }

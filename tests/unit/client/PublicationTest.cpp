@@ -42,6 +42,37 @@ TEST(Publication, SaysThatItCannotTellWhetherAMonitorRuns) {
     EXPECT_NE(finding.error.find("/proc/net/unix"), std::string::npos);
     EXPECT_TRUE(finding.hasData);
     EXPECT_FALSE(finding.isStale);
+
+    publication.nowMs = publication.segment.modifiedMs + 60001;
+    EXPECT_EQ(judge(publication, true).exitStatus, 5);
+    EXPECT_TRUE(judge(publication, true).isStale);
+}
+
+TEST(Publication, IsStaleWhenARunningMonitorHasNotPublishedForAMinute) {
+    Publication publication = runningPublication();
+    publication.nowMs = publication.segment.modifiedMs + 60000;
+    EXPECT_EQ(judge(publication, true).exitStatus, 0);
+    EXPECT_FALSE(judge(publication, true).isStale);
+
+    publication.nowMs += 1;
+    const Finding finding = judge(publication, true);
+    EXPECT_EQ(finding.exitStatus, 4);
+    EXPECT_EQ(finding.error,
+              "ovardctl: the monitor runs, but has not written segment /segment for more than 60 "
+              "seconds; it may be held up, see its lines in the system log (Ovard)\n");
+    EXPECT_TRUE(finding.hasData);
+    EXPECT_TRUE(finding.isStale);
+    EXPECT_STREQ(finding.dataWord, "ok");
+    EXPECT_EQ(ageText(publication, finding, true), "\x1b[31mstale\x1b[0m, 1m 00s old");
+
+    // A watch tells an error once only.
+    publication.nowMs += 1000;
+    EXPECT_EQ(judge(publication, true).error, finding.error);
+
+    // An unknown age tells nothing.
+    publication.nowMs = publication.segment.modifiedMs - 100000;
+    EXPECT_EQ(judge(publication, true).exitStatus, 0);
+    EXPECT_FALSE(judge(publication, true).isStale);
 }
 
 struct LackCase {
@@ -52,25 +83,37 @@ struct LackCase {
 
 class PublicationLack : public testing::TestWithParam<LackCase> {};
 
-TEST_P(PublicationLack, EndsWith4WhileAMonitorRunsAndWith3Else) {
-    const LackCase& lack = GetParam();
-    for (const MonitorState monitor : {MonitorState::Running, MonitorState::Unknown}) {
-        const Finding finding = judge(lackingPublication(monitor, lack.result), false);
-        EXPECT_EQ(finding.exitStatus, 4);
-        EXPECT_EQ(finding.error, std::string("ovardctl: segment /segment ") + lack.reason +
-                                     "; the monitor publishes every few seconds, try again\n");
-        EXPECT_FALSE(finding.hasData);
-        EXPECT_FALSE(finding.isStale);
-        EXPECT_STREQ(finding.dataWord, lack.word);
-    }
-    const Finding finding = judge(lackingPublication(MonitorState::NotRunning, lack.result), false);
-    EXPECT_EQ(finding.exitStatus, 3);
-    EXPECT_EQ(finding.error,
-              std::string("ovardctl: no monitor listens on /tmp/sock, and segment /segment ") +
-                  lack.reason + "; start ovard, or name its socket with --socket\n");
+/// Judges the lack under this state of the monitor; expects what does not depend on that.
+Finding judgeLack(MonitorState monitor, const LackCase& lack) {
+    Finding finding = judge(lackingPublication(monitor, lack.result), false);
     EXPECT_FALSE(finding.hasData);
     EXPECT_FALSE(finding.isStale);
     EXPECT_STREQ(finding.dataWord, lack.word);
+    return finding;
+}
+
+TEST_P(PublicationLack, EndsWith4WhileAMonitorRuns) {
+    const Finding finding = judgeLack(MonitorState::Running, GetParam());
+    EXPECT_EQ(finding.exitStatus, 4);
+    EXPECT_EQ(finding.error, std::string("ovardctl: segment /segment ") + GetParam().reason +
+                                 "; the monitor publishes every few seconds, try again\n");
+}
+
+TEST_P(PublicationLack, EndsWith3WithoutAMonitor) {
+    const Finding finding = judgeLack(MonitorState::NotRunning, GetParam());
+    EXPECT_EQ(finding.exitStatus, 3);
+    EXPECT_EQ(finding.error,
+              std::string("ovardctl: no monitor listens on /tmp/sock, and segment /segment ") +
+                  GetParam().reason + "; start ovard, or name its socket with --socket\n");
+}
+
+TEST_P(PublicationLack, EndsWith5WhereNobodyKnowsWhetherAMonitorRuns) {
+    const Finding finding = judgeLack(MonitorState::Unknown, GetParam());
+    EXPECT_EQ(finding.exitStatus, 5);
+    EXPECT_EQ(finding.error,
+              std::string("ovardctl: cannot tell whether a monitor runs, and segment /segment ") +
+                  GetParam().reason +
+                  "; check that /proc is mounted and that /proc/net/unix can be read\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -106,7 +149,8 @@ TEST(Publication, ShowsItsAge) {
     EXPECT_EQ(ageAfter(1999), "1.9s old");
     EXPECT_EQ(ageAfter(9999), "9.9s old");
     EXPECT_EQ(ageAfter(10000), "10s old");
-    EXPECT_EQ(ageAfter(3600000), "1h 00m old");
+    EXPECT_EQ(ageAfter(60000), "1m 00s old");
+    EXPECT_EQ(ageAfter(3600000), "stale, 1h 00m old");
     // The kernel's time of writing may lag behind the clock, but not by a second.
     EXPECT_EQ(ageAfter(-999), "0.0s old");
     EXPECT_EQ(ageAfter(-1000), "of unknown age");

@@ -62,19 +62,17 @@ TEST(RequestFile, BothByteOrdersAreReadAndToldApart) {
     }
 }
 
-TEST(RequestFile, EveryIntegerTellsTheByteOrder) {
-    std::vector<reqcmd> records(7);
+TEST(RequestFile, IntegersWithSmallValuesTellTheByteOrder) {
+    std::vector<reqcmd> records(4);
     records[0].porttype = PORT_TYPE_COM;
-    records[1].portnum = 502;
-    records[2].action = APPMONCTL_Restart;
-    records[3].priority = -5;
-    records[4].delay = 30;
-    records[5].restart_type = RESTART_TYPE_ALL;
-    records[6].last_runtime_life_limit = 600;
+    records[1].action = APPMONCTL_Restart;
+    records[2].priority = -5;
+    records[3].restart_type = RESTART_TYPE_ALL;
     for (const reqcmd& record : records) {
         for (const ByteOrder order : {ByteOrder::Little, ByteOrder::Big}) {
             const RequestFile file = decodeRequests(encodeRequests({record}, order));
             EXPECT_EQ(file.byteOrder, order) << &record - records.data();
+            EXPECT_TRUE(file.isOrderKnown) << &record - records.data();
             EXPECT_EQ(imageOf(file.records), imageOf({record})) << &record - records.data();
         }
     }
@@ -86,6 +84,47 @@ TEST(RequestFile, AllRecordsTogetherTellTheByteOrder) {
     const std::vector<reqcmd> records = {misleading, fullRecord()};
     EXPECT_EQ(decodeRequests(imageOf(records)).byteOrder, nativeByteOrder());
     EXPECT_EQ(decodeRequests(encodeRequests(records, kOther)).byteOrder, kOther);
+}
+
+TEST(RequestFile, IntegersWithAnyValueTellNothing) {
+    for (const std::int32_t value : {600, 0x02000000, 100000000, 0x7fffffff, -1000}) {
+        reqcmd record = startOf("one");
+        record.portnum = value;
+        record.delay = value;
+        record.last_runtime_life_limit = value;
+        EXPECT_FALSE(decodeRequests(imageOf({record})).isOrderKnown) << value;
+        EXPECT_EQ(imageOf(decodeRequests(imageOf({record})).records), imageOf({record})) << value;
+        record.restart_type = RESTART_TYPE_ALL;
+        record.porttype = PORT_TYPE_COM;
+        for (const ByteOrder order : {ByteOrder::Little, ByteOrder::Big}) {
+            const RequestFile file = decodeRequests(encodeRequests({record}, order));
+            EXPECT_EQ(file.byteOrder, order) << value;
+            EXPECT_EQ(imageOf(file.records), imageOf({record})) << value;
+        }
+    }
+}
+
+TEST(RequestFile, ByteOrderNeedsAClearMajority) {
+    reqcmd odd{};
+    odd.action = 0x01000000;
+    reqcmd usual{};
+    usual.action = APPMONCTL_Stop;
+    EXPECT_TRUE(decodeRequests(imageOf({usual, odd, usual, usual})).isOrderKnown);
+    const RequestFile file = decodeRequests(imageOf({odd, usual, odd}));
+    EXPECT_FALSE(file.isOrderKnown);
+    EXPECT_EQ(file.byteOrder, nativeByteOrder());
+    EXPECT_EQ(decodeRequests(imageOf({odd, usual, odd, odd})).byteOrder, kOther);
+}
+
+TEST(RequestFile, WithoutATellingIntegerItIsThePresumedOne) {
+    reqcmd record = startOf("plain");
+    record.last_runtime_life_limit = 255; // negative when swapped
+    const RequestFile file = decodeRequests(encodeRequests({record}, kOther), kOther);
+    EXPECT_FALSE(file.isOrderKnown);
+    EXPECT_EQ(file.byteOrder, kOther);
+    EXPECT_EQ(imageOf(file.records), imageOf({record}));
+    record.action = APPMONCTL_Stop;
+    EXPECT_EQ(decodeRequests(imageOf({record}), kOther).byteOrder, nativeByteOrder());
 }
 
 TEST(RequestFile, WithoutATellingIntegerItIsThisMachines) {

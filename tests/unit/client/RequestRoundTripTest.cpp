@@ -137,7 +137,7 @@ TEST(RequestRoundTrip, ExampleIsUnderstood) {
         requestOf(APPMONCTL_Start, "modbus_tcp", "/home/kelvo/modbus/modbus_tcp --clients 8",
                   "/tmp/pid/home/kelvo/modbus/modbus_tcp.pid"),
         requestOf(APPMONCTL_Start, "modbus_serial", "/home/kelvo/modbus/modbus_serial --baud 19200",
-                  "/tmp/pid/modbus_serial.pid"),
+                  "/tmp/pid/home/kelvo/modbus/modbus_serial.pid"),
         requestOf(APPMONCTL_Restart_PortApps, "")};
     EXPECT_EQ(summariesOf(example.records), summariesOf(expected));
     expectLossless(imageOf(example.records));

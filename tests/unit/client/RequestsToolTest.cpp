@@ -104,7 +104,7 @@ TEST_F(RequestsTool, FileThatCannotBeReadIsTold) {
 }
 
 TEST_F(RequestsTool, CheckOfAFileInOrderEndsWith0) {
-    writeContent(path_, imageOf({requestOf(APPMONCTL_Stop, "one")}));
+    writeContent(path_, imageOf({requestOf(APPMONCTL_Stop_All, "one")}));
     const Report report = run(RequestsVerb::Check);
     EXPECT_EQ(report.exitStatus, kExitOk);
     EXPECT_EQ(report.output, "1 record, no problems\n");
@@ -114,7 +114,7 @@ TEST_F(RequestsTool, CheckOfAFileInOrderEndsWith0) {
 TEST_F(RequestsTool, CheckHasALineForEachProblemAndEndsWith1) {
     reqcmd record = requestOf(APPMONCTL_Start, "o\nne", "", "/p");
     writeContent(path_,
-                 imageOf({requestOf(APPMONCTL_Stop, "one"), requestOf(77, ""), record}) + "tail");
+                 imageOf({requestOf(APPMONCTL_Stop_All, ""), requestOf(77, ""), record}) + "tail");
     const Report report = run(RequestsVerb::Check);
     EXPECT_EQ(report.exitStatus, kExitFailed);
     const std::vector<std::string> begins = {
@@ -281,6 +281,56 @@ TEST_F(RequestsTool, CompileWritesToStandardOutputOrAFile) {
     EXPECT_EQ(written.exitStatus, kExitOk);
     EXPECT_EQ(written.output, "1 record written to " + output_ + '\n');
     EXPECT_EQ(contentOf(output_), imageOf({record}));
+}
+
+TEST_F(RequestsTool, CompileDoesNotReplaceItsOwnText) {
+    const std::string text = "[one]\ncmd = /home/kelvo/root/one\n";
+    writeContent(path_, text);
+    ASSERT_EQ(::symlink(path_.c_str(), output_.c_str()), 0);
+    const std::string hardLink = folder_.file("link");
+    ASSERT_EQ(::link(path_.c_str(), hardLink.c_str()), 0);
+    for (const std::string& output : {path_, folder_.file(".") + "/requests", output_, hardLink}) {
+        const Report report = compile(text, output);
+        EXPECT_EQ(report.exitStatus, kExitFailed) << output;
+        EXPECT_EQ(report.output, "") << output;
+        EXPECT_EQ(report.error.find("ovardctl: " + output + " is the text itself"), 0u)
+            << report.error;
+        EXPECT_EQ(contentOf(path_), text) << output;
+        EXPECT_EQ(contentOf(hardLink), text) << output;
+    }
+    EXPECT_EQ(compile(text, folder_.file("copy")).exitStatus, kExitOk);
+}
+
+TEST_F(RequestsTool, LargeNumbersOfATextAreNoOtherByteOrder) {
+    for (const std::string policy : {"self", "all"}) {
+        const std::string text = "[one]\ncmd = /home/kelvo/root/one\nport = com:100000000\n"
+                                 "delay = 33554432\nrestart = " +
+                                 policy + "\nlife-limit = 100000000\n";
+        ASSERT_EQ(compile(text, output_).exitStatus, kExitOk);
+        RequestsCommand command = commandOf(RequestsVerb::Show);
+        command.path = output_;
+        const std::string shown = runRequests(command, nullptr).output;
+        for (const char* line :
+             {"port = com:100000000\n", "delay = 33554432\n", "life-limit = 100000000\n"}) {
+            EXPECT_NE(shown.find(line), std::string::npos) << shown;
+        }
+        command.verb = RequestsVerb::Check;
+        EXPECT_EQ(runRequests(command, nullptr).output.find("byte order"), std::string::npos);
+        command.verb = RequestsVerb::Add;
+        command.request = startOf("two");
+        EXPECT_EQ(runRequests(command, nullptr).exitStatus, kExitOk);
+        ASSERT_EQ(::unlink(output_.c_str()), 0);
+    }
+}
+
+TEST_F(RequestsTool, CheckPresumesTheByteOrderThatTheFileIsFor) {
+    reqcmd record = requestOf(APPMONCTL_Start, "one", "/bin/sh", "/tmp/one.pid");
+    record.last_runtime_life_limit = 255; // negative when swapped
+    writeContent(path_, encodeRequests({record}, kOther));
+    RequestsCommand command = commandOf(RequestsVerb::Check);
+    command.byteOrder = kOther;
+    const Report report = runRequests(command, nullptr);
+    EXPECT_EQ(report.output.find("life limit"), std::string::npos) << report.output;
 }
 
 TEST_F(RequestsTool, CompileTakesTheByteOrderOfTheOptionThenOfTheText) {

@@ -1,5 +1,7 @@
 #include "client/ovardctl/StartChecks.h"
 
+#include <sys/stat.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -7,6 +9,9 @@
 #include <gtest/gtest.h>
 
 #include "platform/Text.h"
+#include "records/codes.h"
+#include "tests/unit/client/RequestRecords.h"
+#include "tests/unit/client/TestServer.h"
 
 namespace {
 
@@ -109,6 +114,38 @@ TEST(StartChecks, WarnsOfMoreWordsThanTheMonitorTakes) {
 TEST(StartChecks, HasNoWarningsForACommandWithoutWords) {
     EXPECT_TRUE(startWarnings(requestFor("")).empty());
     EXPECT_TRUE(startWarnings(requestFor(" \t")).empty());
+}
+
+TEST(StartChecks, TellsWhatKeepsAProgramFromRunningHere) {
+    const client_test::TemporaryFolder folder;
+    const std::string program = folder.file("app");
+    const auto warning = [](const std::string& command) {
+        return programWarning(requestFor(command));
+    };
+    EXPECT_EQ(warning(program + " -x"), "the program " + program +
+                                            " does not exist, so nothing runs; install it, or "
+                                            "correct the command");
+    client_test::writeContent(program, "program");
+    ASSERT_EQ(::chmod(program.c_str(), 0644), 0);
+    EXPECT_EQ(warning(program), "the program " + program +
+                                    " is not executable, so nothing runs; make it so with "
+                                    "chmod +x");
+    ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
+    EXPECT_EQ(warning(" " + program + " -x"), "");
+    EXPECT_EQ(warning("/tmp"), "the program /tmp is no plain file, so nothing runs; correct the "
+                               "command");
+    // It would be found from here, which tells nothing of the monitor's directory.
+    EXPECT_EQ(warning("sh -c x"),
+              "the program sh is named by no absolute path: the monitor looks for it in its own "
+              "working directory, not along PATH; give the absolute path");
+}
+
+TEST(StartChecks, LooksForTheProgramsOfStartsOnly) {
+    reqcmd request = requestFor("/nowhere/app");
+    ASSERT_NE(programWarning(request), "");
+    request.action = APPMONCTL_Restart;
+    EXPECT_EQ(programWarning(request), "");
+    EXPECT_EQ(programWarning(requestFor(" ")), "");
 }
 
 TEST(StartChecks, ReadsACommandThatFillsItsField) {

@@ -149,6 +149,30 @@ TEST(StatusView, SaysThatTheDataAreStale) {
                      "meter    9  starting      5s  com:2  all     -\n");
 }
 
+TEST(StatusView, SaysThatARunningMonitorNoLongerPublishes) {
+    Publication publication = runningPublication();
+    publication.nowMs = publication.segment.modifiedMs + 306000;
+    const Report report = makeStatusReport(publication, sampleSegment(), "meter", kPlain);
+    EXPECT_EQ(report.exitStatus, 4);
+    EXPECT_EQ(report.error,
+              "ovardctl: the monitor runs, but has not written segment /segment for more than 60 "
+              "seconds; it may be held up, see its lines in the system log (Ovard)\n"
+              "ovardctl: of more than 127 applications the monitor publishes none; \"ovardctl "
+              "system\" shows current data then\n");
+    EXPECT_EQ(report.output, "Monitor:  running\n"
+                             "Version:  5.1.0 (2023-11-14)\n"
+                             "Data:     3 applications, stale, 5m 06s old\n"
+                             "\n"
+                             "NAME   PID  STATUS    UPTIME  PORT   POLICY  VERSION\n"
+                             "meter    9  starting      5s  com:2  all     -\n");
+    EXPECT_EQ(makeStatusReport(publication, sampleSegment(), "", kJsonLine)
+                  .output.rfind("{\"monitor\":\"running\",\"data\":\"ok\",\"stale\":true,", 0),
+              0u);
+    // The hint is for running monitors.
+    EXPECT_EQ(makeStatusReport(stalePublication(), sampleSegment(), "", kPlain).error.find("127"),
+              std::string::npos);
+}
+
 TEST(StatusView, StaysStaleWhenTheApplicationIsNotPublishedEither) {
     const Report report = makeStatusReport(stalePublication(), sampleSegment(), "x", kPlain);
     EXPECT_EQ(report.exitStatus, 3);

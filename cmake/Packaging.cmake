@@ -16,7 +16,8 @@ set(CPACK_PACKAGE_CONTACT "The ovard maintainers <ovard@localhost>" CACHE STRING
     "Maintainer of the packages")
 set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_SOURCE_DIR}/LICENSE)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/packaging/debian/FinishDocuments.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/packaging/debian/RequireTools.cmake
+                            ${CMAKE_SOURCE_DIR}/packaging/debian/FinishDocuments.cmake)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

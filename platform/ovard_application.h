@@ -1,7 +1,8 @@
 // What an application calls so that the monitor can supervise it: heartbeats and its pid file.
 //
 // For C (C99) and C++ programs; link libovard_application (pkg-config: ovard_application). How the
-// calls belong together is told in docs/applications.md.
+// calls belong together is told in docs/applications.md, and a whole program is
+// examples/minimal_app.c; both are installed with the documentation of libovard-dev.
 //
 // None of these calls waits for anybody, throws, starts a thread, changes signal handling or leaves
 // a descriptor open. Each may be called from any thread, none from a signal handler.

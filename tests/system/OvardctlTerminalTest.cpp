@@ -9,6 +9,9 @@ namespace {
 
 constexpr const char* kInterruptKey = "\x03";
 
+/// Longer than the monitor rests after a request.
+constexpr int kServedPauseMs = 1100;
+
 class OvardctlTerminal : public PublicationTest {
 protected:
     /// Runs the tool on a terminal to its end; returns what it wrote there.
@@ -42,6 +45,7 @@ TEST_F(OvardctlTerminal, TellsHowLongItWaitsAndLeavesTheReplyAlone) {
 TEST_F(OvardctlTerminal, TellsNothingOfAShortWait) {
     ASSERT_TRUE(startMonitor());
     (void)launch("one");
+    sleepMs(kServedPauseMs); // until then the monitor takes no further request
     EXPECT_EQ(withoutDates(outputOf({"stop", "one"})), "one is stopped @DATE\r\n");
 }
 

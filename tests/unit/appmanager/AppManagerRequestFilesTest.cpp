@@ -143,6 +143,31 @@ TEST_F(AppendTest, NumbersAFailedWriteToo) {
     EXPECT_EQ(lines[1].number, lines[0].number + 1);
 }
 
+TEST_F(AppendTest, NumbersNoFailedOpening) {
+    verbose = 5;
+    EXPECT_EQ(append(makeRequest(4, "app")), 0);
+    const std::vector<NumberedLine> before = numberedLines(world().consoleText());
+    EXPECT_EQ(manager().appendAppConfigurationFile(kMissing, 0, makeRequest(4, "app")), -2);
+    world().forgetRecords();
+    EXPECT_EQ(append(makeRequest(4, "app")), 0);
+    const std::vector<NumberedLine> after = numberedLines(world().consoleText());
+    ASSERT_THAT(before, SizeIs(1));
+    ASSERT_THAT(after, SizeIs(1));
+    EXPECT_EQ(after[0].number, before[0].number + 1);
+}
+
+TEST_F(AppendTest, ThirdAttemptToOpenCounts) {
+    ASSERT_EQ(::rmdir(folder_.c_str()), 0);
+    world().onCall = [this](const std::string& call) {
+        if (call == "yield" && world().count("yield") == 2) {
+            ASSERT_EQ(::mkdir(folder_.c_str(), 0700), 0);
+        }
+    };
+    EXPECT_EQ(append(makeRequest(4, "late")), 0);
+    world().onCall = nullptr;
+    EXPECT_EQ(fileContent(), imageOf(makeRequest(4, "late")));
+}
+
 /// No file of this process grows beyond 100 bytes while it lives.
 class ShortFiles {
 public:
@@ -228,6 +253,18 @@ TEST_F(ReadTest, ReadsSilentlyAtVerbosityFour) {
     EXPECT_EQ(read(), 0);
     EXPECT_THAT(queue_, SizeIs(1));
     EXPECT_EQ(world().consoleText(), "");
+}
+
+TEST_F(ReadTest, ThirdAttemptToOpenCounts) {
+    world().onCall = [this](const std::string& call) {
+        if (call == "yield" && world().count("yield") == 2) {
+            writeFile(imageOf(makeRequest(0, "late")));
+        }
+    };
+    EXPECT_EQ(read(), 0);
+    world().onCall = nullptr;
+    ASSERT_THAT(queue_, SizeIs(1));
+    EXPECT_STREQ(queue_[0].name, "late");
 }
 
 TEST_F(ReadTest, FragmentAloneGivesNoRequest) {

@@ -17,6 +17,15 @@ statstruct_proc processStartedAt(std::uint64_t ticks) {
     return info;
 }
 
+TEST(AppStatusUpdateTest, OnlyDigitsOrNothingAreANumber) {
+    for (const char* const number : {"", "0", "0123456789"}) {
+        EXPECT_EQ(AppStatusUpdate::is_uint(number), 0) << number;
+    }
+    for (const char* const other : {"self", "-1", "+1", "1 ", "12a"}) {
+        EXPECT_EQ(AppStatusUpdate::is_uint(other), -1) << other;
+    }
+}
+
 TEST(AppStatusUpdateTest, KnowsTheBootTimeFromItsConstructionOn) {
     world().now = 1700000000;
     world().uptimeSec = 10000;

@@ -74,13 +74,14 @@ TEST_F(ClientLibrary, StartsShowsAndStopsAnApplication) {
     EXPECT_EQ(shownLines(),
               (std::vector<std::string>{"monitor: running", "applications: 0", machineLine()}));
     (void)installSample("one");
-    const ProgramResult start = runExample({"start", "one", commandOf("one"), "/tmp/one"});
+    const std::string options = "--exact-pidfile /tmp/one";
+    const ProgramResult start = runExample({"start", "one", commandOf("one", options), "/tmp/one"});
     const pid_t pid = pidIn(start.output);
     EXPECT_EQ(start.ending.text(), "status 0");
     EXPECT_EQ(withoutDates(start.output),
               "one [pid=" + std::to_string(pid) + "] is started @DATE\n");
     EXPECT_EQ(start.errors, "");
-    EXPECT_TRUE(runsAlone("one", pid));
+    EXPECT_TRUE(runsAlone("one", pid, options));
     ASSERT_TRUE(publishes("one", pid, "started"));
     EXPECT_EQ(shownLines(), (std::vector<std::string>{"monitor: running", "applications: 1",
                                                       "  one pid=" + std::to_string(pid) +

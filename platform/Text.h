@@ -28,9 +28,8 @@ template <std::size_t Size> void terminateField(char (&field)[Size]) {
 
 /// Copies `source` into `field`, cut to fit, rest of the field zero, always NUL-terminated.
 template <std::size_t Size> void copyToField(char (&field)[Size], std::string_view source) {
-    const std::size_t length = source.size() < Size ? source.size() : Size - 1;
     std::memset(field, 0, Size);
-    std::memcpy(field, source.data(), length);
+    source.copy(field, Size - 1);
 }
 
 /// printf into a std::string of at most `limit` - 1 characters; longer texts are cut. Never throws

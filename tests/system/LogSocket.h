@@ -1,4 +1,4 @@
-// Taking the system log away from the monitor, or making it wait for it.
+// Taking the system log away from the monitor, or giving it one that nobody reads.
 
 #ifndef OVARD_TESTS_SYSTEM_LOG_SOCKET_H
 #define OVARD_TESTS_SYSTEM_LOG_SOCKET_H
@@ -14,8 +14,7 @@ public:
     LogAside& operator=(const LogAside&) = delete;
 };
 
-/// While it is held, who writes to /dev/log waits there: its queue is full and nobody reads it. The
-/// monitor writes its first line early in its start, with the initialization mutex taken.
+/// While it is held, /dev/log takes no message: its queue is full and nobody reads it.
 class HeldLog {
 public:
     HeldLog();
@@ -26,7 +25,7 @@ public:
     /// The queue could be filled.
     bool holds() const { return holds_; }
 
-    /// Reads the queue, and what is written from then on is lost. May be called again.
+    /// Closes it: writers find nobody from then on. May be called again.
     void release();
 
 private:

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/system/LogSocket.h"
+#include "tests/system/HeldStart.h"
 #include "tests/system/StartupSupport.h"
 
 namespace systemtest {
@@ -80,34 +80,34 @@ TEST_F(StartupLauncher, NextInstanceStartsAfterTheFirstWasKilled) {
 // --- launcher and monitor apart ------------------------------------------------------------------
 
 TEST_F(StartupLauncher, LauncherWaitsAsLongAsTheMonitorIsNotInitialized) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
+    HeldStart start;
+    ASSERT_TRUE(start.holds());
     Daemon daemon;
     ASSERT_TRUE(daemon.spawn({}));
     ASSERT_TRUE(waitForEvent("Application Monitor Started."));
     EXPECT_FALSE(daemon.spawned().waitForEnd(500).ended);
     EXPECT_EQ(countEvent("Application Monitor Initialized."), 0U);
     EXPECT_FALSE(socketListens());
-    log.release();
+    start.release();
     EXPECT_EQ(daemon.spawned().waitForEnd(kPatienceMs).text(), "status 0");
     EXPECT_EQ(countEvent("Application Monitor Initialized."), 1U);
     EXPECT_TRUE(daemon.waitUntilReady());
 }
 
 TEST_F(StartupLauncher, SecondInstanceIsRefusedWhileTheFirstIsStarting) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
+    HeldStart start;
+    ASSERT_TRUE(start.holds());
     Daemon daemon;
     ASSERT_TRUE(daemon.spawn({"-d"}));
     ASSERT_TRUE(waitForEvent("Application Monitor Started."));
     expectRefused({}, daemon.pid());
-    log.release();
+    start.release();
     EXPECT_TRUE(daemon.waitUntilReady());
 }
 
 TEST_F(StartupLauncher, KilledLauncherDoesNotDisturbTheMonitor) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
+    HeldStart start;
+    ASSERT_TRUE(start.holds());
     Daemon daemon;
     ASSERT_TRUE(daemon.spawn({}));
     ASSERT_TRUE(waitForEvent("Application Monitor Started."));
@@ -115,7 +115,7 @@ TEST_F(StartupLauncher, KilledLauncherDoesNotDisturbTheMonitor) {
     ASSERT_NE(monitor, 0);
     ASSERT_TRUE(sendSignal(daemon.spawned().pid(), SIGKILL));
     ASSERT_EQ(daemon.spawned().waitForEnd(kPatienceMs).text(), "signal 9");
-    log.release();
+    start.release();
     ASSERT_TRUE(eventually([&] { return daemon.followMonitor(); }));
     EXPECT_EQ(daemon.pid(), monitor);
     EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
@@ -125,8 +125,8 @@ TEST_F(StartupLauncher, KilledLauncherDoesNotDisturbTheMonitor) {
 }
 
 TEST_F(StartupLauncher, LauncherReportsTheSignalThatKilledTheMonitor) {
-    HeldLog log;
-    ASSERT_TRUE(log.holds());
+    HeldStart start;
+    ASSERT_TRUE(start.holds());
     Daemon daemon;
     ASSERT_TRUE(daemon.spawn({}));
     ASSERT_TRUE(waitForEvent("Application Monitor Started."));

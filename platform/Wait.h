@@ -13,20 +13,26 @@ namespace platform {
 enum class WaitResult {
     Ready,       ///< the descriptor is readable (or at its end, or in error)
     TimedOut,    ///< the time is over
-    Terminating, ///< a watched signal is pending
+    Terminating, ///< a watched signal is pending, or endWatchedWaits was called
     Interrupted, ///< another signal's handler ran
     Failed,      ///< see errno
 };
 
 /// Makes the calling thread, the main one, watch for `signals`: its waits and sleeps end as soon as
-/// one of them is pending. The signals must be blocked in every thread. Call once, at start-up.
-/// Where no descriptor can be had for it, the waits look for pending signals every 50 ms instead.
+/// one of them is pending or endWatchedWaits is called. The signals must be blocked in every
+/// thread. Call once, at start-up. Where no descriptors can be had for it, the waits look every 50
+/// ms instead.
 void watchForTermination(const sigset_t& signals);
 
 /// Stops watching; the waits of the calling thread last their whole time again.
 void stopWatchingForTermination();
 
-/// True when the calling thread watches and one of its signals is pending.
+/// From now on the waits of the watching thread end as if a watched signal were pending. Any
+/// thread; not in a signal handler.
+void endWatchedWaits();
+
+/// True when the calling thread watches and one of its signals is pending or endWatchedWaits was
+/// called.
 bool terminationPending();
 
 /// Waits until `fd` is readable. `timeoutMs` < 0 waits for ever. `fd` may be of any size.

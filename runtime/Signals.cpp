@@ -56,12 +56,6 @@ std::atomic<std::uint32_t> g_watchdogKicks{0};
 /// result that has not been logged is overwritten.
 std::atomic<int> g_watchdogKickResults[32];
 
-/// Wakes the main thread for a reason that is no termination signal. Blocked while the monitor
-/// runs, and ignored, so that one still pending does no harm when the mask is restored.
-int wakeSignal() {
-    return SIGRTMIN;
-}
-
 /// What is let in by admitTerminationSignals: SIGTERM; nothing with -b. SIGINT, which does not end
 /// the monitor at first, is never held.
 sigset_t terminationSignals() {
@@ -71,16 +65,6 @@ sigset_t terminationSignals() {
         sigaddset(&signals, SIGTERM);
     }
     return signals;
-}
-
-/// Takes a pending wake signal, whoever sent it: left pending it would end every wait at once.
-void discardWakeSignal() {
-    sigset_t wake;
-    sigemptyset(&wake);
-    sigaddset(&wake, wakeSignal());
-    const timespec atOnce = {};
-    while (sigtimedwait(&wake, nullptr, &atOnce) > 0) {
-    }
 }
 
 /// Lets a signal in that the launcher of the monitor may have blocked.
@@ -204,15 +188,12 @@ void holdTerminationSignals() {
     g_mainThread = pthread_self();
     g_exitMonitor = exitMonitorFromAnyThread;
 
-    (void)platform::setSignalHandler(wakeSignal(), SIG_IGN); // Cannot fail.
-    sigset_t held = terminationSignals();
-    sigaddset(&held, wakeSignal());
+    const sigset_t held = terminationSignals();
     pthread_sigmask(SIG_BLOCK, &held, nullptr);
     platform::watchForTermination(held);
 }
 
 void admitTerminationSignals() {
-    discardWakeSignal();
     if (g_exitRequested) {
         std::exit(g_exitStatus);
     }
@@ -298,7 +279,7 @@ void exitMonitorFromAnyThread(int status) {
     if (pthread_equal(pthread_self(), g_mainThread) == 0) {
         g_exitStatus = status;
         g_exitRequested = true;
-        pthread_kill(g_mainThread, wakeSignal());
+        platform::endWatchedWaits();
         for (;;) {
             platform::sleepMilliseconds(kParkMs); // Cancelled here by the shutdown.
         }

@@ -27,7 +27,7 @@ public:
         // Those that the monitor may ignore, by name: old C libraries give the command up when the
         // set holds a signal that cannot be changed.
         for (const int signal :
-             {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGPIPE, SIGTERM, SIGCHLD, SIGRTMIN}) {
+             {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGPIPE, SIGTERM, SIGCHLD, SIGXFSZ}) {
             ::sigaddset(&signals, signal);
         }
         ::posix_spawnattr_setsigdefault(&attributes_, &signals);

@@ -1,13 +1,17 @@
 #include "platform/Wait.h"
 
 #include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <limits>
 
+#include "platform/MutexGuard.h"
 #include "platform/linux/Clock.h"
 #include "platform/linux/Watch.h"
 
@@ -24,32 +28,53 @@ struct Watch {
     bool everWatched;
     bool active;
     int wakeFd; ///< readable while a watched signal is pending; -1 when there is none
+    int endFd;  ///< readable once endWatchedWaits was called; -1 when there is none
     sigset_t signals;
 };
 
-thread_local Watch threadWatch = {false, false, -1, {}};
+thread_local Watch threadWatch = {false, false, -1, -1, {}};
+
+std::atomic<bool> g_waitsEnded{false};
+
+// The watching thread's endFd for the other threads. The mutex keeps it open while one writes to
+// it; held for a moment.
+pthread_mutex_t g_endFdMutex = PTHREAD_MUTEX_INITIALIZER;
+int g_endFd = -1;
+
+void publishEndFd(int fd) {
+    const MutexGuard guard(g_endFdMutex);
+    g_endFd = fd;
+}
+
+void closeIfOpen(int& fd) {
+    if (fd >= 0) {
+        ::close(fd);
+        fd = -1;
+    }
+}
 
 /// How long one poll may last: until `deadline`, and where there is no wake descriptor only one
-/// slice, after which the caller looks for pending signals. kNever: without limit.
+/// slice, after which the caller looks whether it shall end. kNever: without limit.
 std::int64_t pollSpan(std::int64_t deadline) {
     std::int64_t span = kNever;
     if (deadline != kNever) {
         span = std::max<std::int64_t>(deadline - monotonicNanoseconds(), 0);
     }
-    const bool mustLook = threadWatch.active && threadWatch.wakeFd < 0;
+    const bool mustLook = threadWatch.active && (threadWatch.wakeFd < 0 || threadWatch.endFd < 0);
     return mustLook ? std::min(span, kPendingSlice) : span;
 }
 
-/// Polls `fd` (-1: none) and the wake descriptor once. Returns ppoll's result; `readyEvents` tells
+/// Polls `fd` (-1: none) and the wake descriptors once. Returns ppoll's result; `readyEvents` tells
 /// about `fd`.
 int pollOnce(int fd, std::int64_t deadline, short& readyEvents) {
-    pollfd entries[] = {{fd, POLLIN, 0}, {threadWatch.wakeFd, POLLIN, 0}};
+    pollfd entries[] = {
+        {fd, POLLIN, 0}, {threadWatch.wakeFd, POLLIN, 0}, {threadWatch.endFd, POLLIN, 0}};
     const std::int64_t span = pollSpan(deadline);
     timespec timeout = {};
     if (span != kNever) {
         timeout = toTimespec(span);
     }
-    const int count = ::ppoll(entries, 2, span != kNever ? &timeout : nullptr, nullptr);
+    const int count = ::ppoll(entries, 3, span != kNever ? &timeout : nullptr, nullptr);
     readyEvents = entries[0].revents;
     return count;
 }
@@ -79,20 +104,36 @@ void watchForTermination(const sigset_t& signals) {
     threadWatch.active = true;
     threadWatch.signals = signals;
     threadWatch.wakeFd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    threadWatch.endFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    g_waitsEnded = false;
+    publishEndFd(threadWatch.endFd);
 }
 
 void stopWatchingForTermination() {
-    if (threadWatch.wakeFd >= 0) {
-        ::close(threadWatch.wakeFd);
+    if (!threadWatch.active) {
+        return;
     }
-    threadWatch.wakeFd = -1;
+    publishEndFd(-1);
+    closeIfOpen(threadWatch.wakeFd);
+    closeIfOpen(threadWatch.endFd);
     threadWatch.active = false;
 }
 
+void endWatchedWaits() {
+    g_waitsEnded = true;
+    const MutexGuard guard(g_endFdMutex);
+    if (g_endFd >= 0) {
+        (void)::eventfd_write(g_endFd, 1); // full is readable, too
+    }
+}
+
 bool terminationPending() {
-    sigset_t pending;
-    if (!threadWatch.active || ::sigpending(&pending) != 0) {
+    if (!threadWatch.active) {
         return false;
+    }
+    sigset_t pending;
+    if (g_waitsEnded || ::sigpending(&pending) != 0) {
+        return g_waitsEnded;
     }
     for (int signal = 1; signal < NSIG; ++signal) {
         if (::sigismember(&threadWatch.signals, signal) == 1 &&

@@ -111,6 +111,11 @@ void stopWatchingForTermination() {
     world().watching = false;
 }
 
+void endWatchedWaits() {
+    const Lock lock;
+    world().terminationIsPending = true;
+}
+
 bool terminationPending() {
     return mainThreadShallEnd();
 }

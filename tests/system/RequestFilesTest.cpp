@@ -2,6 +2,7 @@
 // itself have unit tests; the end in the middle of large files is in ShutdownAtWorkTest.cpp.
 
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -191,6 +192,17 @@ private:
 
     bool mounted_;
 };
+
+TEST_F(RequestFiles, LimitOfTheFileSizeDoesNotEndTheMonitor) {
+    ASSERT_TRUE(startRecording());
+    const rlimit limit = {100, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(monitor_.pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+    expectServing();
+    EXPECT_TRUE(eventually([] { return readFile(kRecorded).size() == 100; }));
+    expectServing();
+    EXPECT_EQ(readFile(kRecorded).size(), 100U);
+    expectOrderlyEnd();
+}
 
 TEST_F(RequestFiles, FullDiskIsReportedAndDisturbsNothingElse) {
     constexpr int kRoom = 4096;

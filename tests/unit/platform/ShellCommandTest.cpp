@@ -154,7 +154,7 @@ TEST(ShellCommand, HasNoSignalBlockedOrIgnored) {
     EXPECT_EQ(
         runInChild([&] {
             // SIGCHLD stays: who ignores it learns nothing of its children.
-            for (const int signal : {SIGPIPE, SIGHUP, SIGTERM, SIGUSR1, SIGQUIT, SIGINT}) {
+            for (const int signal : {SIGPIPE, SIGHUP, SIGTERM, SIGUSR1, SIGQUIT, SIGINT, SIGXFSZ}) {
                 ::signal(signal, SIG_IGN);
             }
             sigset_t all;

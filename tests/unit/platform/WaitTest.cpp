@@ -299,7 +299,7 @@ TEST(Watching, WorksWithoutADescriptor) {
               0);
 }
 
-TEST(Watching, HoldsOneDescriptorWhileItLasts) {
+TEST(Watching, HoldsTwoDescriptorsWhileItLasts) {
     EXPECT_EQ(runInChild([] {
                   const int before = ::dup(0);
                   ::close(before);
@@ -307,12 +307,77 @@ TEST(Watching, HoldsOneDescriptorWhileItLasts) {
                   for (int round = 0; round < 3; ++round) {
                       platform::watchForTermination(watched);
                   }
-                  if (::fcntl(before, F_GETFD) != FD_CLOEXEC || ::fcntl(before + 1, F_GETFD) >= 0) {
+                  if (::fcntl(before, F_GETFD) != FD_CLOEXEC ||
+                      ::fcntl(before + 1, F_GETFD) != FD_CLOEXEC ||
+                      ::fcntl(before + 2, F_GETFD) >= 0) {
                       return 1;
                   }
                   platform::stopWatchingForTermination();
                   platform::stopWatchingForTermination();
-                  return ::fcntl(before, F_GETFD) >= 0 ? 2 : 0;
+                  return ::fcntl(before, F_GETFD) >= 0 || ::fcntl(before + 1, F_GETFD) >= 0 ? 2 : 0;
+              }),
+              0);
+}
+
+// --- ending the waits ---
+
+/// Ends the waits of the watching thread from another one, after 5 ms.
+class EndFromAThread {
+public:
+    EndFromAThread()
+        : thread_([] {
+            ::usleep(5000);
+            platform::endWatchedWaits();
+        }) {}
+    ~EndFromAThread() { thread_.join(); }
+    EndFromAThread(const EndFromAThread&) = delete;
+    EndFromAThread& operator=(const EndFromAThread&) = delete;
+
+private:
+    std::thread thread_;
+};
+
+TEST(EndWatchedWaits, EndsAllWaitsFromThenOn) {
+    EXPECT_EQ(runWatching([] {
+                  const Pipe pipe;
+                  if (platform::terminationPending()) {
+                      return 1;
+                  }
+                  const EndFromAThread ending;
+                  if (waitReadable(pipe.reader.get(), kLong) != WaitResult::Terminating ||
+                      !platform::terminationPending()) {
+                      return 2;
+                  }
+                  return spanOf([] { platform::sleepMilliseconds(kLong); }) < kEarly ? 0 : 3;
+              }),
+              0);
+}
+
+TEST(EndWatchedWaits, WorksWithoutADescriptor) {
+    EXPECT_EQ(runInChild([] {
+                  rlimit limit = {};
+                  ::getrlimit(RLIMIT_NOFILE, &limit);
+                  const rlimit none = {0, limit.rlim_max};
+                  ::setrlimit(RLIMIT_NOFILE, &none);
+                  platform::watchForTermination(setOf(SIGALRM));
+                  ::setrlimit(RLIMIT_NOFILE, &limit);
+                  const EndFromAThread ending;
+                  return spanOf([] { platform::sleepMilliseconds(kLong); }) < kEarly ? 0 : 1;
+              }),
+              0);
+}
+
+TEST(EndWatchedWaits, DoesNotOutliveTheWatching) {
+    EXPECT_EQ(runWatching([] {
+                  platform::endWatchedWaits();
+                  platform::stopWatchingForTermination();
+                  if (platform::terminationPending() ||
+                      spanOf([] { platform::sleepMilliseconds(20); }) < 19) {
+                      return 1;
+                  }
+                  platform::endWatchedWaits(); // nobody watches
+                  platform::watchForTermination(setOf(SIGALRM));
+                  return platform::terminationPending() ? 2 : 0;
               }),
               0);
 }

@@ -114,14 +114,14 @@ protected:
     }
 
     /// The calls of the main thread's start-up: those before the first turn of the loop, without
-    /// the signal by which other threads wake the main one and the limit of descriptors.
+    /// what is done about the limits of file sizes and descriptors.
     static std::vector<std::string> startUpCalls() {
         std::vector<std::string> found;
         for (const std::string& call : fakes::world().calls) {
             if (call == "heartbeat_notify") {
                 break;
             }
-            if (call != signalCall(SIGRTMIN, "ignore") && call != "raiseDescriptorLimit") {
+            if (call != signalCall(SIGXFSZ, "ignore") && call != "raiseDescriptorLimit") {
                 found.push_back(call);
             }
         }

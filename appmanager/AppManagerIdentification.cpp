@@ -120,7 +120,7 @@ int AppManager::examineCandidate(pid_t pid, const Wanted& wanted, platform::Cand
 /// 0 when the process runs with the wanted words, else the reason why not.
 int AppManager::compareWords(const Wanted& wanted, const platform::Candidate& candidate) {
     const CommandWords words(*this, candidate.cmdline);
-    if (words.count() == 0 || words.count() != wanted.argc) {
+    if (words.count() == 0 || words.count() != wanted.argc || words.isCut()) {
         platform::trace(
             verbose > 7 || (verbose >= 3 && words.count() == 0),
             "findDaemon: app cmdline=%s argc=%d mismatch for pid=%d, cmdline=\"%s\" argc=%d\n",

@@ -8,8 +8,10 @@
 /// What `AppManager::commandline_parser` makes of a text, released at the end of the scope.
 class CommandWords {
 public:
+    /// `text` outlives the object.
     CommandWords(AppManager& manager, const char* text)
         : manager_(manager)
+        , text_(text)
         , count_(manager.commandline_parser(text, words_)) {}
     ~CommandWords() { manager_.commandline_parser_cleanup(count_, words_); }
     CommandWords(const CommandWords&) = delete;
@@ -17,11 +19,15 @@ public:
 
     int count() const { return count_; }
 
+    /// The text has more words than a command may have; those beyond were left out.
+    bool isCut() const;
+
     /// `count()` words and a null pointer; null when there was no memory.
     char** words() const { return words_; }
 
 private:
     AppManager& manager_;
+    const char* text_; ///< the caller's
     char** words_ = nullptr;
     int count_;
 };

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "appmanager/AppManager.h"
+#include "appmanager/CommandWords.h"
 #include "platform/Memory.h"
 #include "platform/Settings.h"
 #include "platform/Time.h"
@@ -104,4 +105,17 @@ void AppManager::commandline_parser_cleanup(int /*argc*/, char**& argv) {
     argv[0] = nullptr;
     platform::releaseMemory(argv);
     argv = nullptr;
+}
+
+bool CommandWords::isCut() const {
+    if (count_ < kMostWords) {
+        return false;
+    }
+    int words = 0;
+    const char* next = text_ + std::strspn(text_, kDelimiters);
+    for (; *next != '\0'; ++words) {
+        next += std::strcspn(next, kDelimiters);
+        next += std::strspn(next, kDelimiters);
+    }
+    return words > kMostWords;
 }

@@ -102,6 +102,7 @@ int close_zor_log(zor_log* handle) {
 }
 
 int write_system_log(const char* tag, const zortime8b& time, const char* text) {
+    runHook(world().onEvent, std::string(text));
     const Lock lock;
     world().eventTimes.push_back(getTimeStampFromZortime8B(time));
     world().events.push_back(std::string(tag) + ": " + text);

@@ -157,6 +157,7 @@ public:
     std::vector<LogLine> log; ///< lines written through an opened handle
     std::function<void(const std::string& text)> onConsole; ///< runs before the text is taken
     std::function<void(int level, const std::string& text)> onLog; ///< before the line is taken
+    std::function<void(const std::string& text)> onEvent;          ///< before the event is taken
     std::vector<LogOpening> logOpenings;
     bool logOpened = false; ///< opened more often than closed
     int logCloses = 0;

@@ -90,6 +90,31 @@ TEST_F(FindDaemonTest, OneMoreArgumentGivesMinusFive) {
     expectRecordUnchanged();
 }
 
+TEST_F(FindDaemonTest, OneMoreArgumentThanACommandMayHaveGivesMinusFive) {
+    std::string command = kServer;
+    for (int words = 3; words < 40; ++words) {
+        command += " " + std::to_string(words);
+    }
+    useCommand(command);
+    addDaemon(command + " \t");
+    EXPECT_GT(find(), 0);
+    useCommand(command);
+    world().processes.clear();
+    addDaemon(command + " d");
+    EXPECT_EQ(find(), -5);
+    expectRecordUnchanged();
+}
+
+TEST_F(FindDaemonTest, ApplicationStartedFromALongerCommandIsFound) {
+    std::string command = kServer;
+    for (int words = 3; words < 40; ++words) {
+        command += " " + std::to_string(words);
+    }
+    useCommand(command + " and more words that are never handed to the program");
+    addDaemon(command);
+    EXPECT_GT(find(), 0);
+}
+
 TEST_F(FindDaemonTest, OneArgumentLessGivesMinusFive) {
     addDaemon("/home/kelvo/root/data_server -p");
     EXPECT_EQ(find(), -5);

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -202,6 +203,23 @@ TEST_F(AppendTest, ShortWriteIsReportedAndStaysInTheFile) {
     ASSERT_THAT(lines, SizeIs(1));
     EXPECT_THAT(lines[0].rest, StartsWith(") Error "));
     EXPECT_THAT(lines[0].rest, EndsWith(" writing to " + path_ + ", REQUEST_CMD={action=0,app}"));
+}
+
+// The end of a fifo's last page takes what fits whole, and a single write is never cut: that of a
+// record that does not fit leaves nothing behind, the first of several would.
+TEST_F(AppendTest, WritesARecordWithOneCall) {
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    const platform::UniqueFd reader = platform::openFile(path_.c_str(), O_RDONLY);
+    const platform::UniqueFd writer = platform::openFile(path_.c_str(), O_WRONLY);
+    const int capacity = ::fcntl(writer.get(), F_SETPIPE_SZ, 1);
+    ASSERT_GT(capacity, static_cast<int>(sizeof(reqcmd)));
+    const std::string pending(static_cast<std::size_t>(capacity) - sizeof(reqcmd) + 1, 'x');
+    ASSERT_EQ(::write(writer.get(), pending.data(), pending.size()),
+              static_cast<ssize_t>(pending.size()));
+    EXPECT_EQ(append(makeRequest(0, "app")), 0);
+    int size = 0;
+    ASSERT_EQ(::ioctl(reader.get(), FIONREAD, &size), 0);
+    EXPECT_EQ(size, static_cast<int>(pending.size()));
 }
 
 // --- reading -------------------------------------------------------------------------------------

@@ -208,6 +208,17 @@ TEST_F(StartupTest, MutexIsHeldUntilTheHandlersAreInstalled) {
     EXPECT_TRUE(looked_);
 }
 
+TEST_F(StartupTest, MutexIsHeldUntilTheInitializedEventIsWritten) {
+    std::vector<std::string> heldAt;
+    world().onEvent = [&heldAt](const std::string& text) {
+        heldAt.push_back((launcherMayGoOn() ? "free: " : "held: ") + text);
+    };
+    run({"-d"});
+    EXPECT_THAT(heldAt, ElementsAre("held: Application Monitor Started.",
+                                    "held: Application Monitor Initialized."));
+    world().onEvent = nullptr;
+}
+
 TEST_F(StartupTest, MutexIsFreeAndTheEventWrittenBeforeThePidFile) {
     at("pidfile 4321 /tmp/pid/home/kelvo/root/ovard.pid 65 " + slotValue(7), [] {
         EXPECT_TRUE(launcherMayGoOn());

@@ -58,6 +58,7 @@ runtime_files() {
 etc/default/ovard
 etc/init.d/ovard-monitor
 usr/bin/ovardctl
+usr/lib/ovard/boot-marker
 usr/lib/systemd/system/ovard-monitor.service
 usr/lib/tmpfiles.d/ovard.conf
 usr/sbin/ovard

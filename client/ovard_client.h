@@ -62,7 +62,8 @@ typedef enum ovard_action {
     OVARD_STOP_ALL_BUT_SECURITY = 3, ///< all but the one named security_server
     OVARD_STOP_PORT_APPS = 4,        ///< all that serve a port
     OVARD_RESTART = 5, ///< with OVARD_RESTART_TYPE_ALL it is all applications that are restarted,
-                       ///< in the next supervision pass, after the reply
+                       ///< in the next supervision pass, after the reply; an unknown name is no
+                       ///< failure, nothing is done then
     OVARD_RESTART_ALL = 6,
     OVARD_RESTART_SELF_RESTARTING = 7, ///< all whose restart policy is OVARD_RESTART_TYPE_SELF
     OVARD_RESTART_PORT_APPS = 8        ///< all that serve a port
@@ -116,8 +117,9 @@ ovard_result ovard_request_set_pidfile(ovard_request* request, const char* pidfi
 
 /// What the monitor replied.
 typedef struct ovard_reply {
-    int32_t code;         ///< 0 success, else the failing action's result, -20 for "not found"; of
-                          ///< several stops that of the last one
+    int32_t code;         ///< 0 success, else the failing action's result, -20 for "not found",
+                          ///< which a restart of an unknown name is not; of several stops that of
+                          ///< the last one
     int32_t request_sent; ///< 1 once the monitor has the whole request, else 0
     char message[1025];   ///< for people, usually with a line feed at its end
 } ovard_reply;

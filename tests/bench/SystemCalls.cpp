@@ -74,7 +74,6 @@ constexpr KnownCall kKnownCalls[] = {
     {SYS_kill, "kill", kNoArgument, kNoArgument},
     {SYS_sched_yield, "sched_yield", kNoArgument, kNoArgument},
     {SYS_rt_sigprocmask, "sigprocmask", kNoArgument, kNoArgument},
-    {SYS_rt_sigtimedwait, "sigtimedwait", kNoArgument, kNoArgument},
     {SYS_rt_sigpending, "sigpending", kNoArgument, kNoArgument},
     {SYS_ppoll, "ppoll", kNoArgument, kNoArgument},
     {SYS_clock_gettime, "clock_gettime", kNoArgument, kNoArgument},

@@ -50,12 +50,7 @@ struct MemoryLimits {
     double pss;
 };
 constexpr MemoryLimits kShippedLimits = {3800, 2200};
-
-/// PSS of the monitor linked statically, in the same unit: its own, what supervising takes, and
-/// each application's record.
-constexpr double kStaticPss = 1000;
-constexpr double kStaticPssOfSupervision = 25;
-constexpr double kStaticPssOfApplication = 1.25;
+constexpr MemoryLimits kStaticLimits = {0, 1000}; ///< linked statically
 
 constexpr double kBytesPerKiB = 1024;
 constexpr double kBytesPerKilobyte = 1000;
@@ -106,7 +101,6 @@ constexpr const char* kLeases = "publishes the DHCP leases";
 constexpr const char* kImages = "copies the images into the segments";
 
 constexpr AccountedCall kOwnCalls[] = {
-    {"sigtimedwait", "", 1, 0, 0, kLetSignalsIn},
     {"sigprocmask", "", 2, 0, 0, kLetSignalsIn},
     {"open", bench::kHeartbeats, 1, 0, 0, kOwnBeat},
     {"fstat", bench::kHeartbeats, 1, 0, 0, kOwnBeat},
@@ -346,22 +340,25 @@ struct Turns {
 };
 
 bool traceTurns(pid_t monitor, Turns& traced) {
-    const bench::SystemCall beginsTurn("sigtimedwait", "");
+    const bench::SystemCall onceATurn("getpid", ""); // of its own heartbeat
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(kPatienceSec);
     bool begun = false;
     Clock::time_point begin;
-    return bench::traceThread(monitor, [&](const bench::SystemCall& call) {
-        if (call == beginsTurn && !begun) {
+    const bool isTraced = bench::traceThread(monitor, [&](const bench::SystemCall& call) {
+        const Clock::time_point now = Clock::now();
+        if (call == onceATurn && !begun) {
             begun = true;
-            begin = Clock::now();
-        } else if (call == beginsTurn && ++traced.turns == kTracedTurns) {
-            traced.seconds = Seconds(Clock::now() - begin).count();
+            begin = now;
+        } else if (call == onceATurn && ++traced.turns == kTracedTurns) {
+            traced.seconds = Seconds(now - begin).count();
             return false;
         }
         if (begun) {
             ++traced.calls[call];
         }
-        return true;
+        return now < deadline;
     });
+    return isTraced && traced.turns == kTracedTurns;
 }
 
 /// All kinds of calls that the idle monitor may make.
@@ -411,13 +408,6 @@ bool judgeCalls(pid_t monitor, int applications) {
     }
     std::printf("%8.0f  in all\n", total);
     return judge("system calls that are not accounted for", unaccounted, 0, "");
-}
-
-/// For the monitor linked statically.
-MemoryLimits staticLimits(int applications) {
-    const double supervision =
-        applications > 0 ? kStaticPssOfSupervision + applications * kStaticPssOfApplication : 0;
-    return {0, kStaticPss + supervision};
 }
 
 bool judgeMemory(pid_t monitor, const char* when, const MemoryLimits& limits) {
@@ -488,7 +478,6 @@ int main(int argc, char** argv) {
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const bool isStatic = std::strcmp(argv[4], "static") == 0;
-    const int applications = std::atoi(argv[3]);
-    return measure(argv[1], argv[2], applications,
-                   isStatic ? staticLimits(applications) : kShippedLimits);
+    const auto applications = static_cast<int>(std::strtol(argv[3], nullptr, 10));
+    return measure(argv[1], argv[2], applications, isStatic ? kStaticLimits : kShippedLimits);
 }

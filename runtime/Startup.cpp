@@ -84,8 +84,6 @@ void diagnosePort22() {
 
 void settleProcess() {
     (void)platform::setSignalHandler(SIGPIPE, SIG_IGN); // Cannot fail.
-    // A file that outgrows an inherited limit is a failed write, no reason to end.
-    (void)platform::setSignalHandler(SIGXFSZ, SIG_IGN);
     // Inherited as ignored it would take the statuses away for which the launch waits.
     (void)platform::setSignalHandler(SIGCHLD, SIG_DFL);
     (void)platform::setSignalAction(SIGCONT, nullptr, &savedSigAction_SIGCONT);
@@ -158,6 +156,8 @@ void startMonitor(const Options& options) {
 } // namespace
 
 int runMonitor(int argc, char** argv) {
+    // A file that outgrows an inherited limit is a failed write, no reason to end.
+    (void)platform::setSignalHandler(SIGXFSZ, SIG_IGN);
     completeStandardFiles();
     shareOneHeap();
     if (anotherInstanceRuns()) {

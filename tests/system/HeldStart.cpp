@@ -10,7 +10,7 @@ namespace systemtest {
 namespace {
 
 constexpr const char* kTimeZone = "TZ";
-constexpr const char* kFifo = "/run/held-time-zone";
+constexpr const char* kFifo = "/tmp/held_time_zone";
 
 } // namespace
 

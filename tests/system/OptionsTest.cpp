@@ -59,6 +59,14 @@ TEST_F(Options, QuestionMarkShowsVersionAndDate) {
     expectVersionOnly({"-?"}, "");
 }
 
+TEST_F(Options, LimitOfTheFileSizeDoesNotEndIt) {
+    const std::string full(65536, 'x');
+    ASSERT_TRUE(writeFile("/tmp/output", full));
+    const std::string command = "ulimit -f 1; exec " + daemonProgram() + " '-?' >>/tmp/output";
+    EXPECT_EQ(runProgram("/bin/sh", {"-c", command}).ending.text(), "status 0");
+    EXPECT_EQ(readFile("/tmp/output"), full);
+}
+
 TEST_F(Options, QuestionMarkEndsTheOptionsAtOnce) {
     expectVersionOnly({"-d", "-v", "8", "-?", "-t"}, "");
     expectVersionOnly({"-?d"}, "");

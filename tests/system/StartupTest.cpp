@@ -249,9 +249,10 @@ TEST_F(Startup, ExactlyTheExpectedDescriptorsAreOpen) {
     const auto descriptors = descriptorsOf(daemon.pid());
     EXPECT_EQ(countValue(descriptors, "/dev/null"), 3U);
     EXPECT_EQ(countValue(descriptors, "anon_inode:[signalfd]"), 1U);
+    EXPECT_EQ(countValue(descriptors, "anon_inode:[eventfd]"), 1U);
     EXPECT_EQ(countValue(descriptors, "socket:"), 2U); // control socket and log
     const std::size_t segments = countValue(descriptors, "/dev/shm/meter_usr");
-    EXPECT_EQ(descriptors.size(), 6U + segments) << testing::PrintToString(descriptors);
+    EXPECT_EQ(descriptors.size(), 7U + segments) << testing::PrintToString(descriptors);
     EXPECT_LE(segments, 2U);
     // Everything but the standard files is closed on exec.
     for (const auto& [number, target] : descriptors) {

@@ -49,7 +49,7 @@ TEST_F(StartupTest, SecondInstanceIsRefused) {
     EXPECT_EQ(run({"-d"}), -10);
     EXPECT_EQ(world().consoleText(), "process \"ovard\" is running, pid = 815, please close it and "
                                      "then restart process\n");
-    EXPECT_THAT(world().calls, IsEmpty());
+    EXPECT_THAT(startUpCalls(), IsEmpty());
     EXPECT_THAT(world().events, IsEmpty());
 }
 
@@ -78,7 +78,7 @@ INSTANTIATE_TEST_SUITE_P(Results, NoInstanceTest, testing::Values(0, -1));
 TEST_F(StartupTest, QuestionMarkPrintsVersionDateAndAnEmptyLine) {
     EXPECT_EQ(run({"-?"}), 0);
     EXPECT_EQ(world().consoleText(), versionLine() + slotText(7) + slotText(6) + "\n");
-    EXPECT_THAT(world().calls, IsEmpty());
+    EXPECT_THAT(startUpCalls(), IsEmpty());
     EXPECT_THAT(world().events, IsEmpty());
 }
 
@@ -88,7 +88,7 @@ TEST_F(StartupTest, UnknownOptionAndMissingArgumentDoTheSame) {
         ::optind = 0;
         EXPECT_EQ(run({bad}), 0) << bad;
         EXPECT_EQ(world().consoleText(), versionLine() + slotText(7) + slotText(6) + "\n") << bad;
-        EXPECT_THAT(world().calls, IsEmpty()) << bad;
+        EXPECT_THAT(startUpCalls(), IsEmpty()) << bad;
     }
 }
 
@@ -104,7 +104,7 @@ TEST_F(StartupTest, DiagnosticWithoutAConnection) {
     EXPECT_EQ(run({"-t"}), 0);
     EXPECT_EQ(world().consoleText(),
               versionLine() + "isEstablishedTCPconnectionOnPort22()=false\n");
-    EXPECT_THAT(world().calls, ElementsAre("port22"));
+    EXPECT_THAT(startUpCalls(), ElementsAre("port22"));
 }
 
 TEST_F(StartupTest, DiagnosticShowsAnIPv6PeerWithoutALineEnd) {

@@ -78,11 +78,11 @@ void writeLine(int descriptor, std::string_view head, std::string_view text, std
     (void)!::writev(descriptor, parts, 3); // the last resort has no other one
 }
 
-void writeToSystemConsole(std::string_view head, std::string_view text) {
+void writeToSystemConsole(std::string_view sender, std::string_view text) {
     const platform::UniqueFd console(
         ::open("/dev/console", O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     if (console.valid()) {
-        writeLine(console.get(), head, text, "\r\n");
+        writeLine(console.get(), sender, text, "\r\n");
     }
 }
 
@@ -109,7 +109,7 @@ int write_zor_log(const zor_log& handle, int level, const char* text, int) {
     }
     const int priority = (handle.facility & LOG_FACMASK) | (level & LOG_PRIMASK);
     if (!sendToCollector(priority, head.view(), message) && (handle.options & LOG_CONS) != 0) {
-        writeToSystemConsole(head.view(), message);
+        writeToSystemConsole(sender.view(), message);
     }
     return 0;
 }

@@ -69,10 +69,12 @@ bool LogCollector::send(std::string_view head, std::string_view text) {
     message.msg_namelen = sizeof address;
     message.msg_iov = parts;
     message.msg_iovlen = 2;
-    ssize_t sent = -1;
-    do {
-        sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | (isStuck_ ? MSG_DONTWAIT : 0));
-    } while (sent < 0 && errno == EINTR); // by the watchdog's timer, once a second at most
+    const int patience = isStuck_ ? MSG_DONTWAIT : 0;
+    ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | patience);
+    if (sent < 0 &&
+        errno == EINTR) { // Signals that keep coming would prolong the waiting for ever.
+        sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
     if (sent < 0 && errno == EPROTOTYPE) {
         return sendOverStream(head, text);
     }

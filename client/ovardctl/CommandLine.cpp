@@ -151,7 +151,9 @@ void Parser::addGlobalOptions() {
 void Parser::addStart() {
     CLI::App& start = addRequest("start", "Start an application and supervise it",
                                  "start meter --cmd \"/home/kelvo/root/meter -v\" --restart self");
-    addName(start, result_.request, "Name under which it is supervised")->required();
+    addName(start, result_.request,
+            "Name under which it is supervised; give that of the program's file")
+        ->required();
     const StartOptions options(start, result_.request);
     start.final_callback([this, options] { result_.warnings = options.complete(meterRoot_); });
 }

@@ -85,21 +85,21 @@ Finding judgeLack(const Publication& publication) {
     const std::string what = "segment " + publication.segmentName + " " + lack.reason;
     if (lack.exitStatus == kExitSystemError) {
         return {kExitSystemError, "ovardctl: " + what + "; check your rights on it in /dev/shm\n",
-                false, false, lack.word};
+                false, true, lack.word};
     }
     if (publication.monitor == MonitorState::NotRunning) {
         return {kExitNoMonitor,
                 noListener(publication) + ", and " + what +
                     "; start ovard, or name its socket with --socket\n",
-                false, false, lack.word};
+                false, true, lack.word};
     }
     if (publication.monitor == MonitorState::Unknown) {
         return {kExitSystemError, std::string(kUnknownMonitor) + ", and " + what + kUnknownRemedy,
-                false, false, lack.word};
+                false, true, lack.word};
     }
     return {lack.exitStatus,
             "ovardctl: " + what + "; the monitor publishes every few seconds, try again\n", false,
-            false, lack.word};
+            true, lack.word};
 }
 
 std::string tenthsOfSeconds(std::int64_t milliseconds) {

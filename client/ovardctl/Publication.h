@@ -38,7 +38,7 @@ struct Finding {
     int exitStatus;
     std::string error;    ///< for standard error; empty or ends with a line feed
     bool hasData;         ///< there is a whole cycle
-    bool isStale;         ///< it is of a monitor that runs no longer, or older than kCurrentMs
+    bool isStale;         ///< there is none, its monitor runs no longer, or older than kCurrentMs
     const char* dataWord; ///< the state of the data in JSON
 };
 

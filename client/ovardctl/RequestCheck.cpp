@@ -22,6 +22,11 @@ constexpr const char* kEndlessRestarts =
     ", and the machine can restart again and again (under the restart policy all an application "
     "that never came up restarts it, whatever its life limit)";
 
+/// How applications are kept from ending each other.
+constexpr const char* kOwnProgram =
+    ", after a failure too; give each a program of its own, a copy or a link for instance, that is "
+    "named as the application within the first 15 characters";
+
 std::string recordText(std::size_t number) {
     return "record " + std::to_string(number);
 }
@@ -43,6 +48,7 @@ private:
     void checkFirstStart(std::string_view name);
     void checkStart(const reqcmd& record);
     void checkCommand(const reqcmd& record);
+    void checkProcesses(const reqcmd& record);
     void checkPidFile(const reqcmd& record);
     void checkNumbers(const reqcmd& record);
     void checkProgram(const std::string& program, const std::string& consequence);
@@ -144,6 +150,7 @@ void Checker::checkFirstStart(std::string_view name) {
 void Checker::checkStart(const reqcmd& record) {
     checkText("version", record.version);
     checkCommand(record);
+    checkProcesses(record);
     checkPidFile(record);
     checkNumbers(record);
 }
@@ -164,6 +171,23 @@ void Checker::checkCommand(const reqcmd& record) {
         warn(recordText(rival) +
              " starts the same command under another name: the monitor may take the process of "
              "that application for this one's; remove one of the records");
+    }
+}
+
+/// A stop of an application ends every process that is called as it is.
+void Checker::checkProcesses(const reqcmd& record) {
+    const std::size_t victim = started_.withProcessOf(nameOf(record));
+    if (victim != 0) {
+        warn("the processes of " + recordText(victim) +
+             " have the name of this application: the monitor ends them whenever it stops or "
+             "restarts this one" +
+             kOwnProgram);
+    }
+    const std::size_t ender = started_.withNameOfProcess(record);
+    if (ender != 0) {
+        warn("the processes of its program have the name of the application that " +
+             recordText(ender) +
+             " starts: the monitor ends them whenever it stops or restarts that one" + kOwnProgram);
     }
 }
 

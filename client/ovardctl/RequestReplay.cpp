@@ -1,6 +1,7 @@
 #include "client/ovardctl/RequestReplay.h"
 
 #include "client/ovardctl/RequestFile.h"
+#include "client/ovardctl/StartChecks.h"
 #include "platform/Text.h"
 #include "records/codes.h"
 
@@ -14,6 +15,24 @@ template <std::size_t Size> std::string_view keptText(const char (&field)[Size])
     return platform::fieldText(field).substr(0, Size - 1);
 }
 
+/// The pid file that the application of a start writes by exactly this name; empty when there is
+/// none.
+std::string_view writtenPidFile(const reqcmd& record) {
+    const std::string_view name = keptText(record.pidfile);
+    return isConventionalPidFile(name, programOf(keptText(record.cmd))) ? std::string_view() : name;
+}
+
+/// The name by which the monitor finds processes of a start's program; empty where it finds none.
+std::string_view foundProcess(const reqcmd& record) {
+    const std::string_view program = programOf(keptText(record.cmd));
+    return placeOf(program) == ProgramPlace::Found ? processNameOf(program) : std::string_view();
+}
+
+/// What of a name is compared with that of a process.
+std::string_view shortName(std::string_view name) {
+    return name.substr(0, kProcessNameLength);
+}
+
 } // namespace
 
 std::size_t StartedApplications::withName(std::string_view name) const {
@@ -22,17 +41,25 @@ std::size_t StartedApplications::withName(std::string_view name) const {
 }
 
 std::size_t StartedApplications::withPidFileOf(const reqcmd& record) const {
-    const std::string_view pidFile = keptText(record.pidfile);
-    return pidFile.empty() ? 0 : firstUserOf(pidFile, pidFiles_);
+    return firstUserOf(keptText(record.pidfile), pidFiles_);
 }
 
 std::size_t StartedApplications::withCommandOf(const reqcmd& record) const {
     return firstUserOf(keptText(record.cmd), commands_);
 }
 
+std::size_t StartedApplications::withProcessOf(std::string_view name) const {
+    return firstUserOf(shortName(name), processes_);
+}
+
+std::size_t StartedApplications::withNameOfProcess(const reqcmd& record) const {
+    return firstUserOf(foundProcess(record), shortNames_);
+}
+
+/// Nobody uses an empty text.
 std::size_t StartedApplications::firstUserOf(std::string_view text, const TextUsers& users) {
     const auto first = users.lower_bound({text, 0});
-    return first == users.end() || first->first != text ? 0 : first->second;
+    return text.empty() || first == users.end() || first->first != text ? 0 : first->second;
 }
 
 void StartedApplications::stopFor(const reqcmd& record) {
@@ -62,8 +89,10 @@ void StartedApplications::start(const reqcmd& record, std::size_t number) {
     }
     const std::string_view name = nameOf(record);
     applications_[name] = {&record, number};
-    pidFiles_.emplace(keptText(record.pidfile), number);
+    pidFiles_.emplace(writtenPidFile(record), number);
     commands_.emplace(command, number);
+    processes_.emplace(foundProcess(record), number);
+    shortNames_.emplace(shortName(name), number);
     if (record.porttype != PORT_TYPE_NONE) {
         onPorts_.insert(name);
     }
@@ -75,8 +104,10 @@ void StartedApplications::stop(std::string_view name) {
         return;
     }
     const auto [record, number] = found->second;
-    pidFiles_.erase({keptText(record->pidfile), number});
+    pidFiles_.erase({writtenPidFile(*record), number});
     commands_.erase({keptText(record->cmd), number});
+    processes_.erase({foundProcess(*record), number});
+    shortNames_.erase({shortName(name), number});
     onPorts_.erase(name);
     applications_.erase(found);
 }

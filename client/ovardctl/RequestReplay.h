@@ -20,13 +20,22 @@ public:
     /// Number of the record that started the application of this name; 0 when there is none.
     std::size_t withName(std::string_view name) const;
 
-    /// Number of the first record that started an application with the same pid file; 0 when there
-    /// is none, or the record has no pid file.
+    /// Number of the first record that started an application which writes the pid file that the
+    /// record names; 0 when there is none. One whose pid file has the conventional name does not
+    /// write it: each of its processes adds its id.
     std::size_t withPidFileOf(const reqcmd& record) const;
 
     /// Number of the first record that started the same command, byte for byte; 0 when there is
     /// none.
     std::size_t withCommandOf(const reqcmd& record) const;
+
+    /// Number of the first record that started a program whose processes the monitor takes for
+    /// those of the application `name`: it ends them with that one. 0 when there is none.
+    std::size_t withProcessOf(std::string_view name) const;
+
+    /// Number of the first record that started an application with whose processes the monitor ends
+    /// those of the record's program; 0 when there is none.
+    std::size_t withNameOfProcess(const reqcmd& record) const;
 
     /// Forgets what the record stops; a start stops the application of its name.
     void stopFor(const reqcmd& record);
@@ -52,6 +61,8 @@ private:
     std::map<std::string_view, Application> applications_; ///< by name
     TextUsers pidFiles_;
     TextUsers commands_;
+    TextUsers processes_;                ///< what the monitor finds their processes by
+    TextUsers shortNames_;               ///< as far as they are compared with a process
     std::set<std::string_view> onPorts_; ///< names of those that serve a port
 };
 

@@ -200,11 +200,12 @@ void Parser::completeStart(reqcmd& record) {
                             "program and its arguments");
     } else if (!isGiven("pidfile") && !program.empty()) {
         const std::string name = conventionalPidFile(program, meterRoot_);
-        if (!readField(name, record.pidfile).empty()) {
-            complain(headLine_, "the conventional name of its pid file, " + name +
-                                    ", is longer than the " +
-                                    std::to_string(sizeof record.pidfile - 1) +
-                                    " characters that fit; give another one with pidfile");
+        const std::string problem = conventionalPidFileProblem(name);
+        if (problem.empty()) {
+            platform::copyToField(record.pidfile, name);
+        } else {
+            complain(headLine_, "the conventional name of its pid file, " + name + ',' + problem +
+                                    " with pidfile");
         }
     }
 }

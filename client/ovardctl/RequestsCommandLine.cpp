@@ -106,7 +106,9 @@ void Commands::addCheck() const {
 void Commands::addAdd(const char* meterRoot) const {
     RequestsCommand& command = command_;
     CLI::App& app = add(kAdd, "FILE", "Request file; made where it is missing");
-    addName(app, command.request, "Name under which it is supervised")->required();
+    addName(app, command.request,
+            "Name under which it is supervised; give that of the program's file")
+        ->required();
     const StartOptions options(app, command.request);
     addSwitch(
         app, "--no-wait", [&command] { command.request.nowait = 1; },

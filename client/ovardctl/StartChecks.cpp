@@ -1,6 +1,7 @@
 #include "client/ovardctl/StartChecks.h"
 
 #include "client/ovardctl/ProgramSearch.h"
+#include "client/ovardctl/RequestFile.h"
 #include "platform/InstallationDirectories.h"
 #include "platform/Text.h"
 #include "records/codes.h"
@@ -14,6 +15,9 @@ constexpr const char* kCommandBlanks = " \t\v\f";
 constexpr const char* kConsequence =
     "; once it has gone into the background the monitor does not recognise it, waits 30 seconds "
     "and later takes its start for failed";
+
+constexpr std::string_view kPidFileFolder = "/tmp/pid";
+constexpr std::string_view kPidFileEnding = ".pid";
 
 std::string placeWarning(std::string_view program) {
     const std::string subject = "the program " + std::string(program) + " lies ";
@@ -55,6 +59,44 @@ std::string lengthWarning(std::size_t words) {
            "first " + std::to_string(kMostCommandWords) + " and ignores the rest; shorten it";
 }
 
+std::string_view fileNameOf(std::string_view program) {
+    return program.substr(program.rfind('/') + 1);
+}
+
+std::string nameWarning(std::string_view name, std::string_view program) {
+    const std::string_view process = processNameOf(program);
+    if (name.empty() || process.empty() || name.substr(0, kProcessNameLength) == process) {
+        return {};
+    }
+    return "the application is not named as its program, " + std::string(fileNameOf(program)) +
+           " (the first " + std::to_string(kProcessNameLength) +
+           " characters count): a monitor that is started again does not adopt it and leaves it "
+           "unsupervised, and no stop ends stray copies of it; give it that name, or start a copy "
+           "of the program, or a link to it, that is named as the application";
+}
+
+std::string nameLengthWarning(std::string_view name) {
+    if (name.size() <= kPublishedNameLength) {
+        return {};
+    }
+    return "the name has " + std::to_string(name.size()) +
+           " characters, of which the monitor publishes the first " +
+           std::to_string(kPublishedNameLength) +
+           ": a monitor that is started again knows the application by these alone, and does not "
+           "find it by its whole name; give it a shorter one";
+}
+
+std::string pidFileWarning(std::string_view pidFile, std::string_view program) {
+    const std::string problem =
+        isConventionalPidFile(pidFile, program) ? conventionalPidFileProblem(pidFile) : "";
+    if (problem.empty()) {
+        return {};
+    }
+    return "the monitor may never confirm the application, and restart it or the machine again and "
+           "again: the conventional pid-file name " +
+           std::string(pidFile) + problem;
+}
+
 } // namespace
 
 std::vector<std::string_view> commandWords(std::string_view command) {
@@ -73,28 +115,48 @@ std::string_view programOf(std::string_view command) {
     return words.empty() ? std::string_view() : words.front();
 }
 
+std::string_view processNameOf(std::string_view program) {
+    return fileNameOf(program).substr(0, kProcessNameLength);
+}
+
 std::string conventionalPidFile(std::string_view program, const char* meterRoot) {
-    std::string name = "/tmp/pid";
+    std::string name(kPidFileFolder);
     if (meterRoot != nullptr) {
         name += meterRoot;
     }
     name += program;
-    name += ".pid";
+    name += kPidFileEnding;
     return name;
+}
+
+bool isConventionalPidFile(std::string_view pidFile, std::string_view program) {
+    const std::string ending = conventionalPidFile(program, nullptr).substr(kPidFileFolder.size());
+    return pidFile.size() >= kPidFileFolder.size() + ending.size() &&
+           pidFile.substr(0, kPidFileFolder.size()) == kPidFileFolder &&
+           pidFile.substr(pidFile.size() - ending.size()) == ending;
+}
+
+std::string conventionalPidFileProblem(std::string_view name) {
+    if (name.size() <= kLongestConventionalPidFile) {
+        return {};
+    }
+    return " has more than the " + std::to_string(kLongestConventionalPidFile) +
+           " characters that leave room for a process id of " + std::to_string(kMostPidDigits) +
+           " digits behind it; start the program by a shorter path, a link for instance, or let "
+           "it write a pid file without its id in the name, and give that";
 }
 
 std::string fillPidFile(reqcmd& request, const char* meterRoot) {
     const std::string name =
         conventionalPidFile(programOf(platform::fieldText(request.cmd)), meterRoot);
-    if (name.size() < sizeof request.pidfile) {
-        platform::copyToField(request.pidfile, name);
+    const std::string problem = conventionalPidFileProblem(name);
+    platform::copyToField(request.pidfile, problem.empty() ? name : "");
+    if (problem.empty()) {
         return {};
     }
-    platform::copyToField(request.pidfile, {});
-    return "the conventional pid-file name " + name + " is longer than " +
-           std::to_string(sizeof request.pidfile - 1) +
-           " characters and left empty; the monitor may drop an application without a pid file, "
-           "give a shorter name with --pidfile";
+    return "the name of the pid file is left empty, so that the monitor may drop the application: "
+           "the conventional name " +
+           name + problem + " with --pidfile";
 }
 
 ProgramPlace placeOf(std::string_view program) {
@@ -110,7 +172,11 @@ std::vector<std::string> startWarnings(const reqcmd& request) {
     if (words.empty()) {
         return warnings;
     }
-    for (const std::string& warning : {placeWarning(words.front()), lengthWarning(words.size())}) {
+    const std::string_view program = words.front();
+    const std::string_view name = nameOf(request);
+    for (const std::string& warning :
+         {placeWarning(program), lengthWarning(words.size()), nameWarning(name, program),
+          nameLengthWarning(name), pidFileWarning(platform::fieldText(request.pidfile), program)}) {
         if (!warning.empty()) {
             warnings.push_back(warning);
         }

@@ -96,8 +96,9 @@ TEST_F(RequestsTool, FileMadeByHandStartsWhatIsLeftInIt) {
               "1 record of one is removed from " + std::string(kFile) + '\n');
     EXPECT_EQ(permissions(kFile), 0644);
     ASSERT_TRUE(replay());
-    ASSERT_TRUE(eventually([&] { return !applications().empty(); }));
-    EXPECT_EQ(applications(), std::multiset<std::string>{commandOf("two", "again")});
+    // One that goes into the background may be missed for a moment.
+    const std::multiset<std::string> started = {commandOf("two", "again")};
+    EXPECT_TRUE(eventually([&] { return applications() == started; }));
 }
 
 TEST_F(RequestsTool, RecordedFileIsListedCheckedAndShown) {

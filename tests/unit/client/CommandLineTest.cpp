@@ -267,14 +267,15 @@ TEST(CommandLine, FillsInTheConventionalPidFile) {
 }
 
 TEST(CommandLine, LeavesAnOverlongConventionalPidFileEmptyAndWarns) {
-    // "/tmp/pid" and ".pid" take 12 of the 63 characters.
-    const std::string program = "/home/kelvo/root/" + std::string(34, 'p');
-    const CommandLine longest = parse({"start", "a", "--cmd", program + " x"});
+    // "/tmp/pid", ".pid" and, behind it, "." and 7 digits take 20 of the 63 characters.
+    const std::string name(26, 'p');
+    const std::string program = "/home/kelvo/root/" + name;
+    const CommandLine longest = parse({"start", name, "--cmd", program + " x"});
     ASSERT_EQ(longest.verdict, Verdict::Send);
-    EXPECT_EQ(fieldText(longest.request.pidfile).size(), 63u);
+    EXPECT_EQ(fieldText(longest.request.pidfile).size(), 55u);
     EXPECT_TRUE(longest.warnings.empty());
 
-    const CommandLine tooLong = parse({"start", "a", "--cmd", program + "p x"});
+    const CommandLine tooLong = parse({"start", name, "--cmd", program + "p x"});
     ASSERT_EQ(tooLong.verdict, Verdict::Send);
     EXPECT_EQ(fieldText(tooLong.request.pidfile), "");
     ASSERT_EQ(tooLong.warnings.size(), 1u);
@@ -283,7 +284,7 @@ TEST(CommandLine, LeavesAnOverlongConventionalPidFileEmptyAndWarns) {
 
 TEST(CommandLine, WarnsOfCommandsThatTheMonitorTakesDifferently) {
     EXPECT_TRUE(parseStart({}).warnings.empty());
-    const CommandLine outside = parse({"start", "a", "--cmd", "/bin/app"});
+    const CommandLine outside = parse({"start", "app", "--cmd", "/bin/app"});
     ASSERT_EQ(outside.verdict, Verdict::Send);
     ASSERT_EQ(outside.warnings.size(), 1u);
     EXPECT_NE(outside.warnings[0].find("/bin/app lies outside"), std::string::npos);
@@ -292,7 +293,15 @@ TEST(CommandLine, WarnsOfCommandsThatTheMonitorTakesDifferently) {
     for (int count = 1; count < 41; ++count) {
         words += " x";
     }
-    EXPECT_EQ(parse({"start", "a", "--cmd", words}).warnings.size(), 2u);
+    EXPECT_EQ(parse({"start", "app", "--cmd", words}).warnings.size(), 2u);
+
+    const CommandLine misnamed = parse({"start", "a", "--cmd", "/home/kelvo/root/app"});
+    ASSERT_EQ(misnamed.warnings.size(), 1u);
+    EXPECT_NE(misnamed.warnings[0].find("not named as its program, app"), std::string::npos);
+    EXPECT_EQ(
+        parse({"start", std::string(32, 'a'), "--cmd", "/home/kelvo/root/" + std::string(15, 'a')})
+            .warnings.size(),
+        1u);
 }
 
 TEST(CommandLine, PidFileAndNoPidFileExcludeEachOther) {

@@ -133,9 +133,9 @@ private:
 
 TEST(Ovardctl, EndsWith0AndPrintsTheMessage) {
     const AnsweringServer server(makeReply(0, "app [pid=12] is started @2024-01-02 03:04:05\n"));
-    const ToolResult result =
-        runTool({"start", "app", "--cmd", "/home/kelvo/root/absent -x", "--socket", server.path()},
-                {"METER_ROOT=/opt/x"});
+    const ToolResult result = runTool(
+        {"start", "absent", "--cmd", "/home/kelvo/root/absent -x", "--socket", server.path()},
+        {"METER_ROOT=/opt/x"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(result.output, "app [pid=12] is started @2024-01-02 03:04:05\n");
     // The request is sent all the same.
@@ -143,7 +143,7 @@ TEST(Ovardctl, EndsWith0AndPrintsTheMessage) {
               "ovardctl: warning: the program /home/kelvo/root/absent does not exist, so nothing "
               "runs; install it, or correct the command\n");
     reqcmd expected{};
-    std::strcpy(expected.name, "app");
+    std::strcpy(expected.name, "absent");
     std::strcpy(expected.cmd, "/home/kelvo/root/absent -x");
     std::strcpy(expected.pidfile, "/tmp/pid/opt/x/home/kelvo/root/absent.pid");
     const reqcmd request = server.request();
@@ -278,7 +278,8 @@ TEST(Ovardctl, WarnsOfAPidFileNameThatDoesNotFit) {
     const ToolResult result =
         runTool({"start", "app", "--cmd", "/" + std::string(60, 'p'), "--socket", server.path()});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_NE(result.error.find("warning"), std::string::npos);
+    EXPECT_NE(result.error.find("warning: the name of the pid file is left empty"),
+              std::string::npos);
     const reqcmd request = server.request();
     EXPECT_EQ(platform::fieldText(request.pidfile), "");
 }

@@ -27,9 +27,16 @@ protected:
     }
 
     void replayStart(const std::string& name, std::int32_t portType = PORT_TYPE_NONE) {
-        reqcmd record = startOf(name);
+        reqcmd record = writingStartOf(name);
         record.porttype = portType;
         replay(record);
+    }
+
+    /// A start of a program that writes exactly the pid file that is named.
+    static reqcmd writingStartOf(const std::string& name) {
+        reqcmd record = startOf(name);
+        copyToField(record.pidfile, "/tmp/" + name + ".pid");
+        return record;
     }
 
     std::deque<reqcmd> records_; ///< stay where they are
@@ -41,16 +48,16 @@ TEST_F(RequestReplay, StartIsFoundByNamePidFileAndCommand) {
     replayStart("one");
     replayStart("two");
     EXPECT_EQ(started_.withName("two"), 2u);
-    EXPECT_EQ(started_.withPidFileOf(startOf("two")), 2u);
+    EXPECT_EQ(started_.withPidFileOf(writingStartOf("two")), 2u);
     EXPECT_EQ(started_.withCommandOf(startOf("two")), 2u);
     EXPECT_EQ(started_.withName("three"), 0u);
-    EXPECT_EQ(started_.withPidFileOf(startOf("three")), 0u);
+    EXPECT_EQ(started_.withPidFileOf(writingStartOf("three")), 0u);
     EXPECT_EQ(started_.withCommandOf(startOf("three")), 0u);
 }
 
 TEST_F(RequestReplay, FirstOfSeveralUsersIsTold) {
     replayStart("one");
-    reqcmd other = startOf("one");
+    reqcmd other = writingStartOf("one");
     copyToField(other.name, "other");
     replay(other);
     EXPECT_EQ(started_.withPidFileOf(other), 1u);
@@ -60,11 +67,44 @@ TEST_F(RequestReplay, FirstOfSeveralUsersIsTold) {
     EXPECT_EQ(started_.withCommandOf(other), 2u);
 }
 
+TEST_F(RequestReplay, ConventionalPidFileHasNoUser) {
+    replay(startOf("one"));
+    EXPECT_EQ(started_.withPidFileOf(startOf("one")), 0u);
+    reqcmd other = startOf("other");
+    copyToField(other.pidfile, startOf("one").pidfile);
+    replay(other);
+    EXPECT_EQ(started_.withPidFileOf(startOf("one")), 2u);
+}
+
+TEST_F(RequestReplay, ProcessesAreFoundByFifteenCharactersOfTheFileName) {
+    replay(requestOf(APPMONCTL_Start, "gateway", "/home/kelvo/modbus/modbus_gateway_server -a"));
+    EXPECT_EQ(started_.withProcessOf("modbus_gateway_client"), 1u);
+    EXPECT_EQ(started_.withProcessOf("modbus_gateway"), 0u);
+    EXPECT_EQ(started_.withProcessOf("gateway"), 0u);
+    const auto ofProgram = [](const std::string& program) {
+        return requestOf(APPMONCTL_Start, "x", program);
+    };
+    EXPECT_EQ(started_.withNameOfProcess(ofProgram("/home/kelvo/root/gateway")), 1u);
+    EXPECT_EQ(started_.withNameOfProcess(ofProgram("/home/kelvo/root/gateways")), 0u);
+    EXPECT_EQ(started_.withNameOfProcess(ofProgram("/bin/gateway")), 0u);
+    replay(requestOf(APPMONCTL_Stop, "gateway"));
+    EXPECT_EQ(started_.withProcessOf("modbus_gateway_client"), 0u);
+    EXPECT_EQ(started_.withNameOfProcess(ofProgram("/home/kelvo/root/gateway")), 0u);
+}
+
+TEST_F(RequestReplay, ProcessesOutsideTheFoldersOfDaemonsAreNotFound) {
+    replay(requestOf(APPMONCTL_Start, "x", "/bin/one"));
+    replay(requestOf(APPMONCTL_Start, "y", "/home/kelvo/root/appmon/one"));
+    replay(requestOf(APPMONCTL_Start, "z", "/home/kelvo/root/"));
+    EXPECT_EQ(started_.withProcessOf("one"), 0u);
+    EXPECT_EQ(started_.withProcessOf(""), 0u);
+}
+
 TEST_F(RequestReplay, LaterStartOfANameTakesThePlaceOfTheFirst) {
     replayStart("one");
     replay(requestOf(APPMONCTL_Start, "one", "/home/kelvo/root/new", "/tmp/new.pid"));
     EXPECT_EQ(started_.withName("one"), 2u);
-    EXPECT_EQ(started_.withPidFileOf(startOf("one")), 0u);
+    EXPECT_EQ(started_.withPidFileOf(writingStartOf("one")), 0u);
     EXPECT_EQ(started_.withCommandOf(startOf("one")), 0u);
 }
 
@@ -73,7 +113,7 @@ TEST_F(RequestReplay, StopForgetsAllOfTheApplication) {
     replayStart("two");
     replay(requestOf(APPMONCTL_Stop, "one"));
     EXPECT_EQ(started_.withName("one"), 0u);
-    EXPECT_EQ(started_.withPidFileOf(startOf("one")), 0u);
+    EXPECT_EQ(started_.withPidFileOf(writingStartOf("one")), 0u);
     EXPECT_EQ(started_.withCommandOf(startOf("one")), 0u);
     EXPECT_EQ(started_.withName("two"), 2u);
     replayStart("one");
@@ -105,7 +145,7 @@ TEST_F(RequestReplay, StopsOfTheWholeListForgetThoseThatTheyConcern) {
     startAll();
     replay(requestOf(APPMONCTL_Stop_All, ""));
     EXPECT_EQ(left(), "");
-    EXPECT_EQ(started_.withPidFileOf(startOf("plain")), 0u);
+    EXPECT_EQ(started_.withPidFileOf(writingStartOf("plain")), 0u);
 }
 
 TEST_F(RequestReplay, OtherActionsStopNothing) {

@@ -141,10 +141,13 @@ TEST(RequestText, PidFileOfAStartIsTheConventionalOneUnlessItIsGiven) {
 }
 
 TEST(RequestText, ConventionalPidFileThatIsTooLongIsRefused) {
-    // "/tmp/pid", the path and ".pid": 63 characters fit.
-    const std::string fits = "/" + std::string(50, 'p');
+    // "/tmp/pid", the path, ".pid", "." and a process id of 7 digits: 63 characters fit.
+    const std::string fits = "/" + std::string(42, 'p');
     EXPECT_EQ(fieldText(recordOf("[app]\ncmd = " + fits).pidfile), "/tmp/pid" + fits + ".pid");
-    expectProblem("[app]\ncmd = " + fits + "p", 1, "63 characters");
+    expectProblem("[app]\ncmd = " + fits + "p", 1,
+                  "the conventional name of its pid file, /tmp/pid" + fits +
+                      "p.pid, has more than the 55 characters that leave room for a process id");
+    (void)recordOf("[app]\npidfile = /tmp/pid" + fits + "p.pid\ncmd = " + fits + "p");
     (void)recordOf("[app]\npidfile =\ncmd = " + fits + "p");
 }
 

@@ -25,6 +25,13 @@ reqcmd requestFor(const std::string& command) {
     return request;
 }
 
+/// A start of the program under that name.
+reqcmd namedRequest(const std::string& name, const std::string& command) {
+    reqcmd request = requestFor(command);
+    platform::copyToField(request.name, name);
+    return request;
+}
+
 std::string commandOf(const std::string& program, int words) {
     std::string command = program;
     for (int count = 1; count < words; ++count) {
@@ -57,12 +64,96 @@ TEST(StartChecks, NamesTheConventionalPidFile) {
     EXPECT_EQ(conventionalPidFile("/app", ""), "/tmp/pid/app.pid");
 }
 
-TEST(StartChecks, FillsInThePidFileAsFarAsItFits) {
-    reqcmd request = requestFor("/" + std::string(50, 'p') + " -x");
+TEST(StartChecks, RecognisesTheConventionalPidFile) {
+    const std::string program = "/home/kelvo/root/app";
+    EXPECT_TRUE(isConventionalPidFile("/tmp/pid/home/kelvo/root/app.pid", program));
+    EXPECT_TRUE(isConventionalPidFile("/tmp/pid/opt/x/home/kelvo/root/app.pid", program));
+    for (const char* other : {"", "/tmp/pid", "/tmp/pi/home/kelvo/root/app.pid",
+                              "/tmp/pid/home/kelvo/root/app", "/tmp/pid/home/kelvo/root/other.pid",
+                              "/home/kelvo/root/app.pid", "/tmp/pid/home/kelvo/root/app.pid.12"}) {
+        EXPECT_FALSE(isConventionalPidFile(other, program)) << other;
+    }
+}
+
+TEST(StartChecks, FillsInAPidFileThatLeavesRoomForEveryProcessId) {
+    // The file is called NAME.PID, in a field of 64 bytes with a NUL: "/tmp/pid", ".pid" and
+    // ".4194304", the longest id of Linux, leave 43 characters for the program.
+    const std::string program = '/' + std::string(42, 'p');
+    reqcmd request = requestFor(program + " -x");
     EXPECT_EQ(fillPidFile(request, nullptr), "");
-    EXPECT_EQ(platform::fieldText(request.pidfile), "/tmp/pid/" + std::string(50, 'p') + ".pid");
-    EXPECT_NE(fillPidFile(request, "/"), "");
+    EXPECT_EQ(platform::fieldText(request.pidfile), "/tmp/pid" + program + ".pid");
+    EXPECT_EQ((std::string(platform::fieldText(request.pidfile)) + ".4194304").size(), 63u);
+
+    EXPECT_EQ(fillPidFile(request, "/"),
+              "the name of the pid file is left empty, so that the monitor may drop the "
+              "application: the conventional name /tmp/pid/" +
+                  program +
+                  ".pid has more than the 55 characters that leave room for a process id of 7 "
+                  "digits behind it; start the program by a shorter path, a link for instance, or "
+                  "let it write a pid file without its id in the name, and give that with "
+                  "--pidfile");
     EXPECT_EQ(platform::fieldText(request.pidfile), "");
+}
+
+TEST(StartChecks, WarnsOfAConventionalPidFileWithoutRoomForAProcessId) {
+    const auto warningsFor = [](const std::string& program, const std::string& pidFile) {
+        reqcmd request = requestFor(program);
+        platform::copyToField(request.pidfile, pidFile);
+        return startWarnings(request);
+    };
+    const std::string program = "/home/kelvo/modbus/" + std::string(24, 'p');
+    const std::string pidFile = "/tmp/pid" + program + ".pid";
+    ASSERT_EQ(pidFile.size(), 55u);
+    EXPECT_TRUE(warningsFor(program, pidFile).empty());
+    const std::vector<std::string> warnings =
+        warningsFor(program + "p", "/tmp/pid" + program + "p.pid");
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0].find("the monitor may never confirm the application, and restart it or "
+                               "the machine again and again: the conventional pid-file name "
+                               "/tmp/pid" +
+                               program + "p.pid has more than the 55 characters"),
+              0u)
+        << warnings[0];
+    // METER_ROOT takes its share.
+    EXPECT_EQ(warningsFor(program, "/tmp/pid/" + program + ".pid").size(), 1u);
+    // A program that writes exactly the file that is named has no id in the name.
+    EXPECT_TRUE(warningsFor(program, "/tmp/" + std::string(58, 'p')).empty());
+}
+
+TEST(StartChecks, WarnsOfANameThatIsNotThatOfTheProgram) {
+    const std::string command = "/home/kelvo/root/prog -x";
+    EXPECT_TRUE(startWarnings(namedRequest("prog", command)).empty());
+    const std::vector<std::string> warnings = startWarnings(namedRequest("other", command));
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0],
+              "the application is not named as its program, prog (the first 15 characters count): "
+              "a monitor that is started again does not adopt it and leaves it unsupervised, and "
+              "no stop ends stray copies of it; give it that name, or start a copy of the program, "
+              "or a link to it, that is named as the application");
+    for (const char* name : {"pro", "progs", "Prog", "/home/kelvo/root/prog"}) {
+        EXPECT_EQ(startWarnings(namedRequest(name, command)).size(), 1u) << name;
+    }
+    EXPECT_TRUE(startWarnings(namedRequest("", command)).empty());
+}
+
+TEST(StartChecks, ComparesNamesAsFarAsTheSystemKeepsThoseOfProcesses) {
+    const std::string command = "/home/kelvo/modbus/modbus_gateway_server";
+    EXPECT_TRUE(startWarnings(namedRequest("modbus_gateway_server", command)).empty());
+    EXPECT_TRUE(startWarnings(namedRequest("modbus_gateway_client", command)).empty());
+    EXPECT_TRUE(startWarnings(namedRequest("modbus_gateway_", command)).empty());
+    EXPECT_EQ(startWarnings(namedRequest("modbus_gateway", command)).size(), 1u);
+    EXPECT_EQ(startWarnings(namedRequest("modbus_gatewayXserver", command)).size(), 1u);
+}
+
+TEST(StartChecks, WarnsOfANameThatIsNotPublishedWhole) {
+    const std::string longest(31, 'n');
+    EXPECT_TRUE(startWarnings(namedRequest(longest, "/home/kelvo/root/" + longest)).empty());
+    const std::vector<std::string> warnings =
+        startWarnings(namedRequest(longest + "n", "/home/kelvo/root/" + longest));
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0], "the name has 32 characters, of which the monitor publishes the first "
+                           "31: a monitor that is started again knows the application by these "
+                           "alone, and does not find it by its whole name; give it a shorter one");
 }
 
 TEST(StartChecks, KnowsWhereTheMonitorFindsDaemons) {

@@ -213,7 +213,7 @@ TEST(StatusView, ShowsNothingOfASegmentThatCouldNotBeRead) {
     EXPECT_EQ(report.exitStatus, 4);
     EXPECT_EQ(report.output, "Monitor:  running\nData:     none\n");
     EXPECT_EQ(makeStatusReport(publication, sampleSegment(), "", kJsonLine).output,
-              "{\"monitor\":\"running\",\"data\":\"kept changing\",\"stale\":false}\n");
+              "{\"monitor\":\"running\",\"data\":\"kept changing\",\"stale\":true}\n");
 }
 
 TEST(StatusView, GivesScriptsEverything) {

@@ -150,7 +150,7 @@ TEST(SystemView, ShowsNothingOfASegmentThatAMonitorHasOnlyCleared) {
     EXPECT_EQ(report.exitStatus, 4);
     EXPECT_EQ(report.output, "Monitor:  running\nData:     none\n");
     EXPECT_EQ(makeSystemReport(runningPublication(), segment, kJsonLine).output,
-              "{\"monitor\":\"running\",\"data\":\"none yet\",\"stale\":false}\n");
+              "{\"monitor\":\"running\",\"data\":\"none yet\",\"stale\":true}\n");
 }
 
 TEST(SystemView, GivesScriptsEverything) {

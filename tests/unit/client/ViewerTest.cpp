@@ -168,8 +168,8 @@ TEST_F(Viewer, WatchesAMonitorEndAndComeBack) {
     EXPECT_TRUE(contains(lines[1], "\"not running\",\"data\":\"ok\",\"stale\":true"));
     EXPECT_TRUE(contains(lines[1], "\"before\""));
     EXPECT_TRUE(contains(lines[2], "\"not running\",\"data\":\"ok\",\"stale\":true"));
-    EXPECT_TRUE(contains(lines[3], "\"not running\",\"data\":\"no segment\",\"stale\":false"));
-    EXPECT_TRUE(contains(lines[4], "\"running\",\"data\":\"none yet\",\"stale\":false"));
+    EXPECT_TRUE(contains(lines[3], "\"not running\",\"data\":\"no segment\",\"stale\":true"));
+    EXPECT_TRUE(contains(lines[4], "\"running\",\"data\":\"none yet\",\"stale\":true"));
     EXPECT_TRUE(contains(lines[5], "\"running\",\"data\":\"ok\",\"stale\":false"));
     EXPECT_TRUE(contains(lines[5], "\"after\""));
     // Each is told once, while it lasts.

@@ -156,8 +156,6 @@ void startMonitor(const Options& options) {
 } // namespace
 
 int runMonitor(int argc, char** argv) {
-    // A file that outgrows an inherited limit is a failed write, no reason to end.
-    (void)platform::setSignalHandler(SIGXFSZ, SIG_IGN);
     completeStandardFiles();
     shareOneHeap();
     if (anotherInstanceRuns()) {

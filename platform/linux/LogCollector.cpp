@@ -12,6 +12,7 @@ namespace platform {
 namespace {
 
 constexpr char kCollectorPath[] = "/dev/log";
+constexpr char kEndOfMessage = '\0'; ///< in a stream
 
 sockaddr_un collectorAddress() {
     sockaddr_un address = {};
@@ -35,7 +36,7 @@ bool sendOverStream(std::string_view head, std::string_view text) {
         ::connect(stream.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         return false;
     }
-    iovec parts[] = {part(head), part(text), part({"", 1})};
+    iovec parts[] = {part(head), part(text), part({&kEndOfMessage, 1})};
     msghdr message = {};
     message.msg_iov = parts;
     message.msg_iovlen = 3;
@@ -49,7 +50,7 @@ bool LogCollector::open() {
     if (!socket_.valid()) {
         socket_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         timeval patience = {};
-        patience.tv_usec = kPatienceMs * 1000;
+        patience.tv_usec = kPatienceMs * 1000L;
         if (socket_.valid() &&
             ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0) {
             socket_.reset();

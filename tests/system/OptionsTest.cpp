@@ -10,6 +10,7 @@
 #include <regex>
 
 #include "tests/system/Harness.h"
+#include "tests/system/SanitizerReports.h"
 
 namespace systemtest {
 namespace {
@@ -65,6 +66,13 @@ TEST_F(Options, LimitOfTheFileSizeDoesNotEndIt) {
     const std::string command = "ulimit -f 1; exec " + daemonProgram() + " '-?' >>/tmp/output";
     EXPECT_EQ(runProgram("/bin/sh", {"-c", command}).ending.text(), "status 0");
     EXPECT_EQ(readFile("/tmp/output"), full);
+}
+
+TEST_F(Options, LimitOfTheFileSizeDoesNotEndItBeforeItsFirstLine) {
+    const ProgramResult result =
+        runProgram("/bin/sh", {"-c", "{ ulimit -f 0; " + daemonProgram() + " '-?'; } | cat"});
+    EXPECT_EQ(result.output,
+              "Error 27 creating named mutex: /ovard.initialization\n" + versionAndDate());
 }
 
 TEST_F(Options, QuestionMarkEndsTheOptionsAtOnce) {
@@ -228,7 +236,7 @@ TEST_F(Options, NamedFileIsReplayed) {
     ASSERT_TRUE(writeFile("/tmp/replayed", bytesOf(makeRequest(APPMONCTL_Stop, "filed", "/x y"))));
     Daemon daemon;
     ASSERT_TRUE(daemon.startInForeground({"-x", "/tmp/replayed"}));
-    EXPECT_EQ(threadsOf(daemon.pid()).size(), 3U);
+    EXPECT_EQ(threadsOf(daemon.pid()).size(), 3U + kSanitizerThreads);
     EXPECT_TRUE(waitForLog(7, "processRequest: action=1 name=filed, cmd=/x y"));
 }
 

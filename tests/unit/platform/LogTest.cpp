@@ -190,7 +190,8 @@ std::string sentMessage(int options, int level, const char* text) {
             write_zor_log(log, level, text, 0) != 0) {
             return 1;
         }
-        std::strcpy(message->bytes, receiveMessage(receiver.get()).c_str());
+        const std::string sent = receiveMessage(receiver.get());
+        sent.copy(message->bytes, sizeof message->bytes - 1);
         return 0;
     });
     if (result == kNoLogSocket) {
@@ -230,7 +231,7 @@ TEST(LogMessage, CarriesTheLocalTime) {
         const platform::UniqueFd receiver = bindLogSocket();
         zor_log log;
         (void)open_zor_log(&log, "Ovard", 0, kLocal2);
-        const std::time_t before = std::time(nullptr) + 5 * 3600;
+        const std::time_t before = std::time(nullptr) + 5 * 3600L;
         (void)write_zor_log(log, kLogInfo, "x", 0);
         const std::string sent = receiveMessage(receiver.get());
         for (const std::time_t second : {before, before + 1}) {

@@ -27,4 +27,6 @@ if(OVARD_SANITIZE)
     add_compile_options(-fsanitize=${OVARD_SANITIZE} -fno-omit-frame-pointer
                         -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${OVARD_SANITIZE})
+else()
+    include(cmake/Hardening.cmake) # The sanitizers find what it makes harmless.
 endif()

@@ -266,7 +266,7 @@ int AppManager::ovard_check_pid_alive(int pid) {
 
 int AppManager::file2str(const char* path, char* buffer, int length) {
     buffer[0] = '\0';
-    const platform::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+    const platform::UniqueFd file = platform::openFile(path, O_RDONLY);
     if (!file.valid()) {
         return -1;
     }

@@ -1,6 +1,10 @@
 #include "platform/UniqueFd.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstring>
 
 namespace platform {
 namespace {
@@ -24,15 +28,53 @@ template <typename Step> ssize_t transferFully(std::size_t size, Step step) {
     return static_cast<ssize_t>(done);
 }
 
-} // namespace
-
-UniqueFd openFile(const char* path, int flags, mode_t mode) {
+UniqueFd openOrCreate(int directory, const char* path, int flags, mode_t mode) {
     constexpr int kAlways = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    UniqueFd file(::open(path, (flags & ~O_CREAT) | kAlways));
-    if (!file.valid() && (flags & O_CREAT) != 0) {
-        file.reset(::open(path, flags | kAlways, mode));
+    UniqueFd file(::openat(directory, path, (flags & ~O_CREAT) | kAlways, mode));
+    if (!file.valid() && errno == ENOENT && (flags & O_CREAT) != 0) {
+        file.reset(::openat(directory, path, flags | kAlways, mode));
     }
     return file;
+}
+
+/// True when everybody may write to the folder that holds `path`, or it cannot be told.
+bool liesInPublicFolder(int directory, const char* path) {
+    char folder[PATH_MAX] = ".";
+    const char* const slash = std::strrchr(path, '/');
+    if (slash != nullptr) {
+        const std::size_t length = slash == path ? 1 : static_cast<std::size_t>(slash - path);
+        if (length >= sizeof folder) {
+            return true;
+        }
+        std::memcpy(folder, path, length);
+        folder[length] = '\0';
+    }
+    struct stat facts = {};
+    return ::fstatat(directory, folder, &facts, 0) != 0 || (facts.st_mode & S_IWOTH) != 0;
+}
+
+/// True for a symbolic link that is no stranger's trap.
+bool isTrustedLink(int directory, const char* path) {
+    struct stat facts = {};
+    return ::fstatat(directory, path, &facts, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(facts.st_mode) &&
+           (facts.st_uid == 0 || facts.st_uid == ::geteuid() ||
+            !liesInPublicFolder(directory, path));
+}
+
+} // namespace
+
+UniqueFd openFileAt(int directory, const char* path, int flags, mode_t mode) {
+    UniqueFd file = openOrCreate(directory, path, flags | O_NOFOLLOW, mode);
+    // With O_DIRECTORY a link is no directory.
+    const bool mayBeLink = !file.valid() && (errno == ELOOP || errno == ENOTDIR);
+    if (mayBeLink && (flags & O_NOFOLLOW) == 0 && isTrustedLink(directory, path)) {
+        file = openOrCreate(directory, path, flags, mode);
+    }
+    return file;
+}
+
+UniqueFd openFile(const char* path, int flags, mode_t mode) {
+    return openFileAt(AT_FDCWD, path, flags, mode);
 }
 
 ssize_t readFully(int fd, void* buffer, std::size_t size) {

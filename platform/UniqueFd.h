@@ -44,10 +44,15 @@ private:
     int fd_ = -1;
 };
 
-/// open with close-on-exec, without becoming the controlling terminal's and without blocking on
-/// what only looks like a file. Where `flags` hold O_CREAT, the file is created (with `mode`) only
-/// when it cannot be opened without: some systems refuse to open another user's file with leave to
-/// create it. Invalid with errno on failure.
+/// openat with close-on-exec, without becoming the controlling terminal's and without blocking on
+/// what only looks like a file. In a folder that everybody may write to, a symbolic link in the
+/// last component is followed only where it belongs to root or to the caller: another user could
+/// have planted it. Where `flags` hold O_CREAT, the file is created (with `mode`) only when it
+/// cannot be opened without: some systems refuse to open another user's file with leave to create
+/// it. Invalid with errno on failure, ELOOP for a link that is not followed. Async-signal-safe.
+UniqueFd openFileAt(int directory, const char* path, int flags, mode_t mode = 0);
+
+/// The same for a path that is absolute or below the working directory.
 UniqueFd openFile(const char* path, int flags, mode_t mode = 0);
 
 /// Reads until `size` bytes came, end of file or an error; restarts after signals.

@@ -27,9 +27,10 @@ int heartbeat_check(int pid, int expireSeconds);
 void heartbeat_cleanup(int pid);
 
 /// Writes PATH.PID with the content "PID\nVERSION\n", truncated first, mode 0644 whatever the
-/// umask, with missing directories (0755) and never through a symbolic link in the last component.
-/// `flags` are open's, O_WRONLY | O_CREAT as a rule; a null `version` is an empty one. Returns 0 or
-/// -1; leaves `*pid` as it is.
+/// umask, with missing directories (0755). Never through a symbolic link in the last component, one
+/// above it that another user may have planted, or a file that has another name too. `flags` are
+/// open's, O_WRONLY | O_CREAT as a rule; a null `version` is an empty one. Returns 0 or -1; leaves
+/// `*pid` as it is.
 int set_pid_file_version(int* pid, const char* path, int flags, const char* version);
 
 /// Name of the pid file that process `*pid` has really written: "/tmp/pid" + METER_ROOT (when set)

@@ -7,14 +7,24 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string_view>
 
 #include "platform/UniqueFd.h"
 
 namespace platform {
 
-/// Opens `path` with `flags`, close-on-exec and without waiting for anybody, and fetches its facts.
-/// Invalid for everything but a plain file.
+/// openFileAt, which also fetches the file's facts. Invalid for everything but a plain file.
+UniqueFd openPlainFileAt(int directory, const char* path, int flags, mode_t mode,
+                         struct stat& facts);
+
+/// The same for a path that is absolute or below the working directory.
 UniqueFd openPlainFile(const char* path, int flags, mode_t mode, struct stat& facts);
+
+/// Opens the folder that holds the last component of `path`, for openFileAt. Folders that are
+/// missing are created with mode 0755 whatever the umask is. Each is reached from the one that
+/// holds it, by the rules of openFileAt, and past no link in a folder of another user. Invalid
+/// with errno on failure.
+UniqueFd openFolderOf(std::string_view path);
 
 /// Reads at most `size` bytes of `path` with one read, restarted after signals; a file of /proc
 /// gives all it has in one. Returns the bytes read, or -1 with errno.

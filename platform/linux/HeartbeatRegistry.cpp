@@ -72,7 +72,8 @@ void settleSegment(const UniqueFd& segment) {
     if (facts.st_size < kSize) {
         (void)!::ftruncate(segment.get(), kSize); // MappedTable looks at the size again
     }
-    if ((facts.st_mode & 07777) != kSegmentMode) {
+    // A file with two names may be another program's, put here so that it is opened to everybody.
+    if ((facts.st_mode & 07777) != kSegmentMode && facts.st_nlink == 1) {
         (void)::fchmod(segment.get(), kSegmentMode);
     }
 }

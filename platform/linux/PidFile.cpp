@@ -19,7 +19,6 @@ namespace platform {
 namespace {
 
 constexpr mode_t kPidFileMode = 0644;
-constexpr mode_t kDirectoryMode = 0755;
 
 /// More than a pid file ever holds; what lies beyond is not looked at.
 constexpr std::size_t kPidFileRead = 1024;
@@ -39,16 +38,23 @@ std::string_view takeLine(std::string_view& text) {
     return line;
 }
 
-/// Creates the directories above the last component of `path` where they are missing.
-void createDirectories(std::string_view path) {
-    for (std::size_t slash = path.find('/', 1); slash != std::string_view::npos;
-         slash = path.find('/', slash + 1)) {
-        Path directory;
-        directory.add(path.substr(0, slash));
-        if (::mkdir(directory.c_str(), kDirectoryMode) == 0) {
-            (void)::chmod(directory.c_str(), kDirectoryMode); // the umask may have taken bits away
-        }
+/// Opens the pid file `path` to be written anew. A second name would be that of another file, put
+/// here so that it is overwritten: nothing gives a pid file one.
+UniqueFd openToRewrite(std::string_view path, int flags) {
+    const UniqueFd folder = openFolderOf(path);
+    Path name;
+    name.add(path.substr(path.rfind('/') + 1));
+    struct stat facts = {};
+    UniqueFd file;
+    if (folder.valid()) {
+        file = openPlainFileAt(folder.get(), name.c_str(), (flags & ~O_TRUNC) | O_NOFOLLOW,
+                               kPidFileMode, facts);
     }
+    if (file.valid() && (facts.st_nlink != 1 || ::fchmod(file.get(), kPidFileMode) != 0 ||
+                         ::ftruncate(file.get(), 0) != 0)) {
+        file.reset();
+    }
+    return file;
 }
 
 constexpr char kPidFileFolder[] = "/tmp/pid";
@@ -143,11 +149,8 @@ int set_pid_file_version(int* pid, const char* path, int flags, const char* vers
         errno = ENAMETOOLONG;
         return -1;
     }
-    platform::createDirectories(name.view());
-    struct stat facts = {};
-    const platform::UniqueFd file = platform::openPlainFile(
-        name.c_str(), flags | O_NOFOLLOW | O_TRUNC, platform::kPidFileMode, facts);
-    if (!file.valid() || ::fchmod(file.get(), platform::kPidFileMode) != 0) {
+    const platform::UniqueFd file = platform::openToRewrite(name.view(), flags);
+    if (!file.valid()) {
         return -1;
     }
     const auto size = static_cast<ssize_t>(content.view().size());

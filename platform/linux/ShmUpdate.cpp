@@ -87,7 +87,8 @@ int ShmUpdate::Segment::open() {
         file.reset();
         return kFailed;
     }
-    if ((facts.st_mode & 07777) != mode) {
+    // A file with two names may be another program's, put here so that it is opened to everybody.
+    if ((facts.st_mode & 07777) != mode && facts.st_nlink == 1) {
         (void)::fchmod(file.get(), mode); // Another owner's segment is published all the same.
     }
     const auto wanted = static_cast<off_t>(size);

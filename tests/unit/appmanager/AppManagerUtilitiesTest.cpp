@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -150,6 +151,12 @@ TEST_F(File2StrTest, MissingFileGivesMinusOne) {
 TEST_F(File2StrTest, DirectoryGivesMinusTwo) {
     EXPECT_EQ(AppManager::file2str("/tmp", buffer_, 15), -2);
     EXPECT_EQ(buffer_[0], '\0');
+}
+
+TEST_F(File2StrTest, FifoDoesNotHoldItUp) {
+    ::unlink(path_.c_str());
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    EXPECT_EQ(read(15), -2);
 }
 
 // --- is_uint -------------------------------------------------------------------------------------

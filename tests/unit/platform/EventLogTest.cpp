@@ -2,11 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -75,6 +77,38 @@ TEST_F(EventLog, CutsTextsThatAreTooLong) {
     EXPECT_EQ(append(std::string(100000, 'x').c_str(), std::string(5000, 't').c_str()), 0);
     EXPECT_EQ(readText(log_), "2023-11-14 22:13:20.123 " + std::string(256, 't') + ": " +
                                   std::string(2048, 'x') + "\n");
+}
+
+/// While it lives, files of this process cannot grow beyond `size`.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t size)
+        : action_(std::signal(SIGXFSZ, SIG_IGN)) {
+        (void)::getrlimit(RLIMIT_FSIZE, &before_); // cannot fail
+        const rlimit limit = {size, before_.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+    ~FileSizeLimit() {
+        (void)::setrlimit(RLIMIT_FSIZE, &before_); // it was allowed before
+        (void)std::signal(SIGXFSZ, action_);       // as above
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit before_ = {};
+    void (*action_)(int);
+};
+
+TEST_F(EventLog, LineThatFitsOnlyInPartIsTakenBack) {
+    ASSERT_EQ(append("Application Monitor Started."), 0);
+    for (const std::size_t room : {0U, 1U, 30U, static_cast<unsigned>(sizeof kLine) - 2U}) {
+        const FileSizeLimit limit(sizeof kLine - 1 + room);
+        EXPECT_NE(append("Application Monitor Started."), 0) << room;
+        EXPECT_EQ(readText(log_), kLine) << room;
+    }
+    EXPECT_EQ(append("Application Monitor Started."), 0);
+    EXPECT_EQ(readText(log_), std::string(kLine) + kLine);
 }
 
 /// Write calls of this process so far; -1 where the kernel does not count them.

@@ -428,8 +428,8 @@ TEST_F(Heartbeat, SurvivesASegmentThatIsShortenedAllTheTime) {
     registry_.notify();
     const ChildGuard vandal(startChild([&] {
         for (;;) {
-            (void)::truncate(file().c_str(), 0);
-            (void)::truncate(file().c_str(), kSegmentSize);
+            (void)!::truncate(file().c_str(), 0);
+            (void)!::truncate(file().c_str(), kSegmentSize);
         }
         return 0;
     }));

@@ -43,6 +43,8 @@ const Names kSafe = {
     "memset",
     "open",
     "open64",
+    "openat",
+    "openat64",
     "poll",
     "rename",
     "send",

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tests/system/Client.h"
+#include "tests/system/SanitizerReports.h"
 #include "tests/system/Support.h"
 
 namespace systemtest {
@@ -23,14 +24,24 @@ Daemon::Daemon() {
 }
 
 Daemon::~Daemon() {
-    kill();
+    end();
     liveDaemons().erase(this);
 }
 
-void Daemon::killAll() {
+void Daemon::endAll() {
     for (Daemon* const daemon : liveDaemons()) {
-        daemon->kill();
+        daemon->end();
     }
+}
+
+void Daemon::end() {
+#ifdef OVARD_IS_INSTRUMENTED
+    constexpr int kOrderlyEndMs = 2000; // with -b, or stopped, it does not end
+    if (alive()) {
+        (void)terminate(kOrderlyEndMs);
+    }
+#endif
+    kill();
 }
 
 void Daemon::setMeterRoot(const std::string& root) {
@@ -83,7 +94,8 @@ bool Daemon::followMonitor() {
 
 bool Daemon::workersWait() const {
     const std::vector<pid_t> threads = threadsOf(pid_);
-    return threads.size() > 1 && std::all_of(threads.begin(), threads.end(), [this](pid_t thread) {
+    return threads.size() > 1 + kSanitizerThreads &&
+           std::all_of(threads.begin(), threads.end(), [this](pid_t thread) {
                return thread == pid_ || threadState(pid_, thread) == 'S';
            });
 }

@@ -10,7 +10,8 @@
 
 namespace systemtest {
 
-/// One run of `ovard`. Whatever is left of it is killed with the object.
+/// One run of `ovard`. Whatever is left of it ends with the object: by SIGKILL; in instrumented
+/// builds by SIGTERM, if that does, because leaks and counters are told at an orderly end only.
 ///
 /// In the foreground it is a child of the test, so that its exit status is known and its console is
 /// in files; in the background it is an orphan whose end shows in /proc and in the logs only.
@@ -72,13 +73,14 @@ public:
     /// SIGKILL and wait.
     void kill();
 
-    /// Kills what is left of every Daemon object, whatever became of its test.
-    static void killAll();
+    /// Ends what is left of every Daemon object, whatever became of its test.
+    static void endAll();
 
 private:
     static constexpr int kReadyMs = 10000;
     static constexpr int kPatientEndMs = 10000;
 
+    void end();
     bool learnPid();
     std::string pidFileBase() const;
 

@@ -10,6 +10,8 @@
 #include <iostream>
 #include <set>
 
+#include "tests/system/SanitizerReports.h"
+
 namespace systemtest {
 namespace {
 
@@ -24,7 +26,7 @@ std::set<pid_t>& rememberedProcesses() {
 
 void truncateFile(const std::string& path) {
     if (fileExists(path)) {
-        (void)::truncate(path.c_str(), 0); // the next test would show a failure
+        (void)!::truncate(path.c_str(), 0); // the next test would show a failure
     }
 }
 
@@ -58,9 +60,11 @@ void SystemTest::TearDown() {
     if (HasFailure()) {
         showEvidence();
     }
-    Daemon::killAll();
+    Daemon::endAll();
     EXPECT_TRUE(processesNamed("ovard").empty()) << "a monitor is left over";
     EXPECT_TRUE(endStrangers()) << "some process cannot be ended";
+    const std::string reports = takeSanitizerReports();
+    EXPECT_TRUE(reports.empty()) << reports;
 }
 
 std::string SystemTest::installSample(const std::string& name) {

@@ -14,6 +14,7 @@
 #include <set>
 
 #include "tests/system/Applications.h"
+#include "tests/system/SanitizerReports.h"
 
 namespace systemtest {
 namespace {
@@ -23,7 +24,7 @@ constexpr const char* kReplayed = "/tmp/replayed";
 constexpr std::size_t kRecordSize = sizeof(reqcmd);
 
 /// The main thread and the command thread: the replay is over.
-constexpr std::size_t kThreadsAfterReplay = 2;
+constexpr std::size_t kThreadsAfterReplay = 2 + kSanitizerThreads;
 
 std::string imagesOf(const std::vector<reqcmd>& requests) {
     std::string images;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/system/Applications.h"
+#include "tests/system/SanitizerReports.h"
 #include "tests/system/StartupSupport.h"
 
 namespace systemtest {
@@ -329,7 +330,7 @@ TEST_F(Startup, DescriptorsDoNotGrowWhileServing) {
 TEST_F(Startup, OneCommandThreadBesideTheMainThread) {
     Daemon daemon;
     ASSERT_TRUE(daemon.startInForeground());
-    EXPECT_EQ(threadsOf(daemon.pid()).size(), 2U);
+    EXPECT_EQ(threadsOf(daemon.pid()).size(), 2U + kSanitizerThreads);
 }
 
 TEST_F(Startup, SemaphoreFileIsNamedAfterTheMutex) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tests/system/Harness.h"
+#include "tests/system/SanitizerReports.h"
 
 namespace {
 
@@ -54,5 +55,6 @@ int main(int argc, char** argv) {
         return kRefused;
     }
     systemtest::rememberMachine();
+    systemtest::collectSanitizerReports();
     return RUN_ALL_TESTS();
 }

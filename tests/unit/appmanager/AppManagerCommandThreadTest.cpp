@@ -153,7 +153,6 @@ TEST_F(CommandThreadTest, ProducersMayQueueWhileARequestIsExecuted) {
 
 TEST_F(CommandThreadTest, ExecutesTheRequestsOfTwoProducersInArrivalOrder) {
     constexpr int kEach = 40;
-    startThread();
     // The trace is printed with the queue locked: its order is that of the arrival.
     verbose = 8;
     std::vector<std::string> arrived;
@@ -163,6 +162,7 @@ TEST_F(CommandThreadTest, ExecutesTheRequestsOfTwoProducersInArrivalOrder) {
             arrived.push_back(text.substr(19, text.find(')') - 19));
         }
     };
+    startThread();
     const auto produce = [this](char producer) {
         for (int count = 0; count < kEach; ++count) {
             const std::string name = producer + std::to_string(count);

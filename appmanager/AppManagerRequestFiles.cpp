@@ -7,6 +7,7 @@
 
 #include "appmanager/AppManager.h"
 #include "appmanager/RequestFiles.h"
+#include "platform/Memory.h"
 #include "platform/Settings.h"
 #include "platform/Thread.h"
 #include "platform/Time.h"
@@ -20,6 +21,11 @@ namespace {
 constexpr int kOpenAttempts = 3;
 constexpr mode_t kFileMode = 0660;
 constexpr int kHandOverPauseMs = 1000;
+
+/// Memory that a long file leaves for the rest of the monitor, and how many records are read
+/// between two looks whether it is still there: fewer than fit into it.
+constexpr std::size_t kMemoryReserve = 65536;
+constexpr int kRecordsPerLook = 32;
 
 /// Records of one file that are replayed: a source without end must not fill the memory. At two
 /// seconds each they take a day and a half.
@@ -42,6 +48,15 @@ platform::UniqueFd openPersistently(const char* path, int flags) {
 
 bool readRecord(int file, reqcmd& record) {
     return platform::readFully(file, &record, sizeof record) == static_cast<ssize_t>(sizeof record);
+}
+
+/// Whether a queue of so many records may grow. Looked at beforehand, because where there is no
+/// memory the queue would end the monitor.
+bool memoryIsLeft(std::size_t records) {
+    const std::size_t doubledTable = records * 4 * sizeof(void*);
+    void* const block = platform::allocateMemory(kMemoryReserve + doubledTable);
+    platform::releaseMemory(block);
+    return block != nullptr;
 }
 
 /// Sleeps one second unless the monitor is shut down; false when it is shut down by then.
@@ -103,6 +118,10 @@ int readAppConfigurationFileList(const char* path, long /*unused*/, std::deque<r
     reqcmd record;
     for (int count = 0; count < kMostRecords && readRecord(file.get(), record); ++count) {
         platform::admitCancellation(); // Nothing bounds the length of a file.
+        if (count % kRecordsPerLook == 0 && !memoryIsLeft(queue.size())) {
+            platform::trace(true, "Error %d reading %s after %d requests\n", ENOMEM, path, count);
+            break;
+        }
         queue.push_back(record);
         ++readConfigurationCount;
         platform::trace(verbose > 4, "%d) reading %s REQUEST_CMD={action=%d,%.64s}\n",

@@ -14,6 +14,12 @@ constexpr std::size_t kNameSize = 256;
 constexpr int kAttempts = 3;
 constexpr mode_t kMode = 0664;
 
+/// False where the file behind the semaphore was cut off: a touch would then be the end by SIGBUS.
+/// The system tells without one, it cannot read a path from there.
+bool canBeTouched(const sem_t* semaphore) {
+    return ::access(reinterpret_cast<const char*>(semaphore), F_OK) == 0 || errno != EFAULT;
+}
+
 /// Repeats a semaphore call while signals interrupt it, three times in all.
 template <typename Call> bool persistently(Call call) {
     for (int attempt = 1;; ++attempt) {
@@ -51,8 +57,7 @@ CInterprocessNamedMutex::~CInterprocessNamedMutex() {
 }
 
 bool CInterprocessNamedMutex::Lock() {
-    errno = EINVAL;
-    if (semaphore_ != nullptr && persistently([this] { return ::sem_wait(semaphore_); })) {
+    if (isUsable() && persistently([this] { return ::sem_wait(semaphore_); })) {
         return true;
     }
     platform::trace(true, "Error %d locking named mutex: %s\n", errno, name_.c_str());
@@ -60,18 +65,25 @@ bool CInterprocessNamedMutex::Lock() {
 }
 
 bool CInterprocessNamedMutex::Unlock() {
-    errno = EINVAL;
-    return semaphore_ != nullptr && persistently([this] { return ::sem_post(semaphore_); });
+    return isUsable() && persistently([this] { return ::sem_post(semaphore_); });
 }
 
 int CInterprocessNamedMutex::tryAcquire() {
-    if (semaphore_ == nullptr) {
+    if (!isUsable()) {
         return -1;
     }
     if (::sem_trywait(semaphore_) == 0) {
         return 1;
     }
     return errno == EAGAIN || errno == EINTR ? 0 : -1;
+}
+
+bool CInterprocessNamedMutex::isUsable() const {
+    if (semaphore_ == nullptr) {
+        errno = EINVAL;
+        return false;
+    }
+    return canBeTouched(semaphore_);
 }
 
 CAutoLock::CAutoLock(CInterprocessNamedMutex* m)

@@ -11,7 +11,7 @@
 
 /// A POSIX named semaphore with an initial count of 1, created afresh by every construction, which
 /// thereby discards whatever an earlier process left behind. Shared between processes; the object
-/// itself is not guarded between threads.
+/// itself is not guarded between threads. When somebody empties its file, calls on it fail.
 class CInterprocessNamedMutex final : public InterprocessWaitable {
 public:
     /// `name` with or without its leading "/". A failure is shown on the console; the object then
@@ -28,7 +28,7 @@ public:
     bool Lock();
 
     /// Releases the mutex, whoever holds it: a post too many raises the count. False with errno
-    /// on failure; EINVAL without a handle.
+    /// on failure; EINVAL without a handle, EFAULT with an emptied file.
     bool Unlock();
 
     int tryAcquire() override;
@@ -37,6 +37,9 @@ public:
     const std::string& name() const { return name_; }
 
 private:
+    /// False with errno when there is no semaphore to call, or its file was emptied.
+    bool isUsable() const;
+
     std::string name_;
     sem_t* semaphore_ = nullptr; // null: creation failed, or destroyed
 };

@@ -161,7 +161,7 @@ void timerHandler(int sig, siginfo_t* info, void* context) {
 }
 
 // Calls: getZortime8BFromSystem (clock_gettime), write_system_log (open, fstat, fchmod, rename,
-// write, close), snprintf with %d only, which neither allocates nor locks.
+// write, lseek, ftruncate, close), snprintf with %d only, which neither allocates nor locks.
 void mysig_handler(int sig) {
     const int savedErrno = errno;
     char text[64];

@@ -80,6 +80,16 @@ bool hasRoomFor(const struct stat& facts, std::size_t size) {
     return facts.st_size + static_cast<off_t>(size) <= kEventLogLimit;
 }
 
+/// Takes a piece of a line back, which the next line would continue, unless another writer has
+/// already done so.
+void takeBack(int log, ssize_t written) {
+    const off_t end = ::lseek(log, 0, SEEK_CUR);
+    struct stat facts = {};
+    if (end >= written && ::fstat(log, &facts) == 0 && facts.st_size == end) {
+        (void)!::ftruncate(log, end - written); // where it fails, half a line stays
+    }
+}
+
 } // namespace
 
 int appendEvent(const char* path, const char* tag, const zortime8b& time, const char* text) {
@@ -97,7 +107,11 @@ int appendEvent(const char* path, const char* tag, const zortime8b& time, const 
         (void)::fchmod(log.get(), kEventLogMode); // another owner's log is still worth a line
     }
     const ssize_t written = ::write(log.get(), content.data(), content.size());
-    return written == static_cast<ssize_t>(content.size()) ? 0 : -1;
+    const bool isWhole = written == static_cast<ssize_t>(content.size());
+    if (!isWhole && written > 0) {
+        takeBack(log.get(), written);
+    }
+    return isWhole ? 0 : -1;
 }
 
 } // namespace platform

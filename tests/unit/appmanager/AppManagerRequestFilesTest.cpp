@@ -356,6 +356,15 @@ TEST_F(ReadTest, LargestNumberOfRecordsIsReadWhole) {
     EXPECT_THAT(queue_, SizeIs(kMostRecords));
 }
 
+TEST_F(ReadTest, WithoutMemoryTheRestIsLeftAndThatIsShown) {
+    world().mallocs.failCalls = {3};
+    EXPECT_EQ(readAppConfigurationFileList("/dev/zero", 0, queue_), 0);
+    ASSERT_FALSE(queue_.empty());
+    EXPECT_LT(queue_.size() * sizeof(reqcmd), 2U * 65536U) << "what was left has been used up";
+    EXPECT_EQ(world().consoleText(),
+              "Error 12 reading /dev/zero after " + std::to_string(queue_.size()) + " requests\n");
+}
+
 TEST_F(ReadTest, FolderGivesNoRequest) {
     EXPECT_EQ(readAppConfigurationFileList(folder_.c_str(), 0, queue_), 0);
     EXPECT_THAT(queue_, IsEmpty());

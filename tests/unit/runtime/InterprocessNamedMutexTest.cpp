@@ -195,6 +195,19 @@ TEST_F(InterprocessNamedMutexTest, UnlockThatCannotPostFailsSilently) {
     EXPECT_EQ(world().consoleText(), "");
 }
 
+TEST_F(InterprocessNamedMutexTest, EmptiedFileFailsEveryCall) {
+    auto mutex = std::make_unique<CInterprocessNamedMutex>(name_.c_str());
+    ASSERT_EQ(::truncate(file_.c_str(), 0), 0);
+    EXPECT_EQ(mutex->tryAcquire(), -1);
+    EXPECT_FALSE(mutex->Unlock());
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(world().consoleText(), "");
+    EXPECT_FALSE(mutex->Lock());
+    EXPECT_EQ(world().consoleText(), "Error 14 locking named mutex: " + name_ + "\n");
+    mutex.reset();
+    EXPECT_EQ(world().consoleText(), "Error 14 locking named mutex: " + name_ + "\n");
+}
+
 TEST_F(InterprocessNamedMutexTest, TryAcquireWithoutHandleFails) {
     CInterprocessNamedMutex mutex(longName().c_str());
     EXPECT_EQ(mutex.tryAcquire(), -1);

@@ -1,0 +1,136 @@
+// /var/log, where the event log lies, while it is full, read-only or missing.
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "tests/system/FaultSupport.h"
+
+namespace systemtest {
+namespace {
+
+const std::string kHangUp = "Caught signal 1";
+const std::string kInterrupt = "Caught signal 2";
+
+/// A monitor that logs signals, so that an event comes whenever the test sends one.
+class FaultEventLog : public SystemTest {
+protected:
+    bool start() { return daemon_.startInForeground({"-b"}); }
+
+    std::string seenLog() const {
+        return readFile(OwnMounts::seenBy(daemon_.pid(), kEventLogPath));
+    }
+
+    /// Texts of the events in the log that the monitor sees.
+    std::vector<std::string> seenEvents() const {
+        std::vector<std::string> texts;
+        for (const std::string& line : linesOf(seenLog())) {
+            const std::string key = " Ovard: ";
+            const std::size_t at = line.find(key);
+            texts.push_back(at == 23 ? line.substr(at + key.size()) : "<no event> " + line);
+        }
+        return texts;
+    }
+
+    /// The log ends in this event by now.
+    bool endsIn(const std::string& text) const {
+        return eventually([&] {
+            const std::vector<std::string> events = seenEvents();
+            return !events.empty() && events.back() == text;
+        });
+    }
+
+    /// An event comes that cannot be logged: the monitor lives and serves.
+    void expectLostEvent(int signal) const {
+        const std::string before = seenLog();
+        ASSERT_TRUE(daemon_.signal(signal));
+        EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+        EXPECT_TRUE(daemon_.alive());
+        EXPECT_EQ(seenLog(), before);
+    }
+
+    void expectEvent(int signal) const {
+        ASSERT_TRUE(daemon_.signal(signal));
+        EXPECT_TRUE(endsIn("Caught signal " + std::to_string(signal))) << seenLog();
+    }
+
+    bool change(const std::string& lines) const { return OwnMounts::change(daemon_.pid(), lines); }
+
+    Daemon daemon_;
+};
+
+TEST_F(FaultEventLog, FolderThatIsMissing) {
+    const OwnMounts mounts("mount -t tmpfs tmpfs /var\n");
+    ASSERT_TRUE(start());
+    EXPECT_FALSE(fileExists(OwnMounts::seenBy(daemon_.pid(), "/var/log")));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_TRUE(change("mkdir /var/log"));
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    EXPECT_EQ(seenEvents(), std::vector<std::string>{kInterrupt});
+}
+
+TEST_F(FaultEventLog, FolderThatVanishes) {
+    const OwnMounts mounts("mount -t tmpfs tmpfs /var; mkdir /var/log\n");
+    ASSERT_TRUE(start());
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGHUP));
+    ASSERT_TRUE(change("mv /var/log /var/aside"));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGINT));
+    ASSERT_TRUE(change("mv /var/aside /var/log"));
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    EXPECT_EQ(seenEvents(),
+              (std::vector<std::string>{"Application Monitor Started.",
+                                        "Application Monitor Initialized.", kHangUp, kInterrupt}));
+}
+
+TEST_F(FaultEventLog, DiskThatIsReadOnly) {
+    const OwnMounts mounts(readOnlyFolder("/var/log"));
+    ASSERT_TRUE(start());
+    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    EXPECT_EQ(eventTexts(), std::vector<std::string>{});
+    ASSERT_TRUE(change(uncovered("/var/log")));
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    EXPECT_EQ(eventTexts(), std::vector<std::string>{kInterrupt});
+}
+
+TEST_F(FaultEventLog, DiskThatBecomesReadOnly) {
+    const OwnMounts mounts;
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(change(readOnlyFolder("/var/log")));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_TRUE(change(uncovered("/var/log")));
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+}
+
+TEST_F(FaultEventLog, DiskThatIsFull) {
+    const OwnMounts mounts("mount -t tmpfs -o size=64k tmpfs /var/log\n"
+                           "head -c 65536 /dev/zero >/var/log/filler\n");
+    ASSERT_TRUE(start());
+    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    EXPECT_EQ(seenEvents(), std::vector<std::string>{});
+    ASSERT_TRUE(change("rm /var/log/filler"));
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    EXPECT_EQ(seenEvents(), std::vector<std::string>{kInterrupt});
+}
+
+TEST_F(FaultEventLog, LimitOfTheFileSize) {
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(setLimit(daemon_.pid(), RLIMIT_FSIZE, 0));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_TRUE(liftLimit(daemon_.pid(), RLIMIT_FSIZE));
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+}
+
+TEST_F(FaultEventLog, LineThatFitsOnlyInPartIsNotKept) {
+    // The file may grow to the end of its last block, which is in the middle of a line.
+    const OwnMounts mounts("mount -t tmpfs -o size=64k tmpfs /var/log\n"
+                           "cd /var/log; yes 0123456 | head -c 4064 >meter_events.log\n"
+                           "chmod 644 meter_events.log; head -c 65536 /dev/zero >filler || true\n");
+    ASSERT_TRUE(start());
+    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    EXPECT_EQ(seenLog().size(), 4064U) << "half a line";
+    ASSERT_TRUE(change("rm /var/log/filler"));
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+}
+
+} // namespace
+} // namespace systemtest

@@ -1,0 +1,147 @@
+#include "tests/system/FaultSupport.h"
+
+#include <sys/statfs.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+
+namespace systemtest {
+namespace {
+
+constexpr long kTmpfsMagic = 0x01021994;
+constexpr unsigned long kRoomForTheTest = 262144; // bytes
+
+/// The command between the new mounts and the monitor: "$0" is the monitor, "$@" its arguments.
+std::string monitorAmongMounts(const std::string& lines) {
+    return "exec unshare --mount --propagation private -- /bin/bash -c 'set -e\n"
+           "PATH=$PATH:/usr/sbin:/sbin\n" +
+           lines + "\nexec \"$0\" \"$@\"' \"$OVARD\" \"$@\"\n";
+}
+
+struct statfs factsOf(const std::string& folder) {
+    struct statfs facts = {};
+    (void)::statfs(folder.c_str(), &facts); // all zero where it fails
+    return facts;
+}
+
+} // namespace
+
+OwnMounts::OwnMounts(const std::string& lines)
+    : script_(monitorAmongMounts(lines)) {}
+
+bool OwnMounts::change(pid_t monitor, const std::string& lines) {
+    return runShell("nsenter --mount --target " + std::to_string(monitor) +
+                    " -- /bin/bash -c 'set -e\n" + lines + "'");
+}
+
+std::string OwnMounts::seenBy(pid_t monitor, const std::string& path) {
+    return "/proc/" + std::to_string(monitor) + "/root" + path;
+}
+
+std::string readOnlyFolder(const std::string& folder) {
+    return "mount --rbind " + folder + " " + folder + "; mount -o remount,bind,ro " + folder + "\n";
+}
+
+std::string uncovered(const std::string& folder) {
+    return "umount --lazy " + folder + "\n";
+}
+
+std::string devicesWithoutShm() {
+    return "mount -t tmpfs tmpfs /mnt\n"
+           "for device in null zero full random urandom tty log watchdog; do\n"
+           "  : >/mnt/$device; mount --bind /dev/$device /mnt/$device\n"
+           "done\n"
+           "mount --rbind /mnt /dev\n";
+}
+
+FullFolder::FullFolder(const std::string& folder)
+    : folder_(folder)
+    , filler_(folder + "/filler") {
+    const struct statfs facts = factsOf(folder_);
+    if (facts.f_type != kTmpfsMagic) {
+        return;
+    }
+    const unsigned long used = (facts.f_blocks - facts.f_bfree) * facts.f_bsize;
+    EXPECT_TRUE(runShell("mount -o remount,size=" + std::to_string(used + kRoomForTheTest) + " " +
+                         folder_));
+    std::ofstream file(filler_, std::ios::binary);
+    const std::string block(1024, 'x');
+    while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
+    }
+}
+
+FullFolder::~FullFolder() {
+    release();
+    if (factsOf(folder_).f_type == kTmpfsMagic) {
+        EXPECT_TRUE(runShell("mount -o remount,size=50% " + folder_));
+    }
+}
+
+bool FullFolder::isFull() const {
+    const struct statfs facts = factsOf(folder_);
+    return facts.f_type == kTmpfsMagic && facts.f_bavail == 0;
+}
+
+void FullFolder::release() {
+    (void)std::remove(filler_.c_str()); // it may be gone
+}
+
+void expectMissingMutex(const Daemon& daemon, int error) {
+    const std::string console = daemon.console();
+    const std::string created =
+        "Error " + std::to_string(error) + " creating named mutex: /ovard.initialization\n";
+    EXPECT_EQ(countOf(console, created), 1U) << console;
+    EXPECT_EQ(countOf(console, "\nError 22 locking named mutex: /ovard.initialization\n"), 1U)
+        << console;
+    EXPECT_EQ(countOf(console, "named mutex"), 2U) << console;
+}
+
+bool setLimit(pid_t pid, __rlimit_resource resource, rlim_t limit) {
+    rlimit present = {};
+    if (::prlimit(pid, resource, nullptr, &present) != 0) {
+        return false;
+    }
+    const rlimit wanted = {limit, present.rlim_max};
+    return ::prlimit(pid, resource, &wanted, nullptr) == 0;
+}
+
+bool liftLimit(pid_t pid, __rlimit_resource resource) {
+    rlimit present = {};
+    return ::prlimit(pid, resource, nullptr, &present) == 0 &&
+           setLimit(pid, resource, present.rlim_max);
+}
+
+rlim_t addressSpaceOf(pid_t pid) {
+    return std::strtoul(statusValue(pid, "VmSize").c_str(), nullptr, 10) * 1024;
+}
+
+AnotherUser::AnotherUser(const std::string& capabilities)
+    : capabilities_(capabilities) {
+    // The kernel counts a user's processes over all sandboxes that run at the same time.
+    std::random_device random;
+    id_ = std::to_string(std::uniform_int_distribution<int>(1000000, 2000000000)(random));
+}
+
+bool AnotherUser::possible() {
+    const AnotherUser user;
+    return runProgram("/bin/sh", {"-c", user.prefix() + "true"}).ending.text() == "status 0";
+}
+
+std::string AnotherUser::prefix() const {
+    const std::string rights = capabilities_.empty() ? ""
+                                                     : "--inh-caps=" + capabilities_ +
+                                                           " --ambient-caps=" + capabilities_ + " ";
+    return "setpriv --reuid=" + id_ + " --regid=" + id_ + " --clear-groups " + rights;
+}
+
+bool AnotherUser::limitProcesses(pid_t pid, std::size_t count) const {
+    return runShell(limitCommand(std::to_string(pid), std::to_string(count)));
+}
+
+std::string AnotherUser::limitCommand(const std::string& pid, const std::string& count) const {
+    return prefix() + "prlimit --nproc=" + count + ": --pid " + pid;
+}
+
+} // namespace systemtest

@@ -1,0 +1,119 @@
+// Faults of the machine that a test brings about for the monitor alone.
+
+#ifndef OVARD_TESTS_SYSTEM_FAULT_SUPPORT_H
+#define OVARD_TESTS_SYSTEM_FAULT_SUPPORT_H
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/system/PublishingSupport.h"
+
+namespace systemtest {
+
+/// While it lives, monitors are started with mounts of their own: what is mounted there is seen by
+/// them and their applications, and by nobody else.
+class OwnMounts {
+public:
+    /// `lines` of the shell prepare the mounts of every monitor that is started.
+    explicit OwnMounts(const std::string& lines = "");
+
+    /// Runs lines of the shell among the mounts of a monitor. False when they fail; the test then
+    /// shows why.
+    static bool change(pid_t monitor, const std::string& lines);
+
+    /// Path of a monitor's file for who does not see what it sees.
+    static std::string seenBy(pid_t monitor, const std::string& path);
+
+private:
+    MonitorThroughScript script_;
+};
+
+/// Lines for OwnMounts: the folder, with what is mounted below it, can be read only; the way back.
+std::string readOnlyFolder(const std::string& folder);
+std::string uncovered(const std::string& folder);
+
+/// Lines for OwnMounts: /dev with its usual devices and the log, but without /dev/shm.
+std::string devicesWithoutShm();
+
+/// While it lives, a folder that is a memory disk has no block left; `release` gives some back.
+class FullFolder {
+public:
+    explicit FullFolder(const std::string& folder);
+    ~FullFolder();
+    FullFolder(const FullFolder&) = delete;
+    FullFolder& operator=(const FullFolder&) = delete;
+
+    /// The folder is a memory disk, and it is full.
+    bool isFull() const;
+
+    void release();
+
+private:
+    std::string folder_;
+    std::string filler_;
+};
+
+/// The monitor has said, once each, that there is no initialization mutex, for want of which it
+/// starts without one.
+void expectMissingMutex(const Daemon& daemon, int error);
+
+/// Sets a limit of a running process, for it and for what it starts. False when that fails.
+bool setLimit(pid_t pid, __rlimit_resource resource, rlim_t limit);
+
+/// Takes a limit of a running process back to what this process has.
+bool liftLimit(pid_t pid, __rlimit_resource resource);
+
+/// Bytes of address space that a process has.
+rlim_t addressSpaceOf(pid_t pid);
+
+/// A user that is not root and whom nobody else is, for monitors and applications.
+class AnotherUser {
+public:
+    /// `capabilities` in the form of setpriv, for example "+sys_boot"; may be empty.
+    explicit AnotherUser(const std::string& capabilities = "");
+
+    /// There are other users than root.
+    static bool possible();
+
+    /// The user's number as a text.
+    const std::string& id() const { return id_; }
+
+    /// Beginning of a command of the shell that runs as this user.
+    std::string prefix() const;
+
+    /// Lines for MonitorThroughScript.
+    std::string monitorLines() const { return "exec " + prefix() + "\"$OVARD\" \"$@\"\n"; }
+
+    /// Sets how many processes and threads the user may have for the process `pid`.
+    bool limitProcesses(pid_t pid, std::size_t count) const;
+
+    /// The command of the shell that does so.
+    std::string limitCommand(const std::string& pid, const std::string& count) const;
+
+private:
+    std::string id_;
+    std::string capabilities_;
+};
+
+/// Tests with a monitor that supervises and publishes one application, "data_server".
+class FaultTest : public PublishingTest {
+protected:
+    /// Serves, supervises and publishes as ever.
+    void expectAllIsWell(const std::string& what) {
+        expectServing();
+        ASSERT_TRUE(letACycleGoBy()) << what;
+        expectPublished(what);
+    }
+
+    /// The application runs, and no verdict on it was given since it counted as running.
+    void expectLeftAlone(const std::string& what) const {
+        EXPECT_EQ(verdictsOn("data_server"), confirmed("data_server", pid_)) << what;
+    }
+};
+
+} // namespace systemtest
+
+#endif // OVARD_TESTS_SYSTEM_FAULT_SUPPORT_H

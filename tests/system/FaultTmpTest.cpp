@@ -1,0 +1,156 @@
+// /tmp, where the control socket and the pid file lie, while it is full, read-only or missing.
+
+#include <string>
+#include <vector>
+
+#include "tests/system/FaultSupport.h"
+
+namespace systemtest {
+namespace {
+
+using FaultTmp = FaultTest;
+
+/// What a start shows and logs when the socket cannot be made. The last line of each is from the
+/// clean-up at its end.
+struct FailedStart {
+    std::string errors;
+    std::vector<std::string> log;
+};
+
+void expectFailedStart(const FailedStart& expected) {
+    const ProgramResult result = runProgram(daemonProgram(), {"-d"});
+    EXPECT_EQ(result.ending.text(), "status 1");
+    EXPECT_EQ(result.errors, expected.errors);
+    EXPECT_TRUE(waitForLog(3, expected.log.back()));
+    EXPECT_EQ(daemonLogTexts(), expected.log);
+    EXPECT_EQ(eventTexts(), (std::vector<std::string>{"Application Monitor Started.",
+                                                      "Application Monitor Stopped."}));
+}
+
+/// Lines for OwnMounts: a root folder of its own with all that the real one has, /tmp only until
+/// the test takes it away.
+const std::string kRootOfItsOwn = "mount -t tmpfs tmpfs /mnt\n"
+                                  "for entry in /*; do\n"
+                                  "  if [ $entry = /mnt ]; then continue; fi\n"
+                                  "  if [ -L $entry ]; then cp -P $entry /mnt/\n"
+                                  "  elif [ -d $entry ]; then\n"
+                                  "    mkdir /mnt$entry; mount --rbind $entry /mnt$entry\n"
+                                  "  fi\n"
+                                  "done\n";
+
+/// Lines for OwnMounts, to be followed by the way into that root folder.
+const std::string kWithoutTmp = "umount --lazy /mnt/tmp; rmdir /mnt/tmp\n";
+const std::string kWithTmpAgain = "mkdir /mnt/tmp; mount --rbind /tmp /mnt/tmp\n";
+
+// --- at the start --------------------------------------------------------------------------------
+
+TEST_F(FaultTmp, FullDiskAtTheStart) {
+    const FullFolder full("/tmp");
+    if (!full.isFull()) {
+        GTEST_SKIP() << "/tmp is no memory disk here";
+    }
+    Daemon daemon;
+    ASSERT_TRUE(daemon.spawn({"-d"}));
+    ASSERT_TRUE(waitForEvent("Application Monitor Initialized."));
+    ASSERT_TRUE(eventually([&] { return daemon.workersWait(); }));
+    expectServing();
+    EXPECT_EQ(readFile(daemon.pidFile()), "") << "there was room";
+    EXPECT_EQ(daemon.terminate().text(), "status 0");
+    EXPECT_FALSE(fileExists(daemon.pidFile()));
+    EXPECT_FALSE(fileExists(kSocketPath));
+}
+
+TEST_F(FaultTmp, NoMoreFilesAtTheStart) {
+    const OwnMounts mounts("cp \"$0\" /home/ovard; mount -t tmpfs -o nr_inodes=1 tmpfs /tmp\n"
+                           "exec /home/ovard \"$@\"");
+    expectFailedStart(
+        {"bind error: No space left on device\n", {"App monitor started", "bind error, exit"}});
+}
+
+TEST_F(FaultTmp, ReadOnlyAtTheStart) {
+    // Nothing can be removed there, not even what is missing.
+    const OwnMounts mounts(readOnlyFolder("/tmp"));
+    expectFailedStart(
+        {"remove socket path error: Read-only file system\n"
+         "bind error: Read-only file system\n"
+         "closeCommunication: remove socket path error: Read-only file system\n",
+         {"App monitor started", "bind error, exit", "remove socket path error error"}});
+}
+
+TEST_F(FaultTmp, StaleSocketThatCannotBeRemovedAtTheStart) {
+    ASSERT_TRUE(writeFile(kSocketPath, "no socket at all"));
+    const OwnMounts mounts(readOnlyFolder("/tmp"));
+    expectFailedStart(
+        {"remove socket path error: Read-only file system\n"
+         "bind error: Address already in use\n"
+         "closeCommunication: remove socket path error: Read-only file system\n",
+         {"App monitor started", "bind error, exit", "remove socket path error error"}});
+}
+
+TEST_F(FaultTmp, MissingAtTheStart) {
+    // The monitor itself may lie below /tmp.
+    const OwnMounts mounts(kRootOfItsOwn + "mkdir /mnt/ovard; cp \"$0\" /mnt/ovard/ovard\n" +
+                           kWithoutTmp + "exec chroot /mnt /ovard/ovard \"$@\"");
+    expectFailedStart(
+        {"bind error: No such file or directory\n", {"App monitor started", "bind error, exit"}});
+}
+
+// --- while the monitor runs ----------------------------------------------------------------------
+
+TEST_F(FaultTmp, DiskThatFillsUp) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    FullFolder full("/tmp");
+    if (!full.isFull()) {
+        GTEST_SKIP() << "/tmp is no memory disk here";
+    }
+    const std::size_t lines = daemonLogTexts(3).size();
+    expectAllIsWell("without room");
+    expectLeftAlone("without room");
+    EXPECT_EQ(daemonLogTexts(3).size(), lines);
+    full.release();
+    expectAllIsWell("with room again");
+}
+
+TEST_F(FaultTmp, DiskThatBecomesReadOnly) {
+    const OwnMounts mounts;
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(OwnMounts::change(monitorPid_, readOnlyFolder("/tmp")));
+    expectAllIsWell("read-only");
+    expectLeftAlone("read-only");
+    ASSERT_TRUE(OwnMounts::change(monitorPid_, uncovered("/tmp")));
+    expectAllIsWell("writable again");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+    EXPECT_FALSE(fileExists(kSocketPath));
+    EXPECT_FALSE(fileExists(monitor_.pidFile()));
+}
+
+TEST_F(FaultTmp, EndOnAReadOnlyDisk) {
+    const OwnMounts mounts;
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    ASSERT_TRUE(OwnMounts::change(daemon.pid(), readOnlyFolder("/tmp")));
+    EXPECT_EQ(daemon.terminate().text(), "status 0");
+    EXPECT_EQ(daemon.errors(),
+              "closeCommunication: remove socket path error: Read-only file system\n");
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{"remove socket path error error"});
+    EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
+    Daemon next;
+    EXPECT_TRUE(next.startInForeground()) << "what was left behind is in the way";
+}
+
+TEST_F(FaultTmp, FolderThatVanishes) {
+    const OwnMounts mounts(kRootOfItsOwn + "exec chroot /mnt \"$0\" \"$@\"");
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(OwnMounts::change(monitorPid_, kWithoutTmp));
+    expectServing();
+    ASSERT_TRUE(letACycleGoBy());
+    expectUnharmed("without /tmp");
+    expectLeftAlone("without /tmp");
+    ASSERT_TRUE(OwnMounts::change(monitorPid_, kWithTmpAgain));
+    expectAllIsWell("with /tmp again");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+    EXPECT_FALSE(fileExists(kSocketPath));
+}
+
+} // namespace
+} // namespace systemtest

@@ -1,0 +1,81 @@
+// The events of the model-based test, and a random choice of them.
+
+#ifndef OVARD_TESTS_SYSTEM_MODEL_STEPS_H
+#define OVARD_TESTS_SYSTEM_MODEL_STEPS_H
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/system/ModelRegistry.h"
+
+namespace systemtest {
+
+enum class StepKind {
+    Request,       ///< `bytes` come over the socket; with `crashes`, what was launched is killed
+    Crash,         ///< `process` is killed
+    LostHeartbeat, ///< `process` beats no more, and its last beat is what `beat` says
+    LatePidFile,   ///< the pid file of the entry `entry` is written
+    FirstPhaseEnd, ///< the monitor's first half minute goes by
+    Monitor,       ///< the monitor is ended with `signal`, and another one begins
+};
+
+/// One event.
+struct Step {
+    StepKind kind = StepKind::Request;
+    std::string bytes;
+    bool crashes = false;
+    ProcessNumber process = 0;
+    Beat beat = Beat::Fresh;
+    std::size_t entry = 0;
+    int signal = 0;
+    ModelMonitor monitor;
+};
+
+/// What kind of step it is, for people.
+std::string kindOf(const Step& step);
+
+/// One line for people.
+std::string textOf(const Step& step);
+
+/// The programs that the steps use, as paths.
+std::vector<std::string> programsOfSteps();
+
+/// Lets a step happen to the model, without the supervision that follows it. What a request has
+/// come to is the result.
+ModelResult apply(const Step& step, RegistryModel& model);
+
+/// A random sequence of steps whose outcome the model knows.
+class StepSource {
+public:
+    explicit StepSource(std::uint64_t seed);
+
+    /// The next step for a monitor that the model describes, and that has seen `age` steps.
+    Step next(const RegistryModel& model, int age);
+
+private:
+    Step candidate(const RegistryModel& model, int age);
+    Step requestStep(const RegistryModel& model);
+    reqcmd anyRequest();
+    reqcmd startRequest();
+    reqcmd namedRequest();
+    std::string command(const std::string& program, const std::string& pidFileOption,
+                        const std::string& pidFile);
+    Step monitorStep();
+    Step processStep(const RegistryModel& model);
+
+    bool oneIn(int count) { return pick(1, count) == 1; }
+    int pick(int least, int most) {
+        return std::uniform_int_distribution<int>(least, most)(random_);
+    }
+    template <typename Things> typename Things::value_type pickFrom(const Things& things) {
+        return things[static_cast<std::size_t>(pick(0, static_cast<int>(things.size()) - 1))];
+    }
+
+    std::mt19937_64 random_;
+};
+
+} // namespace systemtest
+
+#endif // OVARD_TESTS_SYSTEM_MODEL_STEPS_H

@@ -1,0 +1,64 @@
+// A monitor and the model of it, to which the same happens.
+
+#ifndef OVARD_TESTS_SYSTEM_MODEL_WORLD_H
+#define OVARD_TESTS_SYSTEM_MODEL_WORLD_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/system/ModelConsole.h"
+#include "tests/system/ModelRegistry.h"
+#include "tests/system/ModelSteps.h"
+#include "tests/system/Segments.h"
+#include "tests/system/Supervision.h"
+
+namespace systemtest {
+
+/// The test of one monitor, or of several that follow each other, on a machine of its own.
+class ModelWorld : public SupervisionTest {
+protected:
+    /// Lets that many random steps happen to both, and compares them after every step. Fails the
+    /// test at the first difference.
+    void run(std::uint64_t seed, std::uint64_t steps);
+
+private:
+    Step nextStep(StepSource& source);
+    void happen(const Step& step);
+    void request(const Step& step);
+    void startTheMonitor(const ModelMonitor& monitor);
+    bool endTheMonitor(int signal);
+    static void loseHeartbeat(pid_t pid, Beat beat);
+
+    void expectReply(Client& client, Received received, const ModelResult& expected);
+    void expectAgreement();
+    void noteEndOfFirstPhase();
+    bool recognizeProcesses();
+    void forgetProcesses();
+
+    // What must be the same and is not, for people; empty when all is.
+    std::string difference();
+    std::string differentProcesses() const;
+    std::string differentSegment();
+    std::string differentRegistry() const;
+
+    PublishedApp expectedRecord(std::size_t index, const PublishedApp& found) const;
+    std::string expectedEntry(const ModelEntry& entry) const;
+    std::string history() const;
+    std::string resolved(std::string text) const;
+    pid_t pidOf(ProcessNumber process) const;
+
+    RegistryModel model_;
+    ModelConsole console_;
+    std::int64_t monitorSinceMs_ = 0;
+    int age_ = 0; ///< steps that the monitor has seen
+    std::map<ProcessNumber, pid_t> pids_;
+    std::vector<std::string> history_;
+    std::map<std::string, int> counts_; ///< steps by their kinds
+    int answers_ = 0;
+};
+
+} // namespace systemtest
+
+#endif // OVARD_TESTS_SYSTEM_MODEL_WORLD_H

@@ -34,8 +34,8 @@ int launcherStatus(int waitStatus) {
     return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
 }
 
-/// The launcher's status once the mutex is released. A daemon that fails releases it too, as it
-/// ends: a short look tells that from one that is ready.
+/// The launcher's status once the mutex is released, or cannot be had at all. A daemon that fails
+/// releases it too, as it ends: a short look tells that from one that is ready.
 int statusAfterRelease(pid_t daemon, const timespec& pause) {
     for (int look = 0; look < kLooksAfterRelease; ++look) {
         int waitStatus = 0;
@@ -53,9 +53,8 @@ int statusAfterRelease(pid_t daemon, const timespec& pause) {
     const timespec pause =
         platform::toTimespec(kLauncherPollMs * platform::kNanosecondsPerMillisecond);
     for (;;) {
-        const int acquired = mutex.tryAcquire();
-        if (acquired != 0) {
-            ::_exit(acquired > 0 ? statusAfterRelease(daemon, pause) : EXIT_SUCCESS);
+        if (mutex.tryAcquire() != 0) {
+            ::_exit(statusAfterRelease(daemon, pause));
         }
         int waitStatus = 0;
         const pid_t ended = ::waitpid(daemon, &waitStatus, WNOHANG);

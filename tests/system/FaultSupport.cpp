@@ -63,7 +63,8 @@ FullFolder::FullFolder(const std::string& folder)
     if (facts.f_type != kTmpfsMagic) {
         return;
     }
-    const unsigned long used = (facts.f_blocks - facts.f_bfree) * facts.f_bsize;
+    const unsigned long used =
+        (facts.f_blocks - facts.f_bfree) * static_cast<unsigned long>(facts.f_bsize);
     EXPECT_TRUE(runShell("mount -o remount,size=" + std::to_string(used + kRoomForTheTest) + " " +
                          folder_));
     std::ofstream file(filler_, std::ios::binary);

@@ -205,6 +205,11 @@ TEST_F(Daemonize, LauncherDoesNotWaitForALockThatCanNeverBeHad) {
     ASSERT_TRUE(eventually([this] { return story_->daemonPid > 0; })) << "the daemon lives on";
 }
 
+TEST_F(Daemonize, LauncherLearnsTheStatusBesideALockThatCanNeverBeHad) {
+    story_->lock = Lock::Broken;
+    EXPECT_EQ(awaitChild(startLauncher([](Story&) { return 3; })), 3);
+}
+
 TEST_F(Daemonize, LauncherLearnsTheStatusEvenWhereChildrenAreIgnored) {
     EXPECT_EQ(awaitChild(startLauncher(
                   [](Story& story) {

@@ -166,6 +166,24 @@ TEST_F(InterprocessNamedMutexTest, NamesAreCutToTheirBuffers) {
     EXPECT_EQ(mutex.name(), "/" + std::string(254, 'n'));
 }
 
+// The semaphore's own name still fits; the path that is removed before has lost its last
+// characters.
+TEST_F(InterprocessNamedMutexTest, PathThatIsRemovedIsCutToItsBuffer) {
+    const std::string bare = bare_ + std::string(245 - bare_.size(), 'n');
+    const std::string path = "/dev/shm/sem." + bare;
+    const std::string cut = path.substr(0, 255);
+    std::ofstream(cut) << "x";
+    ASSERT_EQ(::access(cut.c_str(), F_OK), 0);
+    {
+        CInterprocessNamedMutex first(bare.c_str());
+        ASSERT_TRUE(first.Lock());
+        EXPECT_NE(::access(cut.c_str(), F_OK), 0);
+        CInterprocessNamedMutex second(bare.c_str());
+        EXPECT_EQ(second.tryAcquire(), 0) << "the one that stands there was not removed";
+    }
+    EXPECT_EQ(::unlink(path.c_str()), 0);
+}
+
 TEST_F(InterprocessNamedMutexTest, LockWithoutHandleFailsWithEinval) {
     CInterprocessNamedMutex mutex(longName().c_str());
     world().forgetRecords();

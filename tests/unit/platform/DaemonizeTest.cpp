@@ -207,7 +207,11 @@ TEST_F(Daemonize, LauncherDoesNotWaitForALockThatCanNeverBeHad) {
 
 TEST_F(Daemonize, LauncherLearnsTheStatusBesideALockThatCanNeverBeHad) {
     story_->lock = Lock::Broken;
-    EXPECT_EQ(awaitChild(startLauncher([](Story&) { return 3; })), 3);
+    EXPECT_EQ(awaitChild(startLauncher([](Story& story) {
+                  story.daemonPid = 0;
+                  return 3;
+              })),
+              3);
 }
 
 TEST_F(Daemonize, LauncherLearnsTheStatusEvenWhereChildrenAreIgnored) {

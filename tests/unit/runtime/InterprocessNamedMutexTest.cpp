@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -146,6 +147,25 @@ TEST_F(InterprocessNamedMutexTest, DestructorPostsOnceAndLeavesTheName) {
     mutex.reset();
     EXPECT_EQ(value(), 2);
     EXPECT_TRUE(fileExists());
+}
+
+/// Semaphores that this process has open, whatever their names are by now.
+std::ptrdiff_t openSemaphores() {
+    std::ifstream maps("/proc/self/maps");
+    std::ptrdiff_t count = 0;
+    for (std::string line; std::getline(maps, line);) {
+        count += line.find("/dev/shm/sem.") != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
+TEST_F(InterprocessNamedMutexTest, DestructorClosesTheHandle) {
+    const std::ptrdiff_t before = openSemaphores();
+    {
+        const CInterprocessNamedMutex mutex(name_.c_str());
+        EXPECT_EQ(openSemaphores(), before + 1);
+    }
+    EXPECT_EQ(openSemaphores(), before);
 }
 
 // --- failures ------------------------------------------------------------------------------------

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -350,6 +352,27 @@ TEST_F(MainLoopTest, StatusCheckIsShownBeforeItsSleepAndPublicationAfterIt) {
     EXPECT_THAT(atSleep, HasSubstr("for heartbeats\n"));
     EXPECT_THAT(atSleep, Not(HasSubstr("updateStatus")));
     EXPECT_THAT(world().consoleText(), HasSubstr("updateStatus"));
+}
+
+/// Where the first call `text`, with whatever arguments, stands among `calls`.
+std::ptrdiff_t positionOf(const std::string& text, const std::vector<std::string>& calls) {
+    return std::find_if(calls.begin(), calls.end(),
+                        [&text](const std::string& call) {
+                            return call == text || call.rfind(text + " ", 0) == 0;
+                        }) -
+           calls.begin();
+}
+
+// A pass ends with the health word, for which it reads the published one.
+TEST_F(MainLoopTest, PassComesBeforeThatSleepAndPublicationAfterIt) {
+    runTurns({brokenAt(1700000005)}, 5);
+    const std::vector<std::string>& calls = world().calls;
+    const std::ptrdiff_t passed = positionOf("loadShm", calls);
+    const std::ptrdiff_t slept = positionOf("sleep 10", calls);
+    const std::ptrdiff_t published = positionOf("readTextFile /proc/uptime", calls);
+    EXPECT_LT(passed, slept);
+    EXPECT_LT(slept, published);
+    EXPECT_LT(published, static_cast<std::ptrdiff_t>(calls.size())) << "never";
 }
 
 // --- when the status check is due ----------------------------------------------------------------

@@ -104,7 +104,10 @@ TEST_F(StartupFilesTest, ReplayStartsAfterThePidFile) {
 TEST_F(StartupFilesTest, ReplayThatCannotStartRestartsTheMachine) {
     world().threadErrors = {0, EAGAIN};
     world().restartResults = {{-1, EPERM}};
+    at("sync",
+       [] { EXPECT_THAT(world().logTexts(kLevelError), testing::SizeIs(1)) << "told before"; });
     EXPECT_EQ(run({"-d", "-x", "/nonexistent/startup"}), 0);
+    EXPECT_TRUE(looked_);
     EXPECT_THAT(world().logTexts(kLevelError),
                 ElementsAre("pthread_create startupAppConfigurationProcess error"));
     EXPECT_THAT(world().callsOf({"sync", "restart"}), ElementsAre("sync", "restart"));

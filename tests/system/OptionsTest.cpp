@@ -88,6 +88,15 @@ TEST_F(Options, UnknownOptionShowsVersionAndDate) {
     expectVersionOnly({"-D"}, "invalid option -- 'D'");
 }
 
+TEST_F(Options, VersionIsShownBeforeTheOptionsAreLookedAt) {
+    const std::string output =
+        runProgram("/bin/sh", {"-c", "exec " + daemonProgram() + " -z 2>&1"}).output;
+    const std::vector<std::string> lines = linesOf(output);
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[0], versionLine());
+    EXPECT_EQ(lines[1], daemonProgram() + ": invalid option -- 'z'");
+}
+
 TEST_F(Options, MissingArgumentShowsVersionAndDate) {
     for (const char option : std::string("wvsphiIfx")) {
         expectVersionOnly({std::string("-") + option},

@@ -1,5 +1,6 @@
 // From the launch to the main loop.
 
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -338,6 +339,33 @@ TEST_F(Startup, SemaphoreFileIsNamedAfterTheMutex) {
     ASSERT_TRUE(daemon.startInBackground());
     EXPECT_TRUE(fileExists("/dev/shm/sem.ovard.initialization"));
     EXPECT_EQ(permissions(kSemaphorePath) & ~0664, 0);
+}
+
+/// The count of the initialization mutex; -1 when there is none.
+int initializationCount() {
+    sem_t* const semaphore = ::sem_open("/ovard.initialization", 0);
+    int count = -1;
+    if (semaphore != SEM_FAILED) {
+        EXPECT_EQ(::sem_getvalue(semaphore, &count), 0);
+        ::sem_close(semaphore);
+    }
+    return count;
+}
+
+// It is made with a count of one before anything else happens, and the last thing that happens to
+// it is one more post.
+TEST_F(Startup, SemaphoreIsPostedAtTheEndOfEveryRun) {
+    EXPECT_EQ(runProgram(daemonProgram(), {"-?"}).ending.text(), "status 0");
+    EXPECT_EQ(initializationCount(), 2);
+    Daemon daemon;
+    ASSERT_TRUE(daemon.startInForeground());
+    EXPECT_EQ(initializationCount(), 1);
+    EXPECT_EQ(daemon.terminate().text(), "status 0");
+    EXPECT_EQ(initializationCount(), 3); // once for the shutdown, once for the end of the process
+    Daemon first;
+    ASSERT_TRUE(first.startInForeground());
+    EXPECT_EQ(runProgram(daemonProgram(), {}).ending.text(), "status 246");
+    EXPECT_EQ(initializationCount(), 2);
 }
 
 TEST_F(Startup, StaleSemaphoreOfAKilledMonitorDoesNotHoldTheNextOneUp) {

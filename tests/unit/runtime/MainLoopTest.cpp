@@ -480,9 +480,17 @@ TEST_F(MainLoopTest, CounterIsResetAtTheEndOfTheTurnOnly) {
             atCheck = thread_heartbeat_counter;
         }
     };
+    std::uint32_t atPublication = 0;
+    world().onCall = [&](const std::string& call) {
+        if (call == "readTextFile /proc/uptime") {
+            atPublication = thread_heartbeat_counter;
+        }
+    };
     thread_heartbeat_counter = 4;
     runTurns({broken}, 0);
+    world().onCall = nullptr;
     EXPECT_EQ(atCheck, 4U);
+    EXPECT_EQ(atPublication, 4U);
     EXPECT_EQ(thread_heartbeat_counter, 0U);
 }
 

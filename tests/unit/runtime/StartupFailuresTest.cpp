@@ -88,6 +88,14 @@ TEST_F(StartupFailuresTest, HandlerFailureEndsTheMonitorBeforeItIsInitialized) {
     EXPECT_EQ(world().count("pidfile"), 0U);
 }
 
+TEST_F(StartupFailuresTest, FailureOfALoggingHandlerEndsTheMonitorBeforeItIsInitialized) {
+    world().signalErrors[SIGHUP] = EINVAL;
+    EXPECT_EQ(exitStatusOf({"-d", "-b"}), 1);
+    EXPECT_EQ(world().errorText(), "signal_hup: Invalid argument\n");
+    EXPECT_THAT(world().events, ElementsAre("Ovard: Application Monitor Started."));
+    EXPECT_EQ(world().count("pidfile"), 0U);
+}
+
 // --- the end -------------------------------------------------------------------------------------
 
 constexpr int kShutdownRan = 42;

@@ -157,6 +157,22 @@ TEST_F(StartupTest, StepsInTheirOrder) {
     EXPECT_EQ(world().errorText(), "");
 }
 
+TEST_F(StartupTest, LoggedSignalsTakeThePlaceOfTheTerminationHandlers) {
+    at(signalCall(SIGTRAP, "handler"), [] {
+        EXPECT_FALSE(launcherMayGoOn());
+        EXPECT_THAT(world().events, ElementsAre("Ovard: Application Monitor Started."));
+    });
+    run({"-b"});
+    EXPECT_TRUE(looked_);
+    EXPECT_THAT(world().callsOf({"signal", "thread", "pidfile"}),
+                ElementsAre(signalCall(SIGPIPE, "ignore"), signalCall(SIGCHLD, "default"), "thread",
+                            signalCall(SIGHUP, "handler"), signalCall(SIGINT, "handler"),
+                            signalCall(SIGTERM, "handler"), signalCall(SIGSEGV, "handler"),
+                            signalCall(SIGABRT, "handler"), signalCall(SIGPIPE, "handler"),
+                            signalCall(SIGTRAP, "handler"),
+                            "pidfile 4321 /tmp/pid/home/kelvo/root/ovard.pid 65 " + slotValue(7)));
+}
+
 TEST_F(StartupTest, ConsoleShowsTheVersionOnlyAtTheDefaultVerbosity) {
     run({});
     EXPECT_EQ(world().consoleText(), versionLine());
@@ -361,6 +377,16 @@ TEST_F(LoopStartTest, GraceOfPreloadedEntriesBeginsWithTheLoop) {
     runSlowStart(60, 29);
     EXPECT_THAT(world().consoleText(),
                 HasSubstr(" checkStatus(bErasePreloadApplistEntries=0) for heartbeats\n"));
+}
+
+TEST_F(LoopStartTest, LoopBeginsBeforeTheReplay) {
+    world().threadErrors = {0, EAGAIN};
+    world().restartResults = {{-1, EPERM}};
+    at("sync", [] { world().now += 40; });
+    run({"-d", "-v", "8", "-x", "/nonexistent/startup"});
+    EXPECT_TRUE(looked_);
+    EXPECT_THAT(world().consoleText(),
+                HasSubstr(" checkStatus(bErasePreloadApplistEntries=1) for heartbeats\n"));
 }
 
 TEST_F(StartupTest, LoopHasAnIntervalOfFiveSecondsByDefault) {

@@ -7,14 +7,14 @@
 #include "appmanager/AppManager.h"
 #include "platform/Settings.h"
 #include "tests/fakes/FakePlatform.h"
+#include "tests/unit/LogLevels.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 
 namespace {
 
 using fakes::world;
+using levels::kLevelError;
 using testing::IsEmpty;
-
-constexpr int kLevelError = 3;
 
 std::string word(int index) {
     return "w" + std::to_string(index);

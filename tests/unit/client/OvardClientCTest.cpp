@@ -15,8 +15,6 @@ namespace {
 
 using namespace client_test;
 
-constexpr std::int32_t kAmpleMs = 20000;
-
 ovard_request makeRequest(ovard_action action, const char* name = "meter_app") {
     ovard_request request;
     ovard_request_init(&request, action);
@@ -25,7 +23,7 @@ ovard_request makeRequest(ovard_action action, const char* name = "meter_app") {
     return request;
 }
 
-ovard_reply untouchedReply() {
+ovard_reply untouchedCReply() {
     ovard_reply reply;
     std::memset(&reply, 0x5a, sizeof reply);
     return reply;
@@ -39,7 +37,7 @@ void expectEmpty(const ovard_reply& reply, std::int32_t requestSent) {
 
 /// A call that must be refused before anything is sent.
 ovard_result refusedSend(const ovard_request& request) {
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     const TemporaryFolder folder;
     const ovard_result result = ovard_send(folder.file("none").c_str(), kAmpleMs, &request, &reply);
     expectEmpty(reply, 0);
@@ -130,7 +128,7 @@ TEST(OvardClientC, SendsEveryFieldAsTheRecordHoldsIt) {
     reqcmd received{};
     {
         TestServer server([&](int fd) { received = receiveRequest(fd); });
-        ovard_reply reply = untouchedReply();
+        ovard_reply reply = untouchedCReply();
         EXPECT_EQ(ovard_send(server.path().c_str(), kAmpleMs, &request, &reply),
                   OVARD_CONNECTION_CLOSED);
         expectEmpty(reply, 1);
@@ -158,7 +156,7 @@ TEST(OvardClientC, ReturnsCodeAndMessageOfTheReply) {
         sendBytes(fd, &sent, sizeof sent);
     });
     const ovard_request request = makeRequest(OVARD_STOP);
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     EXPECT_EQ(ovard_send(server.path().c_str(), kAmpleMs, &request, &reply), OVARD_OK);
     EXPECT_EQ(reply.code, -20);
     EXPECT_EQ(reply.request_sent, 1);
@@ -173,7 +171,7 @@ TEST(OvardClientC, AMessageThatFillsItsFieldEndsWithANulNevertheless) {
         sendBytes(fd, &sent, sizeof sent);
     });
     const ovard_request request = makeRequest(OVARD_STOP);
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     EXPECT_EQ(ovard_send(server.path().c_str(), kAmpleMs, &request, &reply), OVARD_OK);
     ASSERT_EQ(reply.message[1024], '\0');
     EXPECT_EQ(reply.message, whole);
@@ -183,7 +181,7 @@ TEST(OvardClientC, AwaitsNothingWhenNoWaitIsSet) {
     TestServer server([](int fd) { receiveRequest(fd); });
     ovard_request request = makeRequest(OVARD_RESTART);
     request.no_wait = 1;
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     EXPECT_EQ(ovard_send(server.path().c_str(), kAmpleMs, &request, &reply), OVARD_OK);
     expectEmpty(reply, 1);
     EXPECT_EQ(ovard_send(server.path().c_str(), kAmpleMs, &request, nullptr), OVARD_OK);
@@ -195,7 +193,7 @@ TEST(OvardClientC, TimesOutAndTellsThatTheRequestIsOut) {
         waitForClose(fd);
     });
     const ovard_request request = makeRequest(OVARD_STOP_ALL);
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     EXPECT_EQ(ovard_send(server.path().c_str(), 100, &request, &reply), OVARD_TIMED_OUT);
     expectEmpty(reply, 1);
 }
@@ -203,7 +201,7 @@ TEST(OvardClientC, TimesOutAndTellsThatTheRequestIsOut) {
 TEST(OvardClientC, ReportsThatNobodyListens) {
     const TemporaryFolder folder;
     const ovard_request request = makeRequest(OVARD_STOP_ALL);
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     EXPECT_EQ(ovard_send(folder.file("none").c_str(), kAmpleMs, &request, &reply),
               OVARD_NO_MONITOR);
     expectEmpty(reply, 0);
@@ -213,7 +211,7 @@ TEST(OvardClientC, AnyOtherFailureLeavesItsCauseInErrno) {
     const TemporaryFolder folder;
     const platform::UniqueFd other = bindSocket(folder.file("sock"), SOCK_DGRAM, -1);
     const ovard_request request = makeRequest(OVARD_STOP_ALL);
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     errno = 0;
     EXPECT_EQ(ovard_send(folder.file("sock").c_str(), kAmpleMs, &request, &reply),
               OVARD_SYSTEM_ERROR);
@@ -223,7 +221,7 @@ TEST(OvardClientC, AnyOtherFailureLeavesItsCauseInErrno) {
 
 TEST(OvardClientC, RefusesWrongArguments) {
     const ovard_request request = makeRequest(OVARD_STOP_ALL);
-    ovard_reply reply = untouchedReply();
+    ovard_reply reply = untouchedCReply();
     EXPECT_EQ(ovard_send("/nonexistent", kAmpleMs, nullptr, &reply), OVARD_INVALID_ARGUMENT);
     expectEmpty(reply, 0);
     EXPECT_EQ(ovard_send("/nonexistent", kAmpleMs, &request, nullptr), OVARD_INVALID_ARGUMENT);

@@ -1,6 +1,5 @@
 #include "client/OvardClient.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -13,7 +12,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -21,14 +19,13 @@
 
 #include "platform/Text.h"
 #include "records/codes.h"
+#include "tests/unit/OpenDescriptors.h"
 #include "tests/unit/client/TestServer.h"
 
 namespace {
 
 using namespace client_test;
 using namespace ovard_client;
-
-constexpr std::int32_t kAmpleMs = 20000;
 
 std::int64_t nowMs() {
     using namespace std::chrono;
@@ -65,19 +62,6 @@ response_struct untouchedReply() {
 bool isUntouched(const response_struct& reply) {
     const response_struct expected = untouchedReply();
     return std::memcmp(&reply, &expected, sizeof reply) == 0;
-}
-
-std::set<int> openDescriptors() {
-    std::set<int> descriptors;
-    DIR* folder = ::opendir("/proc/self/fd");
-    while (const dirent* entry = ::readdir(folder)) {
-        if (entry->d_name[0] != '.') {
-            descriptors.insert(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
-        }
-    }
-    descriptors.erase(::dirfd(folder));
-    ::closedir(folder);
-    return descriptors;
 }
 
 /// Interrupts the calling thread's system calls every 3 ms while it lives.
@@ -400,13 +384,15 @@ TEST(OvardClient, LeavesNoDescriptorOpen) {
 
 TEST(OvardClient, ClosesItsDescriptorOnExec) {
     const response_struct sent = makeReply(0, "done\n");
-    std::set<int> before;
+    std::vector<int> before;
     int checked = 0;
     {
         TestServer server([&](int fd) {
             receiveRequest(fd);
             for (const int descriptor : openDescriptors()) {
-                if (before.count(descriptor) == 0 && descriptor != fd) {
+                const bool isNew =
+                    std::find(before.begin(), before.end(), descriptor) == before.end();
+                if (isNew && descriptor != fd) {
                     EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
                     ++checked;
                 }

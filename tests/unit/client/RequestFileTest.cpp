@@ -14,9 +14,6 @@ using namespace client_test;
 using namespace ovardctl;
 using namespace std::string_literals;
 
-constexpr ByteOrder kOther =
-    nativeByteOrder() == ByteOrder::Little ? ByteOrder::Big : ByteOrder::Little;
-
 reqcmd fullRecord() {
     reqcmd record = startOf("meter");
     std::strcpy(record.version, "1.2");

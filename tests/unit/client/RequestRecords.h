@@ -7,10 +7,16 @@
 #include <string>
 #include <vector>
 
+#include "client/ovardctl/RequestFile.h"
 #include "records/codes.h"
 #include "records/reqcmd.h"
 
 namespace client_test {
+
+/// The byte order that this machine does not have.
+inline constexpr ovardctl::ByteOrder kOther =
+    ovardctl::nativeByteOrder() == ovardctl::ByteOrder::Little ? ovardctl::ByteOrder::Big
+                                                               : ovardctl::ByteOrder::Little;
 
 /// A zeroed record with these fields; texts that are too long are cut.
 reqcmd requestOf(std::int32_t action, const std::string& name, const std::string& cmd = "",

@@ -19,9 +19,6 @@ using namespace client_test;
 using namespace ovardctl;
 using platform::copyToField;
 
-constexpr ByteOrder kOther =
-    nativeByteOrder() == ByteOrder::Little ? ByteOrder::Big : ByteOrder::Little;
-
 /// A record in which the byte order shows.
 reqcmd portStartOf(const std::string& name) {
     reqcmd record = startOf(name);

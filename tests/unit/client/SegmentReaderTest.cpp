@@ -1,6 +1,5 @@
 #include "client/SegmentReader.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/OpenDescriptors.h"
 #include "tests/unit/client/TestSegment.h"
 
 namespace {
@@ -224,25 +224,15 @@ TEST(SegmentReader, IsNotHeldUpByAPipeNorMisledByALinkOrAFolder) {
     EXPECT_EQ(byte, '?');
 }
 
-int openDescriptors() {
-    DIR* const folder = ::opendir("/proc/self/fd");
-    int count = 0;
-    while (::readdir(folder) != nullptr) {
-        ++count;
-    }
-    ::closedir(folder);
-    return count;
-}
-
 TEST(SegmentReader, LeavesNoDescriptorOpen) {
     const TestSegment segment(kSize);
-    const int before = openDescriptors();
+    const std::size_t before = openDescriptors().size();
     Bytes copy = kUntouched;
     for (const std::size_t size : {kSize, kSize + 1}) {
         copy.resize(size);
         (void)readSegment(segment.name(), copy.data(), size, noPause);
     }
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(openDescriptors().size(), before);
 }
 
 TEST(SegmentReader, WaitsFiveMillisecondsBetweenCopies) {

@@ -18,11 +18,6 @@ using ovard_client::MonitorState;
 using ovard_client::SegmentResult;
 using platform::copyToField;
 
-constexpr ViewStyle kPlain{false, false, false};
-constexpr ViewStyle kColoured{false, false, true};
-constexpr ViewStyle kJson{true, false, false};
-constexpr ViewStyle kJsonLine{true, true, false};
-
 struct Application {
     const char* name;
     std::int32_t pid;

@@ -15,13 +15,8 @@ using namespace client_test;
 using namespace ovardctl;
 using platform::copyToField;
 
-constexpr ViewStyle kPlain{false, false, false};
-constexpr ViewStyle kColoured{false, false, true};
-constexpr ViewStyle kJson{true, false, false};
-constexpr ViewStyle kJsonLine{true, true, false};
-
 /// Every published value differs from all others.
-system_segment sampleSegment() {
+system_segment sampleSystem() {
     system_segment segment = {};
     copyToField(segment.meter.kernel_release, "2.6.32-meter");
     copyToField(segment.meter.kernel_version, "#7 PREEMPT Tue Nov 14");
@@ -118,7 +113,7 @@ const char* const kSampleText =
     "eth1       DHCPv6 renewal   3600\n";
 
 TEST(SystemView, ShowsTheMachineInTables) {
-    const Report report = makeSystemReport(runningPublication(), sampleSegment(), kPlain);
+    const Report report = makeSystemReport(runningPublication(), sampleSystem(), kPlain);
     EXPECT_EQ(report.exitStatus, 0);
     EXPECT_EQ(report.error, "");
     EXPECT_EQ(report.output, kSampleText);
@@ -126,7 +121,7 @@ TEST(SystemView, ShowsTheMachineInTables) {
 }
 
 TEST(SystemView, ColoursTheMonitorAndTheTitlesOnly) {
-    std::string output = makeSystemReport(runningPublication(), sampleSegment(), kColoured).output;
+    std::string output = makeSystemReport(runningPublication(), sampleSystem(), kColoured).output;
     EXPECT_EQ(output.rfind("Monitor:  \x1b[32mrunning\x1b[0m\n", 0), 0u);
     EXPECT_NE(output.find("\x1b[1mCPU\x1b[0m  \x1b[1mUSER\x1b[0m"), std::string::npos);
     for (const char* sequence : {"\x1b[32m", "\x1b[1m", "\x1b[0m"}) {
@@ -138,7 +133,7 @@ TEST(SystemView, ColoursTheMonitorAndTheTitlesOnly) {
 }
 
 TEST(SystemView, SaysThatTheDataAreStale) {
-    const Report report = makeSystemReport(stalePublication(), sampleSegment(), kPlain);
+    const Report report = makeSystemReport(stalePublication(), sampleSystem(), kPlain);
     EXPECT_EQ(report.exitStatus, 3);
     EXPECT_EQ(report.output.rfind("Monitor:  not running\nData:     stale, 5m 06s old\n\n", 0), 0u);
     EXPECT_NE(report.error.find("no monitor listens"), std::string::npos);
@@ -154,7 +149,7 @@ TEST(SystemView, ShowsNothingOfASegmentThatAMonitorHasOnlyCleared) {
 }
 
 TEST(SystemView, GivesScriptsEverything) {
-    const Report report = makeSystemReport(runningPublication(), sampleSegment(), kJsonLine);
+    const Report report = makeSystemReport(runningPublication(), sampleSystem(), kJsonLine);
     EXPECT_EQ(report.exitStatus, 0);
     EXPECT_EQ(
         report.output,
@@ -199,7 +194,7 @@ TEST(SystemView, BoundsWhatOtherProgramsHaveWritten) {
 }
 
 TEST(SystemView, ShowsNoNumbersThatAreNone) {
-    system_segment segment = sampleSegment();
+    system_segment segment = sampleSystem();
     systeminfo_struct& info = segment.sysinfo;
     info.runtime_uptime = std::numeric_limits<float>::quiet_NaN();
     info.runtime_idletime = std::numeric_limits<float>::infinity();
@@ -218,7 +213,7 @@ TEST(SystemView, ShowsNoNumbersThatAreNone) {
 }
 
 TEST(SystemView, ShowsAnUptimeThatCannotBeAsItStands) {
-    system_segment segment = sampleSegment();
+    system_segment segment = sampleSystem();
     segment.sysinfo.runtime_uptime = -3.5F;
     const std::string text = makeSystemReport(runningPublication(), segment, kPlain).output;
     EXPECT_NE(text.find("Uptime:   -3.5 hours, "), std::string::npos);

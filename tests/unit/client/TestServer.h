@@ -3,6 +3,7 @@
 #ifndef OVARD_TESTS_UNIT_CLIENT_TEST_SERVER_H
 #define OVARD_TESTS_UNIT_CLIENT_TEST_SERVER_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -13,6 +14,9 @@
 #include "records/response_struct.h"
 
 namespace client_test {
+
+/// Longer than any answer takes.
+inline constexpr std::int32_t kAmpleMs = 20000;
 
 /// A folder of its own under /tmp, removed with what is in it (files only).
 class TemporaryFolder {

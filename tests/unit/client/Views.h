@@ -9,6 +9,11 @@
 
 namespace client_test {
 
+inline constexpr ovardctl::ViewStyle kPlain{false, false, false};
+inline constexpr ovardctl::ViewStyle kColoured{false, false, true};
+inline constexpr ovardctl::ViewStyle kJson{true, false, false};
+inline constexpr ovardctl::ViewStyle kJsonLine{true, true, false};
+
 /// A segment that was read whole, 1.5 seconds after it was written, while a monitor runs.
 ovardctl::Publication runningPublication();
 

@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <pthread.h>
@@ -16,25 +15,11 @@
 #include "TestSupport.h"
 #include "platform/System.h"
 #include "platform/UniqueFd.h"
+#include "tests/unit/OpenDescriptors.h"
 
 namespace {
 
 using namespace testsupport;
-
-/// Descriptors that are open in this process, but for the one that lists them.
-std::vector<int> openDescriptors() {
-    std::vector<int> found;
-    DIR* const directory = ::opendir("/proc/self/fd");
-    while (const dirent* entry = ::readdir(directory)) {
-        const int fd = entry->d_name[0] == '.' ? -1 : std::atoi(entry->d_name);
-        if (fd >= 0 && fd != ::dirfd(directory)) {
-            found.push_back(fd);
-        }
-    }
-    ::closedir(directory);
-    std::sort(found.begin(), found.end());
-    return found;
-}
 
 /// The clean child's descriptors above 2.
 std::vector<int> ownDescriptors() {

@@ -19,8 +19,6 @@ using namespace testsupport;
 using platform::confirmsPidAndVersion;
 using platform::writtenPidFileName;
 
-constexpr int kCreateForWriting = O_WRONLY | O_CREAT;
-
 // --- contents ---
 
 TEST(PidFile, ConfirmsPidAndVersionByTheirLines) {

@@ -27,7 +27,6 @@ using platform::openFile;
 using platform::openFolderOf;
 
 constexpr uid_t kAnotherUser = 65534;
-constexpr int kCreateForWriting = O_WRONLY | O_CREAT;
 const dev_t kZeroDevice = makedev(1, 5);
 
 /// A folder that everybody may write to, and a file worth protecting.

@@ -1,6 +1,5 @@
 #include "platform/ShmUpdate.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "tests/unit/OpenDescriptors.h"
 
 namespace {
 
@@ -21,18 +21,6 @@ using namespace testsupport;
 constexpr int kFlags = 66; // read-write and create
 constexpr int kMode = 438; // read and write for everybody
 constexpr std::size_t kSize = 4096;
-
-std::vector<int> openDescriptors() {
-    std::vector<int> all;
-    DIR* const directory = ::opendir("/proc/self/fd");
-    while (const dirent* entry = ::readdir(directory)) {
-        if (entry->d_name[0] != '.' && std::atoi(entry->d_name) != ::dirfd(directory)) {
-            all.push_back(std::atoi(entry->d_name));
-        }
-    }
-    ::closedir(directory);
-    return all;
-}
 
 /// A segment with a name of its own, removed with whatever stands in its place.
 class ShmUpdateTest : public testing::Test {

@@ -3,6 +3,7 @@
 #ifndef OVARD_TESTS_PLATFORM_TEST_SUPPORT_H
 #define OVARD_TESTS_PLATFORM_TEST_SUPPORT_H
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -18,6 +19,9 @@
 #include "platform/UniqueFd.h"
 
 namespace testsupport {
+
+/// Flags of an open that makes a file.
+inline constexpr int kCreateForWriting = O_WRONLY | O_CREAT;
 
 /// A directory of its own below /tmp, removed with all it holds.
 class TemporaryDirectory {

@@ -45,7 +45,7 @@ TEST(Thread, RunsWithAllSignalsBlockedButFaults) {
     }
 }
 
-struct Course {
+struct WindowCourse {
     std::atomic<bool> windowClosed{false};
     std::atomic<bool> cancelSent{false};
     std::atomic<bool> outsideWindow{false};
@@ -54,7 +54,7 @@ struct Course {
 };
 
 void* waitInWindow(void* argument) {
-    Course& course = *static_cast<Course*>(argument);
+    WindowCourse& course = *static_cast<WindowCourse*>(argument);
     platform::disableCancellation();
     {
         const platform::CancellationWindow window;
@@ -73,7 +73,7 @@ void* waitInWindow(void* argument) {
 }
 
 TEST(Thread, CanBeCancelledOnlyInItsWindows) {
-    Course course;
+    WindowCourse course;
     pthread_t thread = {};
     ASSERT_EQ(platform::createWorkerThread(&thread, waitInWindow, &course), 0);
     ASSERT_TRUE(testsupport::eventually([&] { return course.windowClosed.load(); }));

@@ -30,8 +30,10 @@ inline std::string actionCall(int signal) {
     return "sigaction " + std::to_string(signal);
 }
 
+/// A slot that is filled to its end has no terminator.
 inline std::string slotText(std::size_t slot) {
-    return version_information_resource[slot];
+    const char* const text = version_information_resource[slot];
+    return {text, ::strnlen(text, kVersionSlotSize)};
 }
 
 /// The value of a slot, without key and line feed.

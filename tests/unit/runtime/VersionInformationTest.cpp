@@ -8,16 +8,13 @@
 #include <gtest/gtest.h>
 
 #include "tests/fakes/FakePlatform.h"
+#include "tests/unit/runtime/StartupSupport.h"
 
 namespace {
 
 using fakes::world;
+using runtimetest::slotText;
 using testing::MatchesRegex;
-
-std::string slotText(std::size_t slot) {
-    const char* const text = version_information_resource[slot];
-    return {text, ::strnlen(text, kVersionSlotSize)};
-}
 
 /// Patches one slot for the time of a test.
 class PatchedSlot {

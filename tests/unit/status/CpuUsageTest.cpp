@@ -9,10 +9,12 @@
 #include "platform/Settings.h"
 #include "status/AppStatusUpdate.h"
 #include "tests/fakes/FakePlatform.h"
+#include "tests/unit/status/StatusSupport.h"
 
 namespace {
 
 using fakes::world;
+using statustest::maskWithout;
 
 constexpr cpuload_struct kUntouched = {-1, -2, -3, -4, -5, -6, -7};
 
@@ -20,10 +22,6 @@ bool same(const cpuload_struct& left, const cpuload_struct& right) {
     return left.user == right.user && left.sys == right.sys && left.nice == right.nice &&
            left.idle == right.idle && left.iowait == right.iowait && left.irq == right.irq &&
            left.softirq == right.softirq;
-}
-
-int maskWithout(std::uint32_t bits) {
-    return static_cast<int>(0xFFFFFFFFU & ~bits);
 }
 
 /// The samples last as long as the process, so every test begins with a reading of zeros.

@@ -15,6 +15,7 @@ namespace {
 
 using fakes::world;
 using statustest::filledInfo;
+using statustest::maskWithout;
 using statustest::sameBytes;
 using statustest::sharesOf;
 
@@ -134,10 +135,6 @@ protected:
 
 using Shares = std::array<float, 7>; // user, sys, nice, idle, iowait, irq, softirq
 using Bytes = std::array<std::uint8_t, 8>;
-
-int maskWithout(std::uint32_t bits) {
-    return static_cast<int>(0xFFFFFFFFU & ~bits);
-}
 
 constexpr std::uint32_t kIntr = 0x10000000;
 constexpr std::uint32_t kCtxt = 0x20000000;

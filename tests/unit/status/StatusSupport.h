@@ -3,6 +3,7 @@
 #ifndef OVARD_TESTS_STATUS_SUPPORT_H
 #define OVARD_TESTS_STATUS_SUPPORT_H
 
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -29,6 +30,11 @@ inline bool sameBytes(const systeminfo_struct& left, const systeminfo_struct& ri
 /// The shares of processor time as they lie in memory.
 inline std::string_view sharesOf(const systeminfo_struct& info) {
     return imageOf(info).substr(64, 28);
+}
+
+/// The value of a parser that has cleared these bits of its result.
+inline int maskWithout(std::uint32_t bits) {
+    return static_cast<int>(0xFFFFFFFFU & ~bits);
 }
 
 } // namespace statustest

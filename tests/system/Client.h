@@ -68,6 +68,9 @@ std::optional<response_struct> ask(const reqcmd& request, int timeoutMs = kPatie
 /// Sends one request on a connection of its own, which is kept in `client`.
 bool sendRequest(Client& client, const reqcmd& request);
 
+/// The main loop goes on at once when a client comes and goes.
+void turnMainLoop();
+
 /// The text of a reply.
 std::string messageOf(const response_struct& reply);
 

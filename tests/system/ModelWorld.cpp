@@ -45,12 +45,6 @@ void patch(const std::string& path, std::size_t offset, std::uint32_t number) {
     EXPECT_EQ(std::fclose(file), 0);
 }
 
-/// The main loop goes on at once when a client comes and goes.
-void turnMainLoop() {
-    Client client;
-    (void)client.connect(); // a monitor that is not there shows elsewhere
-}
-
 } // namespace
 
 void ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {

@@ -9,12 +9,6 @@ namespace {
 /// How long the monitor gets for a turn of its main loop.
 constexpr int kTurnMs = 150;
 
-/// The main loop goes on at once when a client comes and goes.
-void turnMainLoop() {
-    Client client;
-    (void)client.connect(); // a monitor that is not there shows elsewhere
-}
-
 bool beginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }

@@ -93,6 +93,11 @@ ModelResult RegistryModel::execute(const reqcmd& request) {
 
 ModelResult RegistryModel::start(const reqcmd& request) {
     (void)stopNamed(request); // as the monitor ignores it
+    if (std::any_of(entries_.begin(), entries_.end(), [&](const ModelEntry& other) {
+            return other.restartType == RESTART_TYPE_ALL && justEnded_.count(other.process) != 0;
+        })) {
+        isPredictable_ = false; // Does a pass restart all before this one is registered?
+    }
     ModelEntry entry = entryOf(request);
     const int result = launch(entry);
     workStatus_ = entry.status;

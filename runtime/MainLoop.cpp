@@ -62,7 +62,8 @@ void MainLoop::serveClient() {
     if (pszAppendToAppConfigurationFile != nullptr) {
         // Deliberate: also when nothing was received, with whatever the buffer holds. The record
         // file shows its failures itself.
-        (void)manager_.appendAppConfigurationFile(pszAppendToAppConfigurationFile, now_, request_);
+        (void)manager_.appendAppConfigurationFile(pszAppendToAppConfigurationFile,
+                                                  static_cast<long>(now_), request_);
     }
     if (g_verbose > 6) {
         platform::trace(true, "%s appmgr->recvCommand()=%d\n", timestamp_.c_str(), received);

@@ -5,8 +5,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,15 +30,19 @@ static_assert(!std::has_virtual_destructor_v<AppServer>);
 
 // --- codes and their texts -----------------------------------------------------------------------
 
+/// The texts, which are to be compared instead of their places.
+template <typename Texts> std::vector<std::string> textsOf(const Texts& texts) {
+    return {std::begin(texts), std::end(texts)};
+}
+
 TEST(AppStatusTextTest, NamesEveryStatusAndSharesTheTextsOfTwoPhases) {
-    EXPECT_THAT(OVARD_APP_STATUS_STR,
-                ElementsAre(std::string("initializing"), "starting", "starting", "started",
-                            "started", "stopped", "dead", "stopping", "start failure", "app late",
-                            "monitor die"));
+    EXPECT_THAT(textsOf(OVARD_APP_STATUS_STR),
+                ElementsAre("initializing", "starting", "starting", "started", "started", "stopped",
+                            "dead", "stopping", "start failure", "app late", "monitor die"));
 }
 
 TEST(AppStatusTextTest, NamesEveryPortType) {
-    EXPECT_THAT(PORT_TYPE_STR, ElementsAre(std::string("None"), "COM", "Eth"));
+    EXPECT_THAT(textsOf(PORT_TYPE_STR), ElementsAre("None", "COM", "Eth"));
 }
 
 TEST(ErrExitTest, ShowsTheErrorAndEndsTheMonitor) {

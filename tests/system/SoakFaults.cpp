@@ -1,0 +1,277 @@
+#include "tests/system/SoakFaults.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <cstring>
+
+#include "tests/system/Processes.h"
+#include "tests/system/Watchdog.h"
+
+namespace systemtest {
+namespace {
+
+/// A process of that age has been found by who has launched it. One that dies earlier makes the
+/// launch last for half a minute, as is required.
+constexpr double kSettledSec = 3;
+
+/// Longer than a heartbeat may be late in the soak.
+constexpr int kLostHeartbeatMs = 15000;
+
+constexpr int kReplyMs = 30000;
+constexpr int kFlood = 8;
+constexpr int kSignals = 200;
+constexpr int kUnknownActions[] = {-1, INT_MIN, INT_MAX, 9, 10, 11};
+
+double ageSec(pid_t pid) {
+    const auto ticks = static_cast<double>(processFacts(pid).startTicks);
+    return uptimeSec() - ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+reqcmd withAction(reqcmd request, int action) {
+    request.action = action;
+    return request;
+}
+
+} // namespace
+
+const std::vector<SoakFaults::Kind> SoakFaults::kKinds = {
+    {"application killed", 10, &SoakFaults::kill},
+    {"application crashed", 6, &SoakFaults::crash},
+    {"application stood still", 6, &SoakFaults::standStill},
+    {"heartbeat lost", 4, &SoakFaults::loseHeartbeat},
+    {"start of the dead", 3, &SoakFaults::startTheDead},
+    {"restart by name", 3, &SoakFaults::restart},
+    {"start of a running name", 3, &SoakFaults::startAnew},
+    {"stop and start", 3, &SoakFaults::stopAndStart},
+    {"restart of those on ports", 1, &SoakFaults::restartPortApplications},
+    {"pid file removed", 4, &SoakFaults::removePidFile},
+    {"pid file emptied", 4, &SoakFaults::emptyPidFile},
+    {"pid file replaced", 6, &SoakFaults::replacePidFile},
+    {"client without a request", 5, &SoakFaults::comeAndGo},
+    {"silent client", 4, &SoakFaults::keepSilent},
+    {"part of a request", 4, &SoakFaults::sendAPart},
+    {"client gone before the reply", 4, &SoakFaults::vanishBeforeTheReply},
+    {"hostile request", 6, &SoakFaults::sendNonsense},
+    {"flood of requests", 1, &SoakFaults::flood},
+    {"segment damaged", 6, &SoakFaults::damageSegment},
+    {"segment replaced", 3, &SoakFaults::replaceSegment},
+    {"/tmp full", 3, &SoakFaults::fillTmp},
+    {"/dev/shm full", 3, &SoakFaults::fillShm},
+    {"log collector gone", 3, &SoakFaults::removeLog},
+    {"log collector that reads nothing", 2, &SoakFaults::blockLog},
+    {"event log removed", 2, &SoakFaults::removeEventLog},
+    {"event log replaced", 2, &SoakFaults::replaceEventLog},
+    {"watchdog gone", 3, &SoakFaults::removeWatchdog},
+    {"semaphore damaged", 2, &SoakFaults::damageSemaphore},
+    {"signals", 4, &SoakFaults::sendSignals},
+};
+
+SoakFaults::SoakFaults(std::uint64_t seed, pid_t monitor, std::vector<reqcmd> applications,
+                       std::function<void()> beforeChange)
+    : random_(seed)
+    , monitor_(monitor)
+    , applications_(std::move(applications))
+    , beforeChange_(std::move(beforeChange)) {
+    std::vector<int> weights;
+    for (const Kind& kind : kKinds) {
+        weights.push_back(kind.weight);
+        counts_[kind.name] = 0;
+    }
+    choice_ = std::discrete_distribution<std::size_t>(weights.begin(), weights.end());
+}
+
+void SoakFaults::inject() {
+    const Kind& kind = kKinds[choice_(random_)];
+    (this->*kind.inject)();
+    ++counts_[kind.name];
+}
+
+void SoakFaults::goOn() {
+    takeReplies();
+    std::list<Ahead> due;
+    for (auto next = ahead_.begin(); next != ahead_.end();) {
+        const auto current = next++;
+        if (current->atMs <= monotonicMs()) {
+            due.splice(due.end(), ahead_, current);
+        }
+    }
+    for (const Ahead& entry : due) {
+        entry.action();
+    }
+}
+
+void SoakFaults::endAll() {
+    for (Ahead& entry : ahead_) {
+        entry.atMs = 0;
+    }
+    goOn();
+}
+
+void SoakFaults::startTheDead() {
+    ask(makeRequest(APPMONCTL_Stop, "nobody")); // a request may wait until another one comes
+    for (const reqcmd& application : applications_) {
+        if (application.restart_type != RESTART_TYPE_SELF && processesOf(application).empty()) {
+            ask(application);
+        }
+    }
+}
+
+std::vector<pid_t> SoakFaults::processesOf(const reqcmd& application) {
+    return processesWithCommandLine(application.cmd);
+}
+
+int SoakFaults::total() const {
+    int sum = 0;
+    for (const auto& count : counts_) {
+        sum += count.second;
+    }
+    return sum;
+}
+
+void SoakFaults::later(int milliseconds, std::function<void()> action) {
+    ahead_.push_back({monotonicMs() + milliseconds, std::move(action)});
+}
+
+// --- applications --------------------------------------------------------------------------------
+
+/// A process of a random application that has run for a while; 0 when none was found.
+pid_t SoakFaults::settledProcess(const std::function<bool(const reqcmd&)>& condition) {
+    for (std::size_t attempt = 0; attempt < applications_.size(); ++attempt) {
+        const reqcmd& application = pickFrom(applications_);
+        const std::vector<pid_t> found = processesOf(application);
+        if (condition(application) && found.size() == 1 && ageSec(found[0]) > kSettledSec) {
+            return found[0];
+        }
+    }
+    return 0;
+}
+
+void SoakFaults::kill() {
+    (void)sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGKILL);
+}
+
+void SoakFaults::crash() {
+    (void)sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGSEGV);
+}
+
+void SoakFaults::pause(pid_t pid, int milliseconds) {
+    (void)sendSignal(pid, SIGSTOP); // it may be gone
+    later(milliseconds, [pid] { (void)sendSignal(pid, SIGCONT); });
+}
+
+void SoakFaults::standStill() {
+    pause(settledProcess([](const reqcmd&) { return true; }), pick(100, 3000));
+}
+
+void SoakFaults::loseHeartbeat() {
+    pause(settledProcess([](const reqcmd& application) { return application.heartbeat != 0; }),
+          kLostHeartbeatMs);
+}
+
+void SoakFaults::restart() {
+    ask(withAction(pickFrom(applications_), APPMONCTL_Restart));
+}
+
+void SoakFaults::startAnew() {
+    ask(pickFrom(applications_));
+}
+
+void SoakFaults::stopAndStart() {
+    const reqcmd& application = pickFrom(applications_);
+    ask(withAction(application, APPMONCTL_Stop));
+    ask(application);
+}
+
+void SoakFaults::restartPortApplications() {
+    ask(makeRequest(APPMONCTL_Restart_PortApps));
+}
+
+// --- clients -------------------------------------------------------------------------------------
+
+std::unique_ptr<Client> SoakFaults::connected() {
+    auto client = std::make_unique<Client>();
+    connections_ += client->connect() ? 1 : 0;
+    return client;
+}
+
+void SoakFaults::ask(const reqcmd& request) {
+    std::unique_ptr<Client> client = connected();
+    (void)client->send(request); // a monitor that is gone shows elsewhere
+    asked_.push_back({std::move(client), monotonicMs() + kReplyMs});
+}
+
+void SoakFaults::takeReplies() {
+    for (auto entry = asked_.begin(); entry != asked_.end();) {
+        const Received received = entry->client->receive(0, sizeof(response_struct));
+        const bool isWhole = received.bytes.size() == sizeof(response_struct);
+        answered_ += isWhole ? 1 : 0;
+        const bool isDone = isWhole || received.ended || entry->untilMs < monotonicMs();
+        entry = isDone ? asked_.erase(entry) : std::next(entry);
+    }
+}
+
+void SoakFaults::comeAndGo() {
+    (void)connected();
+}
+
+void SoakFaults::keepSilent() {
+    ++disturbances_.silences;
+    later(kSoakSilenceMs, [client = std::shared_ptr<Client>(connected())] { client->close(); });
+}
+
+/// The rest is what the record before has there: a stop of a name that nobody has.
+void SoakFaults::sendAPart() {
+    const reqcmd request = makeRequest(APPMONCTL_Stop, "nobody");
+    ask(request);
+    const std::unique_ptr<Client> client = connected();
+    const auto size = static_cast<std::size_t>(pick(1, sizeof request - 1));
+    (void)client->send(bytesOf(request).substr(0, size));
+}
+
+void SoakFaults::vanishBeforeTheReply() {
+    (void)connected()->send(makeRequest(APPMONCTL_Stop, "nobody"));
+}
+
+void SoakFaults::sendNonsense() {
+    reqcmd request = makeRequest(APPMONCTL_Stop, "nobody");
+    const int nonsense = pick(0, 4);
+    if (nonsense <= 1) { // no text has an end
+        std::memset(request.name, 'n', sizeof request.name);
+        std::memset(request.cmd, pick(1, 255), sizeof request.cmd);
+        std::memset(request.pidfile, '/', sizeof request.pidfile);
+        std::memset(request.version, 0xff, sizeof request.version);
+    }
+    if (nonsense == 1) {
+        request.action = pickFrom(kUnknownActions);
+    } else if (nonsense == 2) {
+        request.action = APPMONCTL_Start; // without a command
+    } else if (nonsense == 3) {           // flags that are no flags
+        std::memset(&request.keepalive, 0xfe, sizeof request.keepalive);
+        std::memset(&request.heartbeat, 0x80, sizeof request.heartbeat);
+    }
+    const std::unique_ptr<Client> client = connected();
+    const std::string surplus(nonsense == 4 ? 5000 : 0, 'x');
+    (void)client->send(bytesOf(request) + surplus);
+}
+
+void SoakFaults::flood() {
+    reqcmd request = makeRequest(APPMONCTL_Stop, "nobody");
+    request.nowait = 1;
+    for (int count = 0; count < kFlood; ++count) {
+        (void)connected()->send(request);
+    }
+}
+
+// --- signals -------------------------------------------------------------------------------------
+
+void SoakFaults::sendSignals() {
+    constexpr int kHarmless[] = {SIGUSR1, SIGCHLD, SIGPIPE, SIGCONT, SIGWINCH, SIGURG};
+    const int signal = pickFrom(kHarmless);
+    for (int count = 0; count < kSignals; ++count) {
+        (void)sendSignal(monitor_, signal); // a monitor that is gone shows elsewhere
+    }
+}
+
+} // namespace systemtest

@@ -102,7 +102,7 @@ TEST(InitBootTimeVarsTest, SuccessIsSilent) {
 
 TEST(InitBootTimeVarsTest, KeepsABootTimeAfter2038) {
     AppStatusUpdate status;
-    world().now = 2147483648 + 1000;
+    world().now = static_cast<std::time_t>(2147483648 + 1000); // wraps in 32 bits, and comes back
     world().uptimeSec = 1;
     status.initBootTimeVars();
     EXPECT_EQ(status.bootTime(), 2147484647U);

@@ -26,15 +26,15 @@ ScriptedInit::~ScriptedInit() {
 extern "C" {
 
 int __real__ZN15AppStatusUpdate11initUserShmERSt6vectorI7appinfoSaIS1_EEb(
-    AppStatusUpdate* self, std::vector<appinfo>& applist, bool discover);
+    AppStatusUpdate* self, std::vector<appinfo>& applications, bool discover);
 int __real__ZN9AppServer17initCommunicationEv(AppServer* self);
 
 int __wrap__ZN15AppStatusUpdate11initUserShmERSt6vectorI7appinfoSaIS1_EEb(
-    AppStatusUpdate* self, std::vector<appinfo>& applist, bool discover) {
+    AppStatusUpdate* self, std::vector<appinfo>& applications, bool discover) {
     if (active != nullptr && active->initUserShm) {
-        return active->initUserShm(applist, discover);
+        return active->initUserShm(applications, discover);
     }
-    return __real__ZN15AppStatusUpdate11initUserShmERSt6vectorI7appinfoSaIS1_EEb(self, applist,
+    return __real__ZN15AppStatusUpdate11initUserShmERSt6vectorI7appinfoSaIS1_EEb(self, applications,
                                                                                  discover);
 }
 

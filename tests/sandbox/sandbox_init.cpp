@@ -13,9 +13,6 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,14 +24,14 @@
 #include <cstring>
 #include <string>
 
+#include "LogCapture.h" // beside this file: scripts/sandbox compiles it without the build's folders
+
 namespace {
 
 constexpr int kSetupFailed = 125;
 constexpr int kNotExecutable = 126;
 constexpr int kNotFound = 127;
 constexpr int kSignalBase = 128;
-constexpr const char* kLogSocket = "/dev/log";
-constexpr const char* kLogFile = "/var/log/daemon.log";
 
 struct Options {
     int statusFd = -1;
@@ -103,56 +100,25 @@ void reportStatus(int fd, const std::string& text) {
     }
 }
 
-int openLogSocket() {
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s", kLogSocket);
-    if (fd == -1 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1 ||
-        chmod(kLogSocket, 0666) == -1) {
-        fail(kLogSocket);
-    }
-    return fd;
-}
-
-int openLogFile() {
-    const int fd = open(kLogFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+int openLogSocketOrFail() {
+    const int fd = sandbox::openLogSocket();
     if (fd == -1) {
-        fail(kLogFile);
+        fail(sandbox::kLogSocket);
     }
     return fd;
 }
 
-std::string logLine(const char* data, std::size_t size) {
-    while (size > 0 && (data[size - 1] == '\0' || data[size - 1] == '\n')) {
-        --size;
+int openLogFileOrFail() {
+    const int fd = sandbox::openLogFile();
+    if (fd == -1) {
+        fail(sandbox::kLogFile);
     }
-    std::string line;
-    for (std::size_t i = 0; i < size; ++i) {
-        if (data[i] == '\n') {
-            line += "#012";
-        } else {
-            line += data[i];
-        }
-    }
-    return line + '\n';
+    return fd;
 }
 
-/// Appends every datagram that waits at the socket to the log file.
 void captureLog(int socketFd, int fileFd) {
-    static std::array<char, 65536> buffer;
-    for (;;) {
-        const ssize_t size = recv(socketFd, buffer.data(), buffer.size(), 0);
-        if (size == -1 && errno == EINTR) {
-            continue;
-        }
-        if (size == -1) {
-            return;
-        }
-        const std::string line = logLine(buffer.data(), static_cast<std::size_t>(size));
-        if (write(fileFd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-            fail(kLogFile);
-        }
+    if (!sandbox::captureLog(socketFd, fileFd)) {
+        fail(sandbox::kLogFile);
     }
 }
 
@@ -268,8 +234,8 @@ int runSandbox(const Options& options) {
     if (signalFd == -1) {
         fail("signalfd");
     }
-    const int logSocket = openLogSocket();
-    const int logFile = openLogFile();
+    const int logSocket = openLogSocketOrFail();
+    const int logFile = openLogFileOrFail();
     reportStatus(options.statusFd, "begun");
 
     const pid_t command = fork();

@@ -13,11 +13,8 @@
 namespace systemtest {
 namespace {
 
-constexpr const char* kClientExample = CLIENT_EXAMPLE_BINARY;
-constexpr const char* kMinimalApplication = MINIMAL_APP_BINARY;
-
 ProgramResult runExample(const std::vector<std::string>& arguments = {}) {
-    return runProgram(kClientExample, arguments, {"METER_ROOT"});
+    return runProgram(clientExampleProgram(), arguments, {"METER_ROOT"});
 }
 
 /// The lines that the example shows, those figures replaced by N that change all the time.
@@ -46,7 +43,7 @@ class ClientLibrary : public PublicationTest {
 protected:
     /// A start request for the minimal application.
     static reqcmd makeMinimal() {
-        EXPECT_TRUE(copyProgram(kMinimalApplication, programPath("minimal_app")));
+        EXPECT_TRUE(copyProgram(minimalProgram(), programPath("minimal_app")));
         reqcmd request = makeRequest(APPMONCTL_Start, "minimal_app", commandOf("minimal_app"));
         std::string("1.0").copy(request.version, sizeof request.version);
         request.heartbeat = 1;

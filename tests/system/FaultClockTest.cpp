@@ -24,7 +24,7 @@ constexpr const char* kOffsetPath = "/mnt/wall_clock";
 
 /// Lines for MonitorThroughScript.
 const std::string kLines = std::string("export OVARD_TEST_CLOCK=") + kOffsetPath +
-                           " LD_PRELOAD=" WALL_CLOCK_LIBRARY "\nexec \"$OVARD\" \"$@\"\n";
+                           " LD_PRELOAD=" + wallClockLibrary() + "\nexec \"$OVARD\" \"$@\"\n";
 
 /// Sets the clock that monitors and their applications read, `seconds` away from the real one. The
 /// file is written over, not replaced: its readers have mapped it.

@@ -125,10 +125,10 @@ ProgramResult runAnotherMachine(const AnotherUser& user, int more) {
         "sleep 15\n"
         "echo yes >/tmp/survived\n";
     const auto folderOf = [](const std::string& path) { return path.substr(0, path.rfind('/')); };
-    return runProgram(SANDBOX_SCRIPT,
+    return runProgram(sandboxProgram(),
                       {"--keep", "--bring", folderOf(daemonProgram()), "--bring",
                        folderOf(controlProgram()), "/bin/bash", "-c", script},
-                      {std::string("OVARD_SANDBOX_INIT=") + SANDBOX_INIT_BINARY}, 40000);
+                      {"OVARD_SANDBOX_INIT=" + sandboxInitProgram()}, 40000);
 }
 
 void expectRestart(const ProgramResult& result, const std::string& reason) {

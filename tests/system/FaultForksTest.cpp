@@ -24,7 +24,7 @@ protected:
     }
 
     reqcmd makeForking(int policy) const {
-        EXPECT_TRUE(copyProgram(FORKING_APP_BINARY, programPath("forker")));
+        EXPECT_TRUE(copyProgram(forkingProgram(), programPath("forker")));
         reqcmd request =
             makeRequest(APPMONCTL_Start, "forker",
                         commandOf("forker", user_.id() + " " + std::to_string(kMostProcesses) +

@@ -2,6 +2,7 @@
 
 #include <sys/statfs.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -45,7 +46,7 @@ std::string readOnlyFolder(const std::string& folder) {
 }
 
 std::string uncovered(const std::string& folder) {
-    return "umount --lazy " + folder + "\n";
+    return "umount -l " + folder + "\n";
 }
 
 std::string devicesWithoutShm() {
@@ -63,8 +64,8 @@ FullFolder::FullFolder(const std::string& folder)
     if (facts.f_type != kTmpfsMagic) {
         return;
     }
-    const unsigned long used =
-        (facts.f_blocks - facts.f_bfree) * static_cast<unsigned long>(facts.f_bsize);
+    const std::uint64_t used =
+        (facts.f_blocks - facts.f_bfree) * static_cast<std::uint64_t>(facts.f_bsize);
     EXPECT_TRUE(runShell("mount -o remount,size=" + std::to_string(used + kRoomForTheTest) + " " +
                          folder_));
     std::ofstream file(filler_, std::ios::binary);

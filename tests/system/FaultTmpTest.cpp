@@ -39,7 +39,7 @@ const std::string kRootOfItsOwn = "mount -t tmpfs tmpfs /mnt\n"
                                   "done\n";
 
 /// Lines for OwnMounts, to be followed by the way into that root folder.
-const std::string kWithoutTmp = "umount --lazy /mnt/tmp; rmdir /mnt/tmp\n";
+const std::string kWithoutTmp = "umount -l /mnt/tmp; rmdir /mnt/tmp\n";
 const std::string kWithTmpAgain = "mkdir /mnt/tmp; mount --rbind /tmp /mnt/tmp\n";
 
 // --- at the start --------------------------------------------------------------------------------

@@ -28,7 +28,7 @@ constexpr std::size_t kRecord6At = 1896;
 /// Where scripts/setup unpacks both programs; OVARD_DHCP_FOLDER in the environment names another.
 std::string unpackedFolder() {
     const char* const folder = std::getenv("OVARD_DHCP_FOLDER");
-    const std::string script = SANDBOX_SCRIPT;
+    const std::string script = sandboxProgram();
     const std::string checkout = script.substr(0, script.rfind("/scripts/"));
     return folder != nullptr ? folder : checkout + "/build/dhcp";
 }

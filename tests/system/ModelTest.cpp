@@ -43,10 +43,10 @@ bool startWorld(Program& program, std::uint64_t seed, std::uint64_t steps) {
         words.insert(words.end(), {"--bring", folderOf(needed)});
     }
     words.insert(words.end(), {self, "--gtest_filter=Model.*"});
-    return program.start(SANDBOX_SCRIPT, words,
+    return program.start(sandboxProgram(), words,
                          {variable("OVARD_MODEL_SEED", seed), variable("OVARD_MODEL_STEPS", steps),
                           variable("OVARD_MODEL_WORLDS", 1),
-                          std::string("OVARD_SANDBOX_INIT=") + SANDBOX_INIT_BINARY});
+                          "OVARD_SANDBOX_INIT=" + sandboxInitProgram()});
 }
 
 /// Runs the pairs side by side; shows what those write that fail.

@@ -1,6 +1,8 @@
 // The control tool on a terminal, against the real monitor: what it draws there and nowhere else,
 // and what the keyboard does.
 
+#include <algorithm>
+
 #include "tests/system/Publication.h"
 #include "tests/system/Terminal.h"
 
@@ -101,6 +103,14 @@ TEST_F(OvardctlTerminal, ColoursStatusOnATerminalOnly) {
     EXPECT_EQ(outputOf({"status", "--json"}).find('\x1b'), std::string::npos);
 }
 
+/// The beginning of the line of an application, up to its status. The column is as wide as its
+/// title.
+std::string lineOf(const std::string& name, pid_t pid) {
+    std::string number = std::to_string(pid);
+    number.insert(0, 3 - std::min<std::size_t>(number.size(), 3), ' ');
+    return "\r\n" + name + "   " + number + "  ";
+}
+
 TEST_F(OvardctlTerminal, WatchesAMonitorBeingKilledAndReplaced) {
     ASSERT_TRUE(startPublisher());
     const pid_t pid = launch(makeSupervised("one", kNoPolicy));
@@ -117,7 +127,7 @@ TEST_F(OvardctlTerminal, WatchesAMonitorBeingKilledAndReplaced) {
     tool.forget();
     ASSERT_TRUE(tool.shows(home + "\x1b[?7lMonitor:  \x1b[31mnot running\x1b[0m\x1b[K\r\n"));
     EXPECT_TRUE(tool.shows("1 application, \x1b[31mstale\x1b[0m, "));
-    EXPECT_TRUE(tool.shows("\r\none   " + std::to_string(pid) + "  started "));
+    EXPECT_TRUE(tool.shows(lineOf("one", pid) + "started "));
     EXPECT_TRUE(tool.shows("ovardctl: no monitor listens on /tmp/appmon_sock"));
 
     ASSERT_TRUE(startPublisher());
@@ -125,8 +135,8 @@ TEST_F(OvardctlTerminal, WatchesAMonitorBeingKilledAndReplaced) {
     ASSERT_TRUE(tool.shows(running));
     tool.forget();
     EXPECT_TRUE(duringPasses([&] {
-        return tool.output().rfind("\r\none   " + std::to_string(pid) +
-                                   "  \x1b[32mstarted\x1b[0m") > tool.output().rfind(home);
+        return tool.output().rfind(lineOf("one", pid) + "\x1b[32mstarted\x1b[0m") >
+               tool.output().rfind(home);
     })) << tool.output();
     ASSERT_TRUE(tool.type(kInterruptKey));
     EXPECT_EQ(tool.waitForEnd().text(), "signal 2");

@@ -276,11 +276,11 @@ ProgramResult runAnotherMachine(const std::string& control, const std::string& o
         "sleep 15\n"
         "echo yes >/tmp/survived\n";
     const auto folderOf = [](const std::string& path) { return path.substr(0, path.rfind('/')); };
-    return runProgram(SANDBOX_SCRIPT,
+    return runProgram(sandboxProgram(),
                       {"--keep", "--bring", folderOf(daemonProgram()), "--bring",
                        folderOf(controlProgram()), "--bring", folderOf(sampleProgram()),
                        "/bin/bash", "-c", script},
-                      {std::string("OVARD_SANDBOX_INIT=") + SANDBOX_INIT_BINARY}, 40000);
+                      {"OVARD_SANDBOX_INIT=" + sandboxInitProgram()}, 40000);
 }
 
 /// What is left of that sandbox.

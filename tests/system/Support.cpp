@@ -103,6 +103,30 @@ std::string sampleProgram() {
     return fromEnvironment("SAMPLE_APP_BINARY", SAMPLE_APP_BINARY);
 }
 
+std::string minimalProgram() {
+    return fromEnvironment("MINIMAL_APP_BINARY", MINIMAL_APP_BINARY);
+}
+
+std::string forkingProgram() {
+    return fromEnvironment("FORKING_APP_BINARY", FORKING_APP_BINARY);
+}
+
+std::string clientExampleProgram() {
+    return fromEnvironment("CLIENT_EXAMPLE_BINARY", CLIENT_EXAMPLE_BINARY);
+}
+
+std::string wallClockLibrary() {
+    return fromEnvironment("WALL_CLOCK_LIBRARY", WALL_CLOCK_LIBRARY);
+}
+
+std::string sandboxProgram() {
+    return fromEnvironment("SANDBOX_PROGRAM", SANDBOX_PROGRAM);
+}
+
+std::string sandboxInitProgram() {
+    return fromEnvironment("SANDBOX_INIT_BINARY", SANDBOX_INIT_BINARY);
+}
+
 std::int64_t monotonicMs() {
     timespec now = {};
     (void)::clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail for this clock

@@ -27,11 +27,19 @@ inline constexpr const char* kScratchFolder = "/tmp/system_test";
 /// How long a thing may take that takes no time by its nature, in milliseconds.
 inline constexpr int kPatienceMs = 10000;
 
-/// The programs under test: from OVARD_BINARY, OVARDCTL_BINARY and SAMPLE_APP_BINARY in the
-/// environment, else where the build puts them.
+/// The programs under test and those that the tests need: from OVARD_BINARY, OVARDCTL_BINARY,
+/// SAMPLE_APP_BINARY and so on in the environment, else where the build puts them.
 std::string daemonProgram();
 std::string controlProgram();
 std::string sampleProgram();
+std::string minimalProgram();
+std::string forkingProgram();
+std::string clientExampleProgram();
+std::string wallClockLibrary();
+
+/// What makes a sandbox (SANDBOX_PROGRAM in the environment), and process 1 of it.
+std::string sandboxProgram();
+std::string sandboxInitProgram();
 
 /// Milliseconds of a clock that nobody sets.
 std::int64_t monotonicMs();

@@ -1,0 +1,46 @@
+// The restart of the machine by the monitor, and what comes after it.
+
+#include "tests/system/Segments.h"
+#include "tests/target/MachineTest.h"
+
+namespace target {
+namespace {
+
+using systemtest::eventually;
+using systemtest::publishedApp;
+
+constexpr const char* kRequests = "/home/requests";
+
+/// A monitor with two applications that are replaced when they fail, and one whose failure restarts
+/// the machine.
+class Restart : public MachineTest {
+protected:
+    void bootMonitor() {
+        std::vector<reqcmd> requests = makeManyRequests(2);
+        requests.push_back(makeBeating("vital", RESTART_TYPE_ALL));
+        ASSERT_TRUE(writeRequests(kRequests, requests));
+        ASSERT_TRUE(monitor_.startInBackground({"-x", kRequests, "-i", "1", "-s", "2", "-p", "2"}));
+        ASSERT_TRUE(areStarted(requests.size(), static_cast<int>(kRestSec * 1000) + 60000));
+        ASSERT_GE(uptimeSec(), kRestSec) << "it is said to rest before";
+    }
+};
+
+TEST_F(Restart, FailureUnderPolicyOneRestartsTheMachine) {
+    ASSERT_NO_FATAL_FAILURE(bootMonitor());
+    ASSERT_TRUE(systemtest::killAndWait(publishedApp("vital").pid));
+    sayMark("failure");
+    awaitReset(60);
+}
+
+TEST_F(Restart, ApplicationsAreSupervisedAgainAfterwards) {
+    EXPECT_EQ(systemtest::readFile("/sys/class/watchdog/watchdog0/bootstatus"), "0\n");
+    ASSERT_NO_FATAL_FAILURE(bootMonitor());
+    const pid_t first = publishedApp("app_1").pid;
+    ASSERT_TRUE(systemtest::killAndWait(first));
+    EXPECT_TRUE(eventually([&] { return publishedApp("app_1").pid != first; }));
+    EXPECT_TRUE(areStarted(3, 30000));
+    EXPECT_EQ(monitor_.terminate().text(), "ended");
+}
+
+} // namespace
+} // namespace target

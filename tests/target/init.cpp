@@ -147,6 +147,7 @@ void setEnvironment() {
         {"CLIENT_EXAMPLE_BINARY", "/opt/ovard/client_example"},
         {"FORKING_APP_BINARY", "/opt/ovard/ovard_forking_app"},
         {"MINIMAL_APP_BINARY", "/opt/ovard/minimal_app"},
+        {"OVARD_HOSTILE_COUNT", "50000"}, // a twentieth of the default: a minute here
         {"OVARDCTL_BINARY", "/opt/ovard/ovardctl"},
         {"OVARD_BINARY", "/opt/ovard/ovard"},
         {"SAMPLE_APP_BINARY", "/opt/ovard/sample_app"},

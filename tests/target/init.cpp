@@ -223,11 +223,15 @@ std::string readLine(const platform::UniqueFd& line) {
 /// Runs a command to its end, reaping whatever else ends meanwhile. Returns its exit status.
 int run(const std::string& command) {
     const pid_t child = ::fork();
+    if (child == -1) {
+        complain("fork");
+        return kNotStarted;
+    }
     if (child == 0) {
         becomeCommand(command);
     }
     int status = 0;
-    for (pid_t ended = 0; child > 0 && ended != child;) {
+    for (pid_t ended = 0; ended != child;) {
         ended = ::wait(&status);
     }
     return WIFSIGNALED(status) ? kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);

@@ -15,5 +15,11 @@ int main(int argc, char** argv) {
         return 2;
     }
     systemtest::rememberMachine();
-    return RUN_ALL_TESTS();
+    const int status = RUN_ALL_TESTS();
+    const testing::UnitTest& tests = *testing::UnitTest::GetInstance();
+    if (tests.successful_test_count() == 0 || tests.skipped_test_count() > 0) {
+        (void)std::fputs("Nothing was tested, or not all that was to be.\n", stderr);
+        return 1;
+    }
+    return status;
 }

@@ -105,6 +105,17 @@ std::vector<pid_t> strangers() {
     return found;
 }
 
+std::multiset<std::string> commandLinesBeside(pid_t monitor) {
+    std::multiset<std::string> lines;
+    for (const pid_t pid : strangers()) {
+        const std::string line = commandLineOf(pid);
+        if (pid != monitor && isRunning(pid) && !line.empty()) {
+            lines.insert(line);
+        }
+    }
+    return lines;
+}
+
 bool endStrangers() {
     return eventually([] {
         for (const pid_t pid : strangers()) {

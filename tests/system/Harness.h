@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,7 +44,10 @@ void rememberMachine();
 /// Processes that the tests have brought about: all but those that were there at the beginning.
 std::vector<pid_t> strangers();
 
-/// Ends them by their ids. False when some are still there after a while.
+/// Their command lines, but for that of the monitor. A process that ends has none any more.
+std::multiset<std::string> commandLinesBeside(pid_t monitor);
+
+/// Ends the strangers by their ids. False when some are still there after a while.
 bool endStrangers();
 
 /// Puts files and logs back to an empty state. For use while no monitor runs.

@@ -30,13 +30,7 @@ protected:
 
     /// Command lines of the applications that run.
     std::multiset<std::string> applications() const {
-        std::multiset<std::string> lines;
-        for (const pid_t pid : strangers()) {
-            if (pid != monitor_.pid() && isRunning(pid)) {
-                lines.insert(commandLineOf(pid));
-            }
-        }
-        return lines;
+        return commandLinesBeside(monitor_.pid());
     }
 
     /// The monitor has executed the request for which it logs that text.

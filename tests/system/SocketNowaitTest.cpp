@@ -100,7 +100,9 @@ TEST_F(SocketNowait, FiftyInARowLeaveFiftyConnections) {
         const std::string line =
             "processCmd() request.action=APPMONCTL_Stop quiet" + std::to_string(count);
         ASSERT_TRUE(waitForLog(7, line)) << line;
-        EXPECT_EQ(descriptorsOf(daemon.pid()).size(), before + count);
+        EXPECT_TRUE(eventually([&] {
+            return descriptorsOf(daemon.pid()).size() == before + count;
+        })) << count;
     }
     const auto reply = ask(stopRequest("nobody"));
     ASSERT_TRUE(reply);
@@ -108,7 +110,8 @@ TEST_F(SocketNowait, FiftyInARowLeaveFiftyConnections) {
     for (const auto& client : clients) {
         expectSilence(*client, 0);
     }
-    EXPECT_EQ(descriptorsOf(daemon.pid()).size(), before + kRequests);
+    EXPECT_TRUE(
+        eventually([&] { return descriptorsOf(daemon.pid()).size() == before + kRequests; }));
     EXPECT_EQ(daemon.terminate().text(), "status 0");
     for (const auto& client : clients) {
         expectEnd(*client);

@@ -88,9 +88,7 @@ protected:
     }
 
     /// Command lines of the applications that run.
-    std::multiset<std::string> applications() const {
-        return commandLinesBeside(monitor_.pid());
-    }
+    std::multiset<std::string> applications() const { return commandLinesBeside(monitor_.pid()); }
 };
 
 // --- recording -----------------------------------------------------------------------------------

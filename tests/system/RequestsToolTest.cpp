@@ -29,9 +29,7 @@ protected:
     bool replay() { return startMonitorInForeground({"-x", kFile}); }
 
     /// Command lines of the applications that run.
-    std::multiset<std::string> applications() const {
-        return commandLinesBeside(monitor_.pid());
-    }
+    std::multiset<std::string> applications() const { return commandLinesBeside(monitor_.pid()); }
 
     /// The monitor has executed the request for which it logs that text.
     static bool isLogged(const std::string& text) {

@@ -207,7 +207,7 @@ TEST(PidFile, UsesTheFlagsOfTheCaller) {
 class Application {
 public:
     explicit Application(const std::string& program)
-        : child_(start(program)) {}
+        : child_(startSleeper(program, "30")) {}
 
     int pid() const { return child_.pid(); }
 
@@ -216,20 +216,6 @@ public:
     }
 
 private:
-    static pid_t start(const std::string& program) {
-        int ends[2];
-        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-        const pid_t child = startChild([&] {
-            ::execl("/bin/sleep", program.c_str(), "30", nullptr);
-            return 127;
-        });
-        ::close(ends[1]);
-        char byte = 0;
-        (void)platform::readFully(ends[0], &byte, 1); // the end of the file comes with the exec
-        ::close(ends[0]);
-        return child;
-    }
-
     ChildGuard child_;
 };
 

@@ -178,21 +178,6 @@ TEST(ProcFacts, FailsForWhatIsNoProcess) {
     EXPECT_EQ(get_proc_info_by_pid(::getpid(), nullptr), -1);
 }
 
-/// A program with the given arguments that sleeps until it is killed; null when it cannot start.
-pid_t startSleeper(const char* program, const char* seconds) {
-    int ends[2];
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const pid_t child = startChild([&] {
-        ::execl("/bin/sleep", program, seconds, nullptr);
-        return 127;
-    });
-    ::close(ends[1]);
-    char byte = 0;
-    (void)platform::readFully(ends[0], &byte, 1); // the end of the file comes with the exec
-    ::close(ends[0]);
-    return child;
-}
-
 TEST(ProcFacts, ReadsACommandLine) {
     const ChildGuard child(startSleeper("/home/kelvo/root/app", "30"));
     char text[1024];

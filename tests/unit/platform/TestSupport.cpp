@@ -7,6 +7,8 @@
 #include <fstream>
 #include <sstream>
 
+#include <gtest/gtest.h>
+
 namespace testsupport {
 
 TemporaryDirectory::TemporaryDirectory()
@@ -105,6 +107,19 @@ void ChildGuard::end() {
         (void)awaitChild(child_);
         child_ = -1;
     }
+}
+
+pid_t startSleeper(const std::string& program, const char* seconds) {
+    const pid_t child = startChild([&] {
+        ::execl("/bin/sleep", program.c_str(), seconds, nullptr);
+        return 127;
+    });
+    const std::string nul(1, '\0');
+    const std::string commandLine = program + nul + seconds + nul;
+    // The kernel shows it a moment after the exec has closed the descriptors.
+    EXPECT_TRUE(eventually(
+        [&] { return readText("/proc/" + std::to_string(child) + "/cmdline") == commandLine; }));
+    return child;
 }
 
 } // namespace testsupport

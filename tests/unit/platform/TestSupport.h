@@ -141,6 +141,10 @@ private:
     pid_t child_;
 };
 
+/// Starts a program that has the given argv[0] and argument and sleeps until it is killed, and
+/// waits for its command line to be there to read.
+pid_t startSleeper(const std::string& program, const char* seconds);
+
 /// Looks every millisecond until `condition` holds; false when it does not within 5 seconds.
 template <typename Condition> bool eventually(Condition condition) {
     for (int look = 0; look < 5000; ++look) {

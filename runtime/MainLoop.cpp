@@ -27,7 +27,7 @@ MainLoop::MainLoop(AppManager& manager, std::int32_t statusIntervalSec)
 
 int MainLoop::run() {
     for (bool isFirst = true;; isFirst = false) {
-        // The only line at which a termination signal is let in. The manager may be gone after it.
+        // The only line at which SIGTERM has an effect. The manager may be gone after it.
         admitTerminationSignals();
         if (g_bDaemonShutdown != 0) {
             return 0;

@@ -56,7 +56,7 @@ std::atomic<std::uint32_t> g_watchdogKicks{0};
 /// result that has not been logged is overwritten.
 std::atomic<int> g_watchdogKickResults[32];
 
-/// What is let in by admitTerminationSignals: SIGTERM; nothing with -b. SIGINT, which does not end
+/// What is held until admitTerminationSignals: SIGTERM; nothing with -b. SIGINT, which does not end
 /// the monitor at first, is never held.
 sigset_t terminationSignals() {
     sigset_t signals;
@@ -73,6 +73,21 @@ void unblock(int signal) {
     sigemptyset(&signals);
     sigaddset(&signals, signal);
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+/// Takes a held signal and calls its handler like any other function: one that interrupts may, by
+/// the rules of POSIX, neither allocate nor lock. False when SIGTERM has no handler.
+bool callHandlerOfHeldSignal(const sigset_t& held) {
+    struct sigaction action = {};
+    if (::sigaction(SIGTERM, nullptr, &action) != 0 || action.sa_handler == SIG_DFL ||
+        action.sa_handler == SIG_IGN) {
+        return false;
+    }
+    const timespec atOnce = {};
+    if (::sigtimedwait(&held, nullptr, &atOnce) == SIGTERM) {
+        action.sa_handler(SIGTERM);
+    }
+    return true;
 }
 
 /// A SIGTERM that is held came first and keeps its handler: the default action would end the
@@ -170,8 +185,8 @@ void mysig_handler(int sig) {
     errno = savedErrno;
 }
 
-// Calls: for SIGTERM the whole shutdown, which is safe because admitTerminationSignals alone lets
-// it in; for SIGINT, at any time, sigpending and sigaction.
+// Calls: for SIGTERM the whole shutdown, which is safe because it is never interrupted by one, see
+// admitTerminationSignals; for SIGINT, at any time, sigpending and sigaction.
 void mySIGTERM_handler(int sig) {
     const int savedErrno = errno;
     if (sig == SIGTERM || sig == SIGKILL) {
@@ -198,6 +213,10 @@ void admitTerminationSignals() {
         std::exit(g_exitStatus);
     }
     const sigset_t signals = terminationSignals();
+    if (callHandlerOfHeldSignal(signals) && g_bDaemonShutdown == 0) {
+        return;
+    }
+    // The default action, which ends the process, is the system's to take.
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     // After a shutdown a further signal shall end the process at once.
     if (g_bDaemonShutdown == 0) {

@@ -1,9 +1,10 @@
-// Signals of the monitor: handlers, their installation, and the one place where they are let in.
+// Signals of the monitor: handlers, their installation, and the one place where SIGTERM is taken.
 //
 // Without option -b SIGTERM stays blocked in every thread. The waits of the main thread end as soon
-// as it is pending, and the main loop lets it in where it holds no lock and no function of the
-// manager is on its stack. The handler may therefore do the whole shutdown. SIGINT, whose handler
-// only restores default actions, may run on the main thread at any time.
+// as it is pending, and the main loop takes it where it holds no lock and no function of the
+// manager is on its stack, and calls the handler, which interrupts nothing. The handler may
+// therefore do the whole shutdown. SIGINT, whose handler only restores default actions, may run on
+// the main thread at any time.
 // With -b no signal ends the monitor; the handler only writes one line and may run at any time.
 
 #ifndef OVARD_RUNTIME_SIGNALS_H
@@ -25,8 +26,8 @@ void mySIGTERM_handler(int sig);
 /// watch for it. Called once, by the main thread, before any other exists.
 void holdTerminationSignals();
 
-/// Lets a pending SIGTERM in. Called by the main loop with no lock held. Ends the process
-/// when another thread has asked for that.
+/// Calls the handler of a pending SIGTERM, or lets its default action have its way. Called by the
+/// main loop with no lock held. Ends the process when another thread has asked for that.
 void admitTerminationSignals();
 
 /// Installs the handlers. Failures end the process with status 1, after their message.

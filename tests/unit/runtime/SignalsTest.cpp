@@ -258,19 +258,24 @@ TEST_F(SignalsTest, LoggedSignalsAreLetInWhoeverBlockedThem) {
 
 volatile sig_atomic_t g_realTerminations = 0;
 
+volatile sig_atomic_t g_interrupts = 0;
+
 void countRealTermination(int /*sig*/) {
     g_realTerminations = g_realTerminations + 1;
+    g_interrupts = g_interrupts + (isBlocked(SIGUSR2) ? 1 : 0);
 }
 
-/// A real handler for SIGTERM, so that one that is let in shows.
+/// A real handler for SIGTERM, so that its call shows. What interrupts has SIGUSR2 blocked.
 class AdmissionTest : public SignalsTest {
 protected:
     void SetUp() override {
         SignalsTest::SetUp();
         g_realTerminations = 0;
+        g_interrupts = 0;
         struct sigaction action = {};
         action.sa_handler = countRealTermination;
         sigemptyset(&action.sa_mask);
+        sigaddset(&action.sa_mask, SIGUSR2);
         ::sigaction(SIGTERM, &action, &saved_);
     }
     ~AdmissionTest() override { ::sigaction(SIGTERM, &saved_, nullptr); }
@@ -278,12 +283,30 @@ protected:
     struct sigaction saved_ = {};
 };
 
-TEST_F(AdmissionTest, HeldSignalIsLetInAtThisLineOnly) {
+TEST_F(AdmissionTest, HeldSignalIsHandledAtThisLineOnly) {
     holdTerminationSignals();
     ::raise(SIGTERM);
     EXPECT_EQ(g_realTerminations, 0);
     admitTerminationSignals();
     EXPECT_EQ(g_realTerminations, 1);
+    EXPECT_TRUE(isBlocked(SIGTERM));
+    admitTerminationSignals();
+    EXPECT_EQ(g_realTerminations, 1) << "once";
+}
+
+TEST_F(AdmissionTest, HandlerOfAHeldSignalInterruptsNothing) {
+    holdTerminationSignals();
+    ::raise(SIGTERM);
+    admitTerminationSignals();
+    EXPECT_EQ(g_realTerminations, 1);
+    EXPECT_EQ(g_interrupts, 0);
+}
+
+TEST_F(AdmissionTest, IgnoredSignalHasNoEffect) {
+    ::signal(SIGTERM, SIG_IGN);
+    holdTerminationSignals();
+    ::raise(SIGTERM);
+    admitTerminationSignals();
     EXPECT_TRUE(isBlocked(SIGTERM));
 }
 
@@ -305,6 +328,18 @@ TEST_F(ExitDeathTest, MainThreadExitsAtOnce) {
             exitMonitorFromAnyThread(7);
         },
         testing::ExitedWithCode(7), "");
+}
+
+TEST_F(ExitDeathTest, HeldSignalWithoutAHandlerEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ::signal(SIGTERM, SIG_DFL);
+            holdTerminationSignals();
+            ::raise(SIGTERM);
+            admitTerminationSignals();
+        },
+        testing::KilledBySignal(SIGTERM), "");
 }
 
 void* exitFromThread(void* /*unused*/) {

@@ -92,6 +92,7 @@ private:
     void OnTestEnd(const testing::TestInfo& /*test*/) override {
         delete AppManager::m_pInstance;
         appmgr = nullptr;
+        EXPECT_TRUE(fakes::waitForWorkersToEnd()); // A cancelled thread takes a moment.
         ::umask(fileMask_);
         pthread_sigmask(SIG_SETMASK, &signalMask_, nullptr);
     }

@@ -106,7 +106,9 @@ struct SegmentOutcome {
 /// The segments hold no time of their publication. `modifiedMs` stands for it: the modification
 /// time of the segment in milliseconds since the epoch, by the machine's wall clock. Any write
 /// moves it, that of a program that sets its health word in the application segment included. A
-/// write through a mapping need not move it, which the monitor does not do.
+/// write through a mapping need not move it, which the monitor does not do. The owner of the
+/// segment can set it at will; one so far from now that a difference would not fit is cut to what
+/// does.
 ///
 /// SystemError comes with EINVAL for a null pointer and for a name that is no regular file. May be
 /// called from any thread. The descriptor in use is closed on exec.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -22,6 +23,10 @@ constexpr std::chrono::milliseconds kPause{5};
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
 constexpr std::int64_t kNanosecondsPerMillisecond = 1000000;
 
+/// The owner of a segment can give it any time. Within these bounds the milliseconds of two times
+/// can be subtracted.
+constexpr std::int64_t kMostSeconds = INT64_MAX / kMillisecondsPerSecond / 2;
+
 constexpr SegmentOutcome kTooShort{SegmentResult::TooShort, 0, 0};
 
 SegmentOutcome failure(int error) {
@@ -30,8 +35,9 @@ SegmentOutcome failure(int error) {
 }
 
 std::int64_t modificationTimeMs(const struct stat& facts) {
-    return static_cast<std::int64_t>(facts.st_mtim.tv_sec) * kMillisecondsPerSecond +
-           facts.st_mtim.tv_nsec / kNanosecondsPerMillisecond;
+    const std::int64_t seconds =
+        std::clamp<std::int64_t>(facts.st_mtim.tv_sec, -kMostSeconds, kMostSeconds);
+    return seconds * kMillisecondsPerSecond + facts.st_mtim.tv_nsec / kNanosecondsPerMillisecond;
 }
 
 /// Its end is looked for by reading: a size asked for before may be another one by then.

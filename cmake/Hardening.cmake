@@ -1,6 +1,6 @@
-# Bounds what a memory error can be abused for: canaries on the stack, checked calls of the C library,
-# programs that are loaded anywhere, their tables read-only before main, a stack without code. What
-# the tools for the machine do not know is left out; tests/hardening notices.
+# Bounds what a memory error can be abused for: canaries on the stack, checked calls of the C
+# library, programs that are loaded anywhere, their tables read-only before main, a stack without
+# code. What the tools for the machine do not know is left out; tests/hardening notices.
 
 include(CheckCXXSourceCompiles)
 

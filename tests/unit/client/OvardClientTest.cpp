@@ -382,6 +382,39 @@ TEST(OvardClient, LeavesNoDescriptorOpen) {
     EXPECT_EQ(openDescriptors().size(), before);
 }
 
+/// Sends the reply with a descriptor, as a stranger in the monitor's place could.
+void sendWithDescriptor(int connection, const response_struct& reply, int descriptor) {
+    response_struct content = reply;
+    iovec bytes = {&content, sizeof content};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
+    msghdr message = {};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    EXPECT_EQ(::sendmsg(connection, &message, MSG_NOSIGNAL), static_cast<ssize_t>(sizeof content));
+}
+
+TEST(OvardClient, KeepsNoDescriptorThatComesWithAReply) {
+    const std::vector<int> before = openDescriptors();
+    {
+        const TestServer server([](int fd) {
+            (void)receiveRequest(fd);
+            sendWithDescriptor(fd, makeReply(0, "done"), fd);
+            waitForClose(fd);
+        });
+        response_struct reply = untouchedReply();
+        EXPECT_EQ(call(server.path(), makeRequest(), &reply).result, Result::Ok);
+        EXPECT_EQ(platform::fieldText(reply.message), "done");
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
 TEST(OvardClient, ClosesItsDescriptorOnExec) {
     const response_struct sent = makeReply(0, "done\n");
     std::vector<int> before;

@@ -6,7 +6,11 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,6 +56,22 @@ TEST(SegmentReader, HandsOutTheWholeSegmentAndWhenItWasWritten) {
     EXPECT_EQ(outcome.modifiedMs, 1700000000123);
     EXPECT_EQ(copy, content);
     EXPECT_EQ(pauses, 1);
+}
+
+TEST(SegmentReader, CutsATimeThatNobodyCouldReckonWith) {
+    using Limits = std::numeric_limits<std::time_t>;
+    for (const std::time_t time : {Limits::max(), Limits::min()}) {
+        const TestSegment segment(kSize);
+        segment.setModified(time, 999999999);
+        Bytes copy = kUntouched;
+        const SegmentOutcome outcome = readSegment(segment.name(), copy.data(), kSize, noPause);
+        ASSERT_EQ(outcome.result, SegmentResult::Ok);
+        // It stays on its side of all times that a clock of 32 bits has.
+        EXPECT_TRUE(time > 0 ? outcome.modifiedMs >= INT32_MAX * INT64_C(1000)
+                             : outcome.modifiedMs <= INT32_MIN * INT64_C(1000) + 999)
+            << outcome.modifiedMs;
+        EXPECT_LE(std::abs(outcome.modifiedMs), INT64_MAX / 2 + 999);
+    }
 }
 
 TEST(SegmentReader, TakesTheStartOfALongerSegment) {

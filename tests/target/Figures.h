@@ -3,31 +3,33 @@
 #ifndef OVARD_TESTS_TARGET_FIGURES_H
 #define OVARD_TESTS_TARGET_FIGURES_H
 
+#include <array>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace target {
 
-/// The words of the first line of a file that begins with `key`, which is one of them; empty when
-/// there is none.
-std::vector<std::string> wordsBehind(const std::string& path, const std::string& key);
-
-/// A number among those words; -1 when there is none.
-std::int64_t numberBehind(const std::string& path, const std::string& key, std::size_t index = 0);
-
-/// The IPv4 address of an interface; empty when it has none.
+/// The address of an interface; empty when it has none. Of IPv6 addresses one that is known beyond
+/// the link, where there is such a one.
 std::string addressOf(const std::string& interface);
+std::string address6Of(const std::string& interface);
 
-/// What only grows, at one moment.
-struct Counters {
+/// What the machine says at one moment.
+struct Figures {
     double uptimeSec = 0;
-    std::int64_t contextSwitches = 0;
-    std::int64_t interrupts = 0;
-    std::vector<std::int64_t> eth0; ///< columns of /proc/net/dev
+    double idleSec = 0;
+    std::array<double, 3> loadAverages{};         ///< over 1, 5 and 15 minutes
+    std::vector<std::int64_t> cpuTicks;           ///< columns of the line "cpu" of /proc/stat
+    std::int64_t bootTimeSec = -1;                ///< since the epoch
+    std::int64_t contextSwitches = -1;            ///< since boot
+    std::int64_t interrupts = -1;                 ///< since boot
+    std::map<std::string, std::int64_t> memoryKb; ///< /proc/meminfo by its keys, without the colons
+    std::vector<std::int64_t> eth0;               ///< columns of /proc/net/dev
     std::vector<std::int64_t> eth1;
 };
-Counters countersNow();
+Figures figuresNow();
 
 } // namespace target
 

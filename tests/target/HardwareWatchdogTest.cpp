@@ -4,11 +4,14 @@
 #include <linux/watchdog.h>
 #include <sys/ioctl.h>
 
+#include <chrono>
 #include <csignal>
 #include <string>
+#include <vector>
 
 #include "platform/UniqueFd.h"
 #include "tests/system/HeldPass.h"
+#include "tests/target/Cycle.h"
 #include "tests/target/MachineTest.h"
 
 namespace target {
@@ -96,17 +99,62 @@ TEST_F(HardwareWatchdog, MonitorThatLeavesItArmedIsReset) {
     awaitReset(kPatienceSec);
 }
 
-/// Polls for a pid file that never comes hold the main loop, which is fed for its budget only.
-TEST_F(HardwareWatchdog, HeldMainLoopIsReset) {
-    constexpr int kPollSec = 60;
+class HeldMainLoop : public HardwareWatchdog {
+protected:
+    /// Starts a monitor that feeds the device every second, and whose main loop polls of a minute
+    /// hold soon. A pass looks at the application before, which then has time.
+    void startHeld() {
+        constexpr int kPollSec = 60;
+        ASSERT_NO_FATAL_FAILURE(setTimeout());
+        std::vector<std::string> words = systemtest::wordsForPolls(kPollSec);
+        words.insert(words.end(), {"-w", "0", "-I", "1", "-s", "5", "-v", "7"});
+        ASSERT_TRUE(monitor_.startInForeground(words));
+        (void)launch(systemtest::withoutRestart(makeStart(
+            systemtest::kSilentName, systemtest::kSilentOptions, systemtest::kSilentPidFile)));
+        ASSERT_TRUE(eventually([] { return deviceFact("state") == "active"; }));
+        ASSERT_TRUE(eventually([this] { return looksWithTime() > 0; }));
+    }
+
+    /// The polls have begun: of each look at the application the monitor says so, and right after
+    /// it, as long as it does not poll, that the application has time.
+    bool isHeld() const {
+        constexpr int kLookMs = 100;
+        if (looks() == looksWithTime()) {
+            return false;
+        }
+        systemtest::sleepMs(kLookMs);
+        return looks() > looksWithTime();
+    }
+
+private:
+    std::size_t looks() const {
+        return systemtest::countOf(monitor_.console(), std::string("checkAlive() ") +
+                                                           systemtest::kSilentName + " status=1 ");
+    }
+
+    std::size_t looksWithTime() const {
+        return systemtest::countOf(monitor_.console(), " starting0 for ");
+    }
+};
+
+/// Each turn of the main loop in which no request comes ends with a publication, and right after it
+/// the feeding has its budget again, here 25 ticks of a second. Waits until the last such turn is
+/// that long ago.
+void waitSinceLastTurn(std::int64_t milliseconds) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const std::int64_t sinceTurnMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now).count() - lastPublicationMs();
+    systemtest::sleepMs(static_cast<int>(milliseconds - sinceTurnMs));
+}
+
+/// Polls for a pid file that never comes hold the main loop, which is fed for its budget only. The
+/// mark is said while they do: a turn in which nobody comes polls after 2.1 seconds.
+TEST_F(HeldMainLoop, IsReset) {
+    constexpr std::int64_t kMarkAfterTurnMs = 5000; // tests/target/scenarios.bash counts on it
     waitForUptime(kRestSec + 1);
-    ASSERT_NO_FATAL_FAILURE(setTimeout());
-    std::vector<std::string> words = systemtest::wordsForPolls(kPollSec);
-    words.insert(words.end(), {"-w", "0", "-I", "1"});
-    ASSERT_TRUE(monitor_.startInForeground(words));
-    (void)launch(systemtest::withoutRestart(makeStart(
-        systemtest::kSilentName, systemtest::kSilentOptions, systemtest::kSilentPidFile)));
-    ASSERT_TRUE(eventually([] { return deviceFact("state") == "active"; }));
+    ASSERT_NO_FATAL_FAILURE(startHeld());
+    ASSERT_TRUE(eventually([this] { return isHeld(); }));
+    waitSinceLastTurn(kMarkAfterTurnMs);
     sayMark("held");
     awaitReset(kPatienceSec);
 }

@@ -1,9 +1,4 @@
-// The wall clock set forward and back. The sandbox has none of its own and the machine's is never
-// set; the monitor and its applications read one that the test sets instead
-// (programs/WallClock.cpp).
-
-#include <fcntl.h>
-#include <unistd.h>
+// The wall clock set forward and back.
 
 #include <csignal>
 #include <cstdint>
@@ -11,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/UniqueFd.h"
 #include "tests/system/FaultSupport.h"
+#include "tests/system/SettableClock.h"
 
 namespace systemtest {
 namespace {
@@ -20,27 +15,14 @@ namespace {
 constexpr std::int64_t kHour = 3600;
 constexpr std::int64_t kTenYears = kHour * 24 * 365 * 10;
 
-constexpr const char* kOffsetPath = "/mnt/wall_clock";
-
-/// Lines for MonitorThroughScript.
-const std::string kLines = std::string("export OVARD_TEST_CLOCK=") + kOffsetPath +
-                           " LD_PRELOAD=" + wallClockLibrary() + "\nexec \"$OVARD\" \"$@\"\n";
-
-/// Sets the clock that monitors and their applications read, `seconds` away from the real one. The
-/// file is written over, not replaced: its readers have mapped it.
-bool setClock(std::int64_t seconds) {
-    const platform::UniqueFd file(::open(kOffsetPath, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-    return ::pwrite(file.get(), &seconds, sizeof seconds, 0) == sizeof seconds;
-}
-
 class FaultClock : public FaultTest {
 protected:
     void SetUp() override {
         FaultTest::SetUp();
-#ifdef OVARD_IS_SANITIZED
-        GTEST_SKIP() << "WALL CLOCK NOT TESTED: a sanitizer's library must be the first one";
-#endif
-        ASSERT_TRUE(setClock(0));
+        if (!SettableClock::isPossible()) {
+            GTEST_SKIP() << "a sanitizer's library must be the first one";
+        }
+        ASSERT_TRUE(SettableClock::set(0));
     }
 
     /// The clock of the monitor, by the date of an event that it logs now, less the real one.
@@ -49,7 +31,7 @@ protected:
         return events.empty() ? 0 : timeOf(events.back().time.substr(0, 19)) - std::time(nullptr);
     }
 
-    MonitorThroughScript script_{kLines};
+    SettableClock clock_;
 };
 
 /// Each by itself, and from the one to the other.
@@ -62,7 +44,7 @@ TEST_F(FaultClock, RunningApplicationsAreLeftAlone) {
     const pid_t pid = launchUntilRunning(beating);
     for (const std::int64_t setting : kSettings) {
         const std::string what = std::to_string(setting);
-        ASSERT_TRUE(setClock(setting));
+        ASSERT_TRUE(SettableClock::set(setting));
         expectServing();
         ASSERT_TRUE(letACycleGoBy()) << what;
         expectUnharmed(what);
@@ -77,7 +59,7 @@ TEST_F(FaultClock, DeathIsNoticedWhateverTheTime) {
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     for (const std::int64_t setting : kSettings) {
         const std::string what = std::to_string(setting);
-        ASSERT_TRUE(setClock(setting));
+        ASSERT_TRUE(SettableClock::set(setting));
         ASSERT_TRUE(letACycleGoBy()) << what;
         const pid_t old = pid_;
         ASSERT_TRUE(killAndWait(old));
@@ -90,11 +72,11 @@ TEST_F(FaultClock, DeathIsNoticedWhateverTheTime) {
 TEST_F(FaultClock, ApplicationThatIsStartingIsConfirmed) {
     for (const std::int64_t setting : kSettings) {
         const std::string what = std::to_string(setting);
-        ASSERT_TRUE(setClock(0));
+        ASSERT_TRUE(SettableClock::set(0));
         ASSERT_TRUE(startPublisher());
         request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
         const pid_t pid = launch(request_);
-        ASSERT_TRUE(setClock(setting));
+        ASSERT_TRUE(SettableClock::set(setting));
         EXPECT_TRUE(getsRunning("data_server", pid)) << what;
         EXPECT_EQ(verdictsOn("data_server"), confirmed("data_server", pid)) << what;
         EXPECT_EQ(monitor_.terminate().text(), "status 0");
@@ -105,7 +87,7 @@ TEST_F(FaultClock, ApplicationThatIsStartingIsConfirmed) {
 TEST_F(FaultClock, LaunchAfterASetting) {
     ASSERT_TRUE(startPublisher());
     for (const std::int64_t setting : kSettings) {
-        ASSERT_TRUE(setClock(setting));
+        ASSERT_TRUE(SettableClock::set(setting));
         const std::string name = "app" + std::to_string(setting);
         const pid_t pid = launch(makeSupervised(name, RESTART_TYPE_SELF));
         EXPECT_TRUE(getsRunning(name, pid)) << name;
@@ -118,7 +100,7 @@ TEST_F(FaultClock, SettingMakesAPassDueOnce) {
     const std::string pass = " checkStatus for heartbeats";
     std::size_t passes = 0;
     for (const std::int64_t setting : {kHour, -kHour, kTenYears, -kTenYears}) {
-        ASSERT_TRUE(setClock(setting));
+        ASSERT_TRUE(SettableClock::set(setting));
         ++passes;
         EXPECT_TRUE(eventually([&] { return countLog(7, pass) == passes; })) << setting;
         sleepMs(4500); // two turns
@@ -131,7 +113,7 @@ TEST_F(FaultClock, ApplicationsAreTakenOverAfterASetting) {
     for (const std::int64_t setting : kSettings) {
         const std::string what = std::to_string(setting);
         EXPECT_EQ(monitor_.terminate().text(), "status 0");
-        ASSERT_TRUE(setClock(setting));
+        ASSERT_TRUE(SettableClock::set(setting));
         ASSERT_TRUE(startPublisher()) << what;
         EXPECT_EQ(publishedApp("data_server").pid, pid_) << what;
         letPassesGoBy(1000);
@@ -144,7 +126,7 @@ TEST_F(FaultClock, EventsHaveTheTimeThatIsSet) {
     ASSERT_TRUE(daemon.startInForeground({"-b"}));
     std::size_t events = eventLog().size();
     for (const std::int64_t setting : kSettings) {
-        ASSERT_TRUE(setClock(setting));
+        ASSERT_TRUE(SettableClock::set(setting));
         ASSERT_TRUE(daemon.signal(SIGHUP));
         ++events;
         ASSERT_TRUE(eventually([&] { return eventLog().size() == events; }));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <iterator>
 #include <set>
 
@@ -13,6 +14,9 @@ namespace {
 
 /// Published start times are reckoned in whole seconds.
 constexpr std::int64_t kStartToleranceSec = 2;
+
+/// Published uptimes are those of the last pass; it may have taken a second for each entry.
+constexpr std::int64_t kUptimeToleranceSec = 20;
 
 constexpr const char* kHome = "/home/kelvo/";
 
@@ -114,7 +118,27 @@ std::string ModelWorld::differentSegment() {
         }
         expected.push_back(expectedRecord(index, found[index]));
     }
-    return expected == found ? "" : unlike("segment", expected, found);
+    if (expected != found) {
+        return unlike("segment", expected, found);
+    }
+    std::string uptimes;
+    for (std::size_t index = 0; index < found.size(); ++index) {
+        uptimes += differentUptime(index, found[index]);
+    }
+    return uptimes;
+}
+
+/// What is published while nothing is wrong with an application.
+std::string ModelWorld::differentUptime(std::size_t index, const PublishedApp& found) const {
+    const ModelEntry& entry = model_.entries()[index];
+    if (!entry.isInOrder || !model_.isAlive(entry.process)) {
+        return "";
+    }
+    const std::int64_t lifeSec = std::time(nullptr) - startSecOf(found.pid);
+    const std::int64_t expected = lifeSec + entry.excessSec;
+    const std::int64_t published = static_cast<std::int32_t>(found.uptimeSec);
+    const bool isNear = std::abs(published - expected) <= kUptimeToleranceSec;
+    return isNear ? "" : unlike("uptime", expected, published);
 }
 
 std::string ModelWorld::differentRegistry() const {
@@ -140,9 +164,10 @@ PublishedApp ModelWorld::expectedRecord(std::size_t index, const PublishedApp& f
     app.lifeLimit = entry.lifeLimit;
     app.portType = portText(entry.portType);
     app.portNumber = entry.portNumber;
-    const std::int64_t startSec = model_.isAlive(entry.process) ? startSecOf(pid) : 0;
+    const bool isAlive = model_.isAlive(entry.process);
+    const std::int64_t startSec = isAlive ? startSecOf(pid) + entry.startSetting : 0;
     const bool isNear = std::abs(found.startMs / 1000 - startSec) <= kStartToleranceSec;
-    app.startMs = startSec == 0 || isNear ? found.startMs : startSec * 1000;
+    app.startMs = !isAlive || isNear ? found.startMs : startSec * 1000;
     return app;
 }
 

@@ -87,14 +87,16 @@ int RegistryModel::launch(ModelEntry& entry) {
     if (lingering_.count(process.command) != 0) {
         isPredictable_ = false; // Is the killed one gone, or found once more?
     }
-    if (process.byConvention && !monitor_.longGrace &&
-        (entry.restartType == RESTART_TYPE_SELF || entry.restartType == RESTART_TYPE_ALL)) {
-        isPredictable_ = false; // Does the monitor learn the name before the grace is over?
-    }
     // The search that follows a launch takes the first process with that command line.
     entry.process =
         oldest([&](const ModelProcess& other) { return other.command == process.command; });
+    entry.startSetting = bootSetting_; // It is reckoned from the boot on, whatever time it is now.
     entry.status = APP_STATUS_STARTING0;
+    if (process.byConvention &&
+        (entry.restartType == RESTART_TYPE_SELF || entry.restartType == RESTART_TYPE_ALL) &&
+        !isInGrace(entry)) {
+        isPredictable_ = false; // Does the monitor learn the name before the grace is over?
+    }
     if (entry.process != launched) {
         takePidFileName(entry);
     }
@@ -193,14 +195,17 @@ std::vector<ProcessNumber> RegistryModel::orphans() const {
 std::string RegistryModel::text() const {
     std::ostringstream stream;
     stream << "grace " << (monitor_.longGrace ? "long" : "short") << ", "
-           << (erasesUnusable_ ? "later" : "first") << " phase, work record " << workStatus_
-           << (restartAllRequested_ ? ", restart all" : "") << "\n";
+           << (isFirstPhaseOver_ ? "later" : "first") << " phase, work record " << workStatus_
+           << (restartAllRequested_ ? ", restart all" : "") << ", clock " << setting_
+           << ", of the main loop " << loopSetting_ << ", of the boot time " << bootSetting_
+           << "\n";
     for (std::size_t index = 0; index < entries_.size(); ++index) {
         const ModelEntry& entry = entries_[index];
         stream << "entry \"" << entry.name << "\" pid " << pidMark(entry.process) << " status "
                << entry.status << " pidfile \"" << entry.pidfile << "\" policy "
                << entry.restartType << " limit " << entry.lifeLimit << " heartbeat "
-               << entry.heartbeat << "\n";
+               << entry.heartbeat << " clock of the start " << entry.startSetting << " excess "
+               << entry.excessSec << "\n";
     }
     for (const auto& [number, process] : processes_) {
         stream << "process " << pidMark(number) << " beat " << static_cast<int>(process.beat) << " "

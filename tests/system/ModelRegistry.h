@@ -5,6 +5,7 @@
 #define OVARD_TESTS_SYSTEM_MODEL_REGISTRY_H
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -55,6 +56,11 @@ struct ModelEntry {
     int lifeLimit = 0;
     bool heartbeat = false;
     bool diedEarly = false; ///< before its first status is sure to have been published
+    bool isInOrder = false; ///< the last pass found nothing wrong and has reckoned its uptime
+
+    // What settings of the clock make of its times; the time that it lives is left out.
+    std::int64_t startSetting = 0; ///< by which its start time is reckoned
+    std::int64_t excessSec = 0;    ///< its uptime, by how much it is longer than its life
 };
 
 /// Results of a stop and of a launch, or of an action that is none, which fail.
@@ -80,6 +86,9 @@ using ModelFiles = std::map<std::string, std::pair<ProcessNumber, std::string>>;
 
 /// The monitor, its applications, and what happens to them.
 ///
+/// Of the wall clock it knows what it is set to: how many seconds it is away from the true time. No
+/// application lives for an hour.
+///
 /// Where the time between two events decides what comes of them, or the machine would restart, or
 /// the supervision would never come to rest, isPredictable turns false for good: try an event on a
 /// copy.
@@ -88,8 +97,13 @@ public:
     /// The monitor begins; one before has gone.
     void startMonitor(const ModelMonitor& monitor);
 
-    /// The first half minute is over, during which entries without a pid file are kept.
-    void endFirstPhase() { erasesUnusable_ = true; }
+    /// The first half minute is over, during which entries without a pid file are kept, if the
+    /// clock is not set meanwhile.
+    void endFirstPhase() { isFirstPhaseOver_ = true; }
+
+    /// The clock is set: 0, or at least half a minute away from the true time and from all other
+    /// settings.
+    void setClock(std::int64_t setting) { setting_ = setting; }
 
     /// A request of 1 to 1216 bytes comes and is executed.
     ModelResult receive(const std::string& bytes);
@@ -108,7 +122,8 @@ public:
     void settle();
 
     bool isPredictable() const { return isPredictable_; }
-    bool erasesUnusable() const { return erasesUnusable_; }
+    bool isFirstPhaseOver() const { return isFirstPhaseOver_; }
+    std::int64_t clockSetting() const { return setting_; }
     const std::vector<ModelEntry>& entries() const { return entries_; }
     const std::map<ProcessNumber, ModelProcess>& processes() const { return processes_; }
     bool isAlive(ProcessNumber process) const { return processes_.count(process) == 1; }
@@ -145,6 +160,8 @@ private:
     void takePidFileName(ModelEntry& entry) const;
     ProcessNumber oldest(const std::function<bool(const ModelProcess&)>& condition) const;
 
+    std::optional<bool> erasesUnusable() const;
+    bool isInGrace(const ModelEntry& entry);
     void pass();
     bool check(ModelEntry& entry);
     bool checkStart(ModelEntry& entry);
@@ -155,7 +172,11 @@ private:
     void adopt(const ModelEntry& published, const std::optional<std::string>& status);
 
     ModelMonitor monitor_;
-    bool erasesUnusable_ = false;
+    std::int64_t setting_ = 0;      ///< of the clock
+    std::int64_t loopSetting_ = 0;  ///< when the monitor's main loop began
+    std::int64_t bootSetting_ = 0;  ///< by which the monitor has reckoned when the machine booted
+    bool hasDataServerRun_ = false; ///< under this monitor; it reckons anew then
+    bool isFirstPhaseOver_ = false;
     bool restartAllRequested_ = false;
     bool isPredictable_ = true;
     int workStatus_ = APP_STATUS_INITIALIZING; ///< what the last single action has left

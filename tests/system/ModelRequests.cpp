@@ -104,7 +104,8 @@ ModelResult RegistryModel::start(const reqcmd& request) {
     if (result != 0) {
         return silence(request, kStartFailed);
     }
-    if (erasesUnusable_ && entry.pidfile.empty() && processes_.at(entry.process).byConvention) {
+    if (erasesUnusable().value_or(true) && entry.pidfile.empty() &&
+        processes_.at(entry.process).byConvention) {
         isPredictable_ = false; // Is its pid file there when the launch is followed?
     }
     entries_.push_back(entry);
@@ -142,6 +143,7 @@ ModelResult RegistryModel::restart(const reqcmd& request) {
         }
         (void)launch(copy); // succeeds: nothing without a command is ever registered
         entry.process = copy.process;
+        entry.startSetting = copy.startSetting;
         entry.status = APP_STATUS_STARTING0;
     }
     const std::string name = registered(request.name);
@@ -188,6 +190,7 @@ ModelResult RegistryModel::restartMany(const reqcmd& request, const char* outcom
             return {failure, false, 0, ""};
         }
         entry.process = copy.process;
+        entry.startSetting = copy.startSetting;
     }
     return reply(request, 0, std::string(outcome) + " @DATE\n");
 }

@@ -14,6 +14,11 @@ namespace {
 /// How many steps a monitor sees in its first phase: fewer than half a minute has room for.
 constexpr int kFirstPhaseSteps = 12;
 
+/// Seconds, hours and years, back and forward. No two differ by what makes the outcome hang on how
+/// long something has lived: by less than half a minute, by an hour, or by the limit of a life.
+/// None leads into the first 90 seconds since the boot.
+const std::vector<std::int64_t> kClockSettings = {0, 40, -40, 7200, -7200, 315360000, -315360000};
+
 constexpr int kMostTries = 1000;
 constexpr std::size_t kMostEntries = 8;
 
@@ -98,7 +103,8 @@ std::string textOfRequest(const Step& step) {
 
 std::string kindOf(const Step& step) {
     constexpr const char* kKinds[] = {"requests",       "crashes",      "lost heartbeats",
-                                      "late pid files", "first phases", "monitors"};
+                                      "late pid files", "first phases", "clock settings",
+                                      "monitors"};
     return kKinds[static_cast<int>(step.kind)];
 }
 
@@ -115,6 +121,9 @@ std::string textOf(const Step& step) {
         return "the pid file of entry " + std::to_string(step.entry + 1) + " is written";
     case StepKind::FirstPhaseEnd:
         return "the first half minute goes by";
+    case StepKind::Clock:
+        return "the clock is set " + std::to_string(step.setting) +
+               " seconds away from the true time";
     case StepKind::Monitor:
         break;
     }
@@ -153,6 +162,9 @@ ModelResult apply(const Step& step, RegistryModel& model) {
     case StepKind::FirstPhaseEnd:
         model.endFirstPhase();
         break;
+    case StepKind::Clock:
+        model.setClock(step.setting);
+        break;
     case StepKind::Monitor:
         model.startMonitor(step.monitor);
         break;
@@ -160,8 +172,9 @@ ModelResult apply(const Step& step, RegistryModel& model) {
     return result;
 }
 
-StepSource::StepSource(std::uint64_t seed)
-    : random_(seed) {}
+StepSource::StepSource(std::uint64_t seed, bool setsClock)
+    : random_(seed)
+    , setsClock_(setsClock) {}
 
 Step StepSource::next(const RegistryModel& model, int age) {
     for (int tries = 0; tries < kMostTries; ++tries) {
@@ -184,7 +197,7 @@ Step StepSource::candidate(const RegistryModel& model, int age) {
         step.process = pickFrom(orphans);
         return step;
     }
-    if (age >= kFirstPhaseSteps && !model.erasesUnusable()) {
+    if (age >= kFirstPhaseSteps && !model.isFirstPhaseOver()) {
         step.kind = StepKind::FirstPhaseEnd;
         return step;
     }
@@ -192,7 +205,19 @@ Step StepSource::candidate(const RegistryModel& model, int age) {
     if (kind <= 8) {
         return monitorStep();
     }
-    return kind <= 40 ? processStep(model) : requestStep(model);
+    if (kind <= 14 && setsClock_) {
+        return clockStep(model);
+    }
+    return kind <= 44 ? processStep(model) : requestStep(model);
+}
+
+Step StepSource::clockStep(const RegistryModel& model) {
+    Step step;
+    step.kind = StepKind::Clock;
+    do {
+        step.setting = pickFrom(kClockSettings);
+    } while (step.setting == model.clockSetting());
+    return step;
 }
 
 Step StepSource::monitorStep() {

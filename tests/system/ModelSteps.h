@@ -18,6 +18,7 @@ enum class StepKind {
     LostHeartbeat, ///< `process` beats no more, and its last beat is what `beat` says
     LatePidFile,   ///< the pid file of the entry `entry` is written
     FirstPhaseEnd, ///< the monitor's first half minute goes by
+    Clock,         ///< the wall clock is set `setting` seconds away from the true time
     Monitor,       ///< the monitor is ended with `signal`, and another one begins
 };
 
@@ -29,6 +30,7 @@ struct Step {
     ProcessNumber process = 0;
     Beat beat = Beat::Fresh;
     std::size_t entry = 0;
+    std::int64_t setting = 0;
     int signal = 0;
     ModelMonitor monitor;
 };
@@ -49,7 +51,8 @@ ModelResult apply(const Step& step, RegistryModel& model);
 /// A random sequence of steps whose outcome the model knows.
 class StepSource {
 public:
-    explicit StepSource(std::uint64_t seed);
+    /// Without `setsClock` the wall clock is left alone.
+    StepSource(std::uint64_t seed, bool setsClock);
 
     /// The next step for a monitor that the model describes, and that has seen `age` steps.
     Step next(const RegistryModel& model, int age);
@@ -63,6 +66,7 @@ private:
     std::string command(const std::string& program, const std::string& pidFileOption,
                         const std::string& pidFile);
     Step monitorStep();
+    Step clockStep(const RegistryModel& model);
     Step processStep(const RegistryModel& model);
 
     bool oneIn(int count) { return pick(1, count) == 1; }
@@ -74,6 +78,7 @@ private:
     }
 
     std::mt19937_64 random_;
+    bool setsClock_;
 };
 
 } // namespace systemtest

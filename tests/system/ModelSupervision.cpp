@@ -11,6 +11,12 @@ namespace {
 /// More than any chain of consequences that comes to an end.
 constexpr int kMostPasses = 12;
 
+/// How long young applications are left alone at most.
+constexpr std::int64_t kHourSec = 3600;
+
+/// How long entries without a pid file are kept.
+constexpr std::int64_t kFirstPhaseSec = 30;
+
 /// What is published of a text.
 constexpr std::size_t kPublishedText = 31;
 
@@ -38,15 +44,47 @@ void RegistryModel::settle() {
     isPredictable_ = false;
 }
 
+/// Whether entries without a pid file are erased; open where that hangs on how long the monitor
+/// has run. By a clock that was set back its main loop has not begun yet, and they are.
+std::optional<bool> RegistryModel::erasesUnusable() const {
+    const std::int64_t excessSec = setting_ - loopSetting_;
+    if (excessSec == 0) {
+        return isFirstPhaseOver_;
+    }
+    if (excessSec >= kFirstPhaseSec || excessSec <= -kHourSec) {
+        return true;
+    }
+    return std::nullopt;
+}
+
+/// An entry is left alone since it was started a moment ago, by the clock.
+bool RegistryModel::isInGrace(const ModelEntry& entry) {
+    if (!monitor_.longGrace) {
+        return false; // It is over before supervision is at rest.
+    }
+    const std::int64_t excessSec = setting_ - entry.startSetting;
+    if (excessSec < 0 && excessSec > -kHourSec) {
+        isPredictable_ = false; // Has the clock reached its start?
+    }
+    return excessSec >= 0 && excessSec < kHourSec;
+}
+
 void RegistryModel::pass() {
+    const std::optional<bool> erases = erasesUnusable();
     for (auto entry = entries_.begin(); entry != entries_.end();) {
-        if (erasesUnusable_ && entry->pidfile.empty()) {
-            entry = entries_.erase(entry);
-            continue;
+        entry->isInOrder = false;
+        if (entry->pidfile.empty()) {
+            isPredictable_ = isPredictable_ && erases.has_value();
+            if (erases.value_or(true)) {
+                entry = entries_.erase(entry);
+                continue;
+            }
         }
         if (!entry->pidfile.empty() && !check(*entry)) {
             handleFailure(*entry);
         } else if (isStarted(entry->status)) {
+            entry->isInOrder = true;
+            entry->excessSec = setting_ - entry->startSetting;
             takePidFileName(*entry);
         }
         ++entry;
@@ -64,9 +102,9 @@ bool RegistryModel::check(ModelEntry& entry) {
     case APP_STATUS_STARTING0:
     case APP_STATUS_STARTING:
     case APP_STATUS_RUNNING0:
-        return monitor_.longGrace || checkStart(entry);
+        return isInGrace(entry) || checkStart(entry);
     case APP_STATUS_RUNNING:
-        return monitor_.longGrace || checkRunning(entry);
+        return isInGrace(entry) || checkRunning(entry);
     case APP_STATUS_DEAD:
     case APP_STATUS_START_FAILURE:
         if (!isAlive(entry.process)) {
@@ -90,6 +128,10 @@ bool RegistryModel::checkStart(ModelEntry& entry) {
     }
     if (isConfirmed(entry)) {
         entry.status = isFirst ? APP_STATUS_STARTING : APP_STATUS_RUNNING;
+        if (entry.name == "data_server" && !hasDataServerRun_) {
+            hasDataServerRun_ = true;
+            bootSetting_ = setting_;
+        }
         return true;
     }
     const bool isEnough = entry.status == APP_STATUS_RUNNING0 && entry.heartbeat;
@@ -116,8 +158,9 @@ void RegistryModel::handleFailure(ModelEntry& entry) {
             entry.status = APP_STATUS_STARTING0;
         }
     } else if (entry.restartType == RESTART_TYPE_ALL) {
-        // The limits are either none or longer than anything runs here.
-        if (entry.status == APP_STATUS_START_FAILURE || entry.lifeLimit <= 0) {
+        // The limits are either none or longer than anything lives here.
+        if (entry.status == APP_STATUS_START_FAILURE || entry.lifeLimit == 0 ||
+            entry.lifeLimit <= entry.excessSec) {
             isPredictable_ = false; // The machine restarts.
         }
         restartAllRequested_ = true;
@@ -133,6 +176,7 @@ void RegistryModel::restartAll() {
         ModelEntry copy = entry;
         (void)launch(copy); // succeeds: nothing without a command is ever registered
         entry.process = copy.process;
+        entry.startSetting = copy.startSetting;
         entry.status = copy.status;
     }
 }
@@ -155,7 +199,10 @@ void RegistryModel::publish() {
 void RegistryModel::startMonitor(const ModelMonitor& monitor) {
     const std::vector<ModelEntry> published = std::move(entries_);
     monitor_ = monitor;
-    erasesUnusable_ = false;
+    loopSetting_ = setting_;
+    bootSetting_ = setting_;
+    hasDataServerRun_ = false;
+    isFirstPhaseOver_ = false;
     restartAllRequested_ = false;
     workStatus_ = APP_STATUS_INITIALIZING;
     buffer_ = {};
@@ -174,7 +221,9 @@ void RegistryModel::adopt(const ModelEntry& published, const std::optional<std::
     entry.name = published.name.substr(0, kPublishedText);
     entry.version = published.version.substr(0, kPublishedText);
     const auto isCopy = [&](const ModelProcess& process) { return process.isCopyOf(entry.name); };
-    if (!isAlive(entry.process) || !isCopy(processes_.at(entry.process))) {
+    const bool fits = isAlive(entry.process) && isCopy(processes_.at(entry.process)) &&
+                      entry.startSetting == bootSetting_; // else its start is not that published
+    if (!fits) {
         entry.process = oldest(isCopy);
     }
     if (entry.process == 0) {
@@ -190,6 +239,7 @@ void RegistryModel::adopt(const ModelEntry& published, const std::optional<std::
     entry.portType = hasPortText ? entry.portType : PORT_TYPE_NONE;
     entry.cmd = processes_.at(entry.process).command;
     entry.heartbeat = false;
+    entry.startSetting = bootSetting_;
     entry.pidfile.clear();
     takePidFileName(entry);
     entries_.push_back(entry);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <list>
 #include <random>
@@ -39,7 +40,7 @@ std::string variable(const char* name, std::uint64_t value) {
 bool startWorld(Program& program, std::uint64_t seed, std::uint64_t steps) {
     const std::string self = linkOf(::getpid(), "exe");
     std::vector<std::string> words = {"--uptime", "1000"};
-    for (const std::string& needed : {self, daemonProgram(), sampleProgram()}) {
+    for (const std::string& needed : {self, daemonProgram(), sampleProgram(), wallClockLibrary()}) {
         words.insert(words.end(), {"--bring", folderOf(needed)});
     }
     words.insert(words.end(), {self, "--gtest_filter=Model.*"});

@@ -33,7 +33,7 @@ private:
 
     void expectReply(Client& client, Received received, const ModelResult& expected);
     void expectAgreement();
-    void noteEndOfFirstPhase();
+    void noteEndOfFirstPhase(std::int64_t followedMs, const std::string& last);
     bool recognizeProcesses();
     void forgetProcesses();
 
@@ -41,6 +41,7 @@ private:
     std::string difference();
     std::string differentProcesses() const;
     std::string differentSegment();
+    std::string differentUptime(std::size_t index, const PublishedApp& found) const;
     std::string differentRegistry() const;
 
     PublishedApp expectedRecord(std::size_t index, const PublishedApp& found) const;

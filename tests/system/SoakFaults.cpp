@@ -19,6 +19,9 @@ constexpr double kSettledSec = 3;
 /// Longer than a heartbeat may be late in the soak.
 constexpr int kLostHeartbeatMs = 15000;
 
+/// Until one is found that can be brought about: most always can.
+constexpr int kMostTries = 100;
+
 constexpr int kReplyMs = 30000;
 constexpr int kFlood = 8;
 constexpr int kSignals = 200;
@@ -41,7 +44,7 @@ const std::vector<SoakFaults::Kind> SoakFaults::kKinds = {
     {"application crashed", 6, &SoakFaults::crash},
     {"application stood still", 6, &SoakFaults::standStill},
     {"heartbeat lost", 4, &SoakFaults::loseHeartbeat},
-    {"start of the dead", 3, &SoakFaults::startTheDead},
+    {"start of the dead", 3, &SoakFaults::startOfTheDead},
     {"restart by name", 3, &SoakFaults::restart},
     {"start of a running name", 3, &SoakFaults::startAnew},
     {"stop and start", 3, &SoakFaults::stopAndStart},
@@ -70,7 +73,7 @@ const std::vector<SoakFaults::Kind> SoakFaults::kKinds = {
 
 SoakFaults::SoakFaults(std::uint64_t seed, pid_t monitor, std::vector<reqcmd> applications,
                        std::function<void()> beforeChange)
-    : random_(seed)
+    : seed_(seed)
     , monitor_(monitor)
     , applications_(std::move(applications))
     , beforeChange_(std::move(beforeChange)) {
@@ -83,9 +86,16 @@ SoakFaults::SoakFaults(std::uint64_t seed, pid_t monitor, std::vector<reqcmd> ap
 }
 
 void SoakFaults::inject() {
-    const Kind& kind = kKinds[choice_(random_)];
-    (this->*kind.inject)();
-    ++counts_[kind.name];
+    std::seed_seq sequence{static_cast<std::uint32_t>(seed_ >> 32),
+                           static_cast<std::uint32_t>(seed_), ++tried_};
+    random_.seed(sequence);
+    for (int tries = 0; tries < kMostTries; ++tries) {
+        const Kind& kind = kKinds[choice_(random_)];
+        if ((this->*kind.inject)()) {
+            ++counts_[kind.name];
+            return;
+        }
+    }
 }
 
 void SoakFaults::goOn() {
@@ -110,12 +120,21 @@ void SoakFaults::endAll() {
 }
 
 void SoakFaults::startTheDead() {
-    ask(makeRequest(APPMONCTL_Stop, "nobody")); // a request may wait until another one comes
+    (void)ask(makeRequest(APPMONCTL_Stop, "nobody")); // a request may wait until another one comes
+    for (const reqcmd& application : dead()) {
+        (void)ask(application); // a monitor that is gone shows elsewhere
+    }
+}
+
+/// Applications that do not run and that nobody starts.
+std::vector<reqcmd> SoakFaults::dead() const {
+    std::vector<reqcmd> found;
     for (const reqcmd& application : applications_) {
         if (application.restart_type != RESTART_TYPE_SELF && processesOf(application).empty()) {
-            ask(application);
+            found.push_back(application);
         }
     }
+    return found;
 }
 
 std::vector<pid_t> SoakFaults::processesOf(const reqcmd& application) {
@@ -148,44 +167,55 @@ pid_t SoakFaults::settledProcess(const std::function<bool(const reqcmd&)>& condi
     return 0;
 }
 
-void SoakFaults::kill() {
-    (void)sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGKILL);
+bool SoakFaults::kill() {
+    return sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGKILL);
 }
 
-void SoakFaults::crash() {
-    (void)sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGSEGV);
+bool SoakFaults::crash() {
+    return sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGSEGV);
 }
 
-void SoakFaults::pause(pid_t pid, int milliseconds) {
-    (void)sendSignal(pid, SIGSTOP); // it may be gone
-    later(milliseconds, [pid] { (void)sendSignal(pid, SIGCONT); });
+bool SoakFaults::pause(pid_t pid, int milliseconds) {
+    const bool stops = sendSignal(pid, SIGSTOP);
+    if (stops) {
+        later(milliseconds, [pid] { (void)sendSignal(pid, SIGCONT); }); // it may be gone
+    }
+    return stops;
 }
 
-void SoakFaults::standStill() {
-    pause(settledProcess([](const reqcmd&) { return true; }), pick(100, 3000));
+bool SoakFaults::standStill() {
+    return pause(settledProcess([](const reqcmd&) { return true; }), pick(100, 3000));
 }
 
-void SoakFaults::loseHeartbeat() {
-    pause(settledProcess([](const reqcmd& application) { return application.heartbeat != 0; }),
-          kLostHeartbeatMs);
+bool SoakFaults::loseHeartbeat() {
+    return pause(
+        settledProcess([](const reqcmd& application) { return application.heartbeat != 0; }),
+        kLostHeartbeatMs);
 }
 
-void SoakFaults::restart() {
-    ask(withAction(pickFrom(applications_), APPMONCTL_Restart));
+bool SoakFaults::startOfTheDead() {
+    const bool isNeeded = !dead().empty();
+    if (isNeeded) {
+        startTheDead();
+    }
+    return isNeeded;
 }
 
-void SoakFaults::startAnew() {
-    ask(pickFrom(applications_));
+bool SoakFaults::restart() {
+    return ask(withAction(pickFrom(applications_), APPMONCTL_Restart));
 }
 
-void SoakFaults::stopAndStart() {
+bool SoakFaults::startAnew() {
+    return ask(pickFrom(applications_));
+}
+
+bool SoakFaults::stopAndStart() {
     const reqcmd& application = pickFrom(applications_);
-    ask(withAction(application, APPMONCTL_Stop));
-    ask(application);
+    return ask(withAction(application, APPMONCTL_Stop)) && ask(application);
 }
 
-void SoakFaults::restartPortApplications() {
-    ask(makeRequest(APPMONCTL_Restart_PortApps));
+bool SoakFaults::restartPortApplications() {
+    return ask(makeRequest(APPMONCTL_Restart_PortApps));
 }
 
 // --- clients -------------------------------------------------------------------------------------
@@ -196,10 +226,11 @@ std::unique_ptr<Client> SoakFaults::connected() {
     return client;
 }
 
-void SoakFaults::ask(const reqcmd& request) {
+bool SoakFaults::ask(const reqcmd& request) {
     std::unique_ptr<Client> client = connected();
-    (void)client->send(request); // a monitor that is gone shows elsewhere
+    const bool isSent = client->send(request);
     asked_.push_back({std::move(client), monotonicMs() + kReplyMs});
+    return isSent;
 }
 
 void SoakFaults::takeReplies() {
@@ -212,29 +243,29 @@ void SoakFaults::takeReplies() {
     }
 }
 
-void SoakFaults::comeAndGo() {
-    (void)connected();
+bool SoakFaults::comeAndGo() {
+    return connected()->isOpen();
 }
 
-void SoakFaults::keepSilent() {
+bool SoakFaults::keepSilent() {
     ++disturbances_.silences;
-    later(kSoakSilenceMs, [client = std::shared_ptr<Client>(connected())] { client->close(); });
+    const std::shared_ptr<Client> client = connected();
+    later(kSoakSilenceMs, [client] { client->close(); });
+    return client->isOpen();
 }
 
 /// The rest is what the record before has there: a stop of a name that nobody has.
-void SoakFaults::sendAPart() {
+bool SoakFaults::sendAPart() {
     const reqcmd request = makeRequest(APPMONCTL_Stop, "nobody");
-    ask(request);
-    const std::unique_ptr<Client> client = connected();
     const auto size = static_cast<std::size_t>(pick(1, sizeof request - 1));
-    (void)client->send(bytesOf(request).substr(0, size));
+    return ask(request) && connected()->send(bytesOf(request).substr(0, size));
 }
 
-void SoakFaults::vanishBeforeTheReply() {
-    (void)connected()->send(makeRequest(APPMONCTL_Stop, "nobody"));
+bool SoakFaults::vanishBeforeTheReply() {
+    return connected()->send(makeRequest(APPMONCTL_Stop, "nobody"));
 }
 
-void SoakFaults::sendNonsense() {
+bool SoakFaults::sendNonsense() {
     reqcmd request = makeRequest(APPMONCTL_Stop, "nobody");
     const int nonsense = pick(0, 4);
     if (nonsense <= 1) { // no text has an end
@@ -251,27 +282,30 @@ void SoakFaults::sendNonsense() {
         std::memset(&request.keepalive, 0xfe, sizeof request.keepalive);
         std::memset(&request.heartbeat, 0x80, sizeof request.heartbeat);
     }
-    const std::unique_ptr<Client> client = connected();
     const std::string surplus(nonsense == 4 ? 5000 : 0, 'x');
-    (void)client->send(bytesOf(request) + surplus);
+    return connected()->send(bytesOf(request) + surplus);
 }
 
-void SoakFaults::flood() {
+bool SoakFaults::flood() {
     reqcmd request = makeRequest(APPMONCTL_Stop, "nobody");
     request.nowait = 1;
+    bool isSent = true;
     for (int count = 0; count < kFlood; ++count) {
-        (void)connected()->send(request);
+        isSent = connected()->send(request) && isSent;
     }
+    return isSent;
 }
 
 // --- signals -------------------------------------------------------------------------------------
 
-void SoakFaults::sendSignals() {
+bool SoakFaults::sendSignals() {
     constexpr int kHarmless[] = {SIGUSR1, SIGCHLD, SIGPIPE, SIGCONT, SIGWINCH, SIGURG};
     const int signal = pickFrom(kHarmless);
+    bool isSent = true;
     for (int count = 0; count < kSignals; ++count) {
-        (void)sendSignal(monitor_, signal); // a monitor that is gone shows elsewhere
+        isSent = sendSignal(monitor_, signal) && isSent;
     }
+    return isSent;
 }
 
 } // namespace systemtest

@@ -16,8 +16,11 @@ namespace {
 /// How long a pid file is gone, or is something else.
 constexpr int kPidFileAbsenceMs = 3000;
 
-void removeWhatever(const std::string& path) {
-    (void)std::remove(path.c_str()); // a file or an empty directory; it may be gone
+constexpr const char* kLogSocketPath = "/dev/log";
+
+/// Removes a file or an empty directory. False when there is none.
+bool removeWhatever(const std::string& path) {
+    return std::remove(path.c_str()) == 0;
 }
 
 bool isFilledFile(const std::string& path) {
@@ -25,8 +28,9 @@ bool isFilledFile(const std::string& path) {
     return ::lstat(path.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_size > 0;
 }
 
-void makeDirectory(const std::string& path) {
-    (void)::mkdir(path.c_str(), 0755); // something may have taken the name
+/// False when something has taken the name.
+bool makeDirectory(const std::string& path) {
+    return ::mkdir(path.c_str(), 0755) == 0;
 }
 
 } // namespace
@@ -51,128 +55,135 @@ std::string SoakFaults::pidFileOfAny() {
 void SoakFaults::restoreLater(const std::string& path, const std::string& content) {
     later(kPidFileAbsenceMs, [path, content] {
         if (!isFilledFile(path)) {
-            removeWhatever(path);
+            (void)removeWhatever(path); // it may be gone
             (void)writeFile(path, content);
         }
     });
 }
 
-void SoakFaults::removePidFile() {
+bool SoakFaults::removePidFile() {
     const std::string path = pidFileOfAny();
-    if (!path.empty()) {
-        restoreLater(path, readFile(path));
-        removeWhatever(path);
+    if (path.empty()) {
+        return false;
     }
+    restoreLater(path, readFile(path));
+    return removeWhatever(path);
 }
 
-void SoakFaults::emptyPidFile() {
+bool SoakFaults::emptyPidFile() {
     const std::string path = pidFileOfAny();
-    if (!path.empty()) {
-        restoreLater(path, readFile(path));
-        (void)!::truncate(path.c_str(), 0); // it may be gone
+    if (path.empty()) {
+        return false;
     }
+    restoreLater(path, readFile(path));
+    return ::truncate(path.c_str(), 0) == 0;
 }
 
 /// A link to itself, a pipe, or a directory. The latter only where the name has the pid: a launch
 /// removes the others, but a program that cannot write its pid file would die at once.
-void SoakFaults::replacePidFile() {
+bool SoakFaults::replacePidFile() {
     const std::string path = pidFileOfAny();
     if (path.empty()) {
-        return;
+        return false;
     }
     restoreLater(path, readFile(path));
-    removeWhatever(path);
+    const bool isRemoved = removeWhatever(path); // the next launch may take the name
     const bool hasPid = path.find("/pid/") != std::string::npos;
     switch (pick(0, hasPid ? 2 : 1)) {
     case 0:
-        (void)!::symlink(path.c_str(), path.c_str()); // the next launch may have taken the name
-        break;
+        return ::symlink(path.c_str(), path.c_str()) == 0 || isRemoved;
     case 1:
-        (void)::mkfifo(path.c_str(), 0644); // likewise
-        break;
+        return ::mkfifo(path.c_str(), 0644) == 0 || isRemoved;
     default:
-        makeDirectory(path);
+        return makeDirectory(path) || isRemoved;
     }
 }
 
 // --- the machine ---------------------------------------------------------------------------------
 
-void SoakFaults::damageSegment() {
+bool SoakFaults::damageSegment() {
     beforeChange_();
     const char* const path = pickFrom(kSegmentPaths);
     switch (pick(0, 3)) {
     case 0:
-        removeWhatever(path);
-        break;
+        return removeWhatever(path);
     case 1:
-        (void)!::truncate(path, pick(0, 4095)); // the next cycle repairs it
-        break;
+        return ::truncate(path, pick(0, 4095)) == 0; // the next cycle repairs it
     case 2:
-        (void)!::truncate(path, 1 << 20); // likewise
-        break;
+        return ::truncate(path, 1 << 20) == 0; // likewise
     default:
-        removeWhatever(path);
-        (void)writeFile(path, std::string(kApplicationSegmentSize, '\xff'));
+        (void)removeWhatever(path); // it may be gone
+        return writeFile(path, std::string(kApplicationSegmentSize, '\xff'));
     }
 }
 
-void SoakFaults::replaceSegment() {
+bool SoakFaults::replaceSegment() {
     const std::string path = kApplicationSegmentPath;
-    removeWhatever(path);
-    if (pick(0, 1) == 0) {
-        makeDirectory(path);
-    } else {
-        (void)!::symlink("/tmp/nothing", path.c_str()); // the monitor may have made it anew
-    }
-    later(kSoakAbsenceMs, [path] { removeWhatever(path); });
+    const bool isRemoved = removeWhatever(path); // the monitor may make it anew
+    const bool isReplaced =
+        pick(0, 1) == 0 ? makeDirectory(path) : ::symlink("/tmp/nothing", path.c_str()) == 0;
+    later(kSoakAbsenceMs, [path] { (void)removeWhatever(path); });
+    return isRemoved || isReplaced;
 }
 
-void SoakFaults::fillTmp() {
-    later(kSoakAbsenceMs,
-          [full = std::make_shared<FullFolder>("/tmp")]() mutable { full.reset(); });
+bool SoakFaults::fillFolder(const char* folder) {
+    const auto full = std::make_shared<FullFolder>(folder);
+    const bool isFull = full->isFull();
+    later(kSoakAbsenceMs, [kept = full]() mutable { kept.reset(); });
+    return isFull;
+}
+
+bool SoakFaults::fillTmp() {
+    return fillFolder("/tmp");
 }
 
 /// Not while a segment is missing: a cycle that could not make it would not be seen.
-void SoakFaults::fillShm() {
+bool SoakFaults::fillShm() {
     for (const char* path : kSegmentPaths) {
         if (readFile(path).size() < sizeOfSegment(path)) {
-            return;
+            return false;
         }
     }
-    later(kSoakAbsenceMs,
-          [full = std::make_shared<FullFolder>("/dev/shm")]() mutable { full.reset(); });
+    return fillFolder("/dev/shm");
 }
 
-void SoakFaults::removeLog() {
+bool SoakFaults::removeLog() {
     ++disturbances_.logFaults;
-    later(kSoakAbsenceMs, [aside = std::make_shared<LogAside>()]() mutable { aside.reset(); });
+    const auto aside = std::make_shared<LogAside>();
+    later(kSoakAbsenceMs, [kept = aside]() mutable { kept.reset(); });
+    return !fileExists(kLogSocketPath);
 }
 
-void SoakFaults::blockLog() {
+bool SoakFaults::blockLog() {
     ++disturbances_.logFaults;
-    later(kSoakAbsenceMs, [held = std::make_shared<HeldLog>()]() mutable { held.reset(); });
+    const auto held = std::make_shared<HeldLog>();
+    later(kSoakAbsenceMs, [kept = held]() mutable { kept.reset(); });
+    return held->holds();
 }
 
-void SoakFaults::removeEventLog() {
-    removeWhatever(kEventLogPath);
+bool SoakFaults::removeEventLog() {
+    return removeWhatever(kEventLogPath);
 }
 
-void SoakFaults::replaceEventLog() {
-    removeWhatever(kEventLogPath);
-    makeDirectory(kEventLogPath);
-    later(kSoakAbsenceMs, [] { removeWhatever(kEventLogPath); });
+bool SoakFaults::replaceEventLog() {
+    const bool isRemoved = removeWhatever(kEventLogPath);
+    const bool isReplaced = makeDirectory(kEventLogPath);
+    later(kSoakAbsenceMs, [] { (void)removeWhatever(kEventLogPath); });
+    return isRemoved || isReplaced;
 }
 
-void SoakFaults::removeWatchdog() {
-    later(kSoakAbsenceMs, [aside = std::make_shared<WatchdogAside>()]() mutable { aside.reset(); });
+bool SoakFaults::removeWatchdog() {
+    const auto aside = std::make_shared<WatchdogAside>();
+    later(kSoakAbsenceMs, [kept = aside]() mutable { kept.reset(); });
+    return !fileExists(kWatchdogPath);
 }
 
-void SoakFaults::damageSemaphore() {
-    if (pick(0, 1) == 0) {
-        removeWhatever(kSemaphorePath);
-    } else {
-        (void)!::truncate(kSemaphorePath, 0); // it may be gone
+/// Once for each run: nobody makes it anew.
+bool SoakFaults::damageSemaphore() {
+    if (!isFilledFile(kSemaphorePath)) {
+        return false;
     }
+    return pick(0, 1) == 0 ? removeWhatever(kSemaphorePath) : ::truncate(kSemaphorePath, 0) == 0;
 }
 
 } // namespace systemtest

@@ -4,10 +4,12 @@
 // The seed is printed. OVARD_SOAK_SEED and OVARD_SOAK_SECONDS change seed and length.
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -50,7 +52,7 @@ const std::vector<std::string> kOptions = {"-w", "0",  "-I", "1", "-v", "8",
 constexpr const char* kPidFileFolders[] = {"/tmp/pid", "/tmp/run"};
 
 /// Growth of memory that no leak explains, in kB: whatever happens for the first time takes a page
-/// or two of heap, stack or data.
+/// or two of heap or data.
 constexpr std::int64_t kMemoryNoiseKb = 64;
 
 /// The smallest block of memory takes 32 bytes. In two hours one that every fault leaves behind is
@@ -133,7 +135,7 @@ protected:
         while (monotonicMs() < begin + lengthMs && monitor_.alive()) {
             goOn();
             if (monotonicMs() >= nextFault) {
-                // The fault before must be over, however late this one comes.
+                // What was taken away must be back, however late this one comes.
                 nextFault = std::max(nextFault + kFaultMs, monotonicMs() + kSoakAbsenceMs);
                 faults_->inject();
             }
@@ -255,6 +257,7 @@ TEST_F(Soak, NothingGrowsAndNoPassIsMissed) {
     const std::uint64_t seed = numberFromEnvironment("OVARD_SOAK_SEED", std::random_device{}());
     const std::uint64_t seconds = numberFromEnvironment("OVARD_SOAK_SECONDS", kDefaultSeconds);
     std::cout << "seed " << seed << ", " << seconds << " s" << std::endl;
+    ASSERT_GT(seconds, 0U);
     ASSERT_NO_FATAL_FAILURE(startAll());
     soak(seed, static_cast<std::int64_t>(seconds) * 1000);
     rest();

@@ -73,6 +73,16 @@ std::int64_t kilobytes(pid_t pid, const std::string& key) {
     return std::strtol(statusValue(pid, key).c_str(), nullptr, 10);
 }
 
+/// Pages of the main thread's stack; 0 where the kernel does not tell.
+std::int64_t stackKilobytes(pid_t pid) {
+    const std::string key = "\nAnonymous:";
+    const std::string maps = readFile("/proc/" + std::to_string(pid) + "/smaps");
+    const std::size_t figure = maps.find(key, std::min(maps.find("[stack]"), maps.size()));
+    return figure == std::string::npos
+               ? 0
+               : std::strtol(maps.c_str() + figure + key.size(), nullptr, 10);
+}
+
 } // namespace
 
 // --- passes --------------------------------------------------------------------------------------
@@ -186,7 +196,8 @@ SoakSample sampleOf(pid_t pid) {
         }
     }
     sample.residentKb = kilobytes(pid, "VmRSS");
-    sample.anonymousKb = kilobytes(pid, "RssAnon");
+    sample.stackKb = stackKilobytes(pid);
+    sample.anonymousKb = kilobytes(pid, "RssAnon") - sample.stackKb;
     sample.dataKb = kilobytes(pid, "VmData");
     return sample;
 }
@@ -196,12 +207,16 @@ std::string textOf(const SoakSample& sample) {
     text << sample.descriptors << " descriptors + " << sample.connections << " connections, "
          << sample.threads << " threads, " << sample.children << " children, "
          << sample.zombies.size() << " zombies, resident " << sample.residentKb << " kB, anonymous "
-         << sample.anonymousKb << " kB, data " << sample.dataKb << " kB";
+         << sample.anonymousKb << " kB and " << sample.stackKb << " kB of stack, data "
+         << sample.dataKb << " kB";
     return text.str();
 }
 
 std::int64_t medianOfTenth(const std::vector<SoakSample>& samples, std::int64_t SoakSample::*figure,
                            std::size_t tenth) {
+    if (samples.empty()) {
+        return 0;
+    }
     const std::size_t begin = samples.size() * tenth / 10;
     const std::size_t end = samples.size() * (tenth + 1) / 10;
     std::vector<std::int64_t> values;

@@ -82,7 +82,8 @@ struct SoakSample {
     std::size_t children = 0;
     std::set<pid_t> zombies; ///< among them
     std::int64_t residentKb = 0;
-    std::int64_t anonymousKb = 0; ///< of these, those that belong to no file
+    std::int64_t anonymousKb = 0; ///< of these, those of no file and not of the main thread's stack
+    std::int64_t stackKb = 0;     ///< those of that stack, which holds what SIGUSR1 interrupts
     std::int64_t dataKb = 0;      ///< address space for heap and thread stacks
 };
 
@@ -92,7 +93,8 @@ SoakSample sampleOf(pid_t pid);
 /// One line for people.
 std::string textOf(const SoakSample& sample);
 
-/// The median of a figure over a part of the samples: the tenth of that number, from 0.
+/// The median of a figure over a part of the samples: the tenth of that number, from 0. 0 without
+/// samples.
 std::int64_t medianOfTenth(const std::vector<SoakSample>& samples, std::int64_t SoakSample::*figure,
                            std::size_t tenth);
 

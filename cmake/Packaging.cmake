@@ -1,5 +1,5 @@
-# Installation and packages. Two components: runtime (programs, manuals, what starts the monitor) and
-# development (libraries, headers); `cmake --install BUILD --component runtime` takes one alone.
+# Installation and packages. Two components: runtime (programs, manuals, what starts the monitor)
+# and development (libraries, headers); `cmake --install BUILD --component runtime` takes one alone.
 # `cpack -G DEB` in the build folder makes a Debian package of each.
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME runtime)

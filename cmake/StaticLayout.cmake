@@ -4,8 +4,8 @@ include(CheckCXXSourceCompiles)
 
 set(OVARD_STATIC_LAYOUT ${CMAKE_CURRENT_LIST_DIR}/StaticLayout.ld)
 
-# Orders the code of the statically linked program `target` as StaticLayout.ld says. Where the linker
-# cannot add to its script (GNU gold), the program is as useful, and larger in memory.
+# Orders the code of the statically linked program `target` as StaticLayout.ld says. Where the
+# linker cannot add to its script (GNU gold), the program is as useful, and larger in memory.
 function(ovard_order_code target)
     set(order_code LINKER:-T,${OVARD_STATIC_LAYOUT})
     set(CMAKE_REQUIRED_LINK_OPTIONS -static ${order_code})

@@ -1,7 +1,8 @@
 # shellcheck shell=bash
-# One test machine as seen from outside: sourced by tests/target/machine. The machine is told over its
-# second serial line what to run and tells how that ended (tests/target/init.cpp); QEMU tells what
-# happened to it. Whatever is not as it must be ends the shell that started the machine.
+# One test machine as seen from outside: sourced by tests/target/machine. The machine is told over
+# its second serial line what to run and tells how that ended (tests/target/init.cpp); QEMU tells
+# what happened to it. Whatever is not as it must be ends the shell that started the machine, and
+# with that the machine.
 
 # Seconds that a machine may run, and may take to boot.
 readonly kMachineLimit=1100
@@ -15,8 +16,8 @@ fail() {
 }
 
 # Starts a machine and waits until it is ready: start_machine FOLDER KERNEL INITRD COMMAND
-# [QEMU-OPTION]... The folder gets its console, the events and what the emulator says. An empty command
-# is none; its words are separated by commas.
+# [QEMU-OPTION]... The folder gets its console, the events and what the emulator says. An empty
+# command is none; its words are separated by commas.
 start_machine() {
     machine=$1
     local kernel=$2 initrd=$3 words=$kMachineMark fifo
@@ -36,7 +37,8 @@ start_machine() {
         set -- "$@" -netdev "user,id=n$network,net=10.0.$((network + 2)).0/24,restrict=on" \
             -device "virtio-net-pci,netdev=n$network,id=nic$network,romfile="
     done
-    timeout --kill-after=10 "$kMachineLimit" qemu-system-ppc -M ppce500 -cpu e500mc -m 512 \
+    timeout --foreground --kill-after=10 "$kMachineLimit" \
+        qemu-system-ppc -M ppce500 -cpu e500mc -m 512 \
         -display none -nodefaults -no-user-config -kernel "$kernel" -initrd "$initrd" \
         -append "console=ttyS0,115200 quiet panic=1 now=$(date +%s) $words" \
         -serial "file:$machine/console" \
@@ -44,7 +46,8 @@ start_machine() {
         -chardev "pipe,id=events,path=$machine/events" -mon chardev=events,mode=control \
         "$@" </dev/null >"$machine/emulator" 2>&1 &
     emulator=$!
-    trap 'kill "$emulator" 2>/dev/null' EXIT
+    trap 'kill "$emulator" 2>/dev/null && wait "$emulator"' EXIT
+    trap 'exit 143' TERM
     events_seen=0
     printf '{"execute":"qmp_capabilities"}\n' >&"$events_in"
     expect READY "$kBootPatience"
@@ -104,8 +107,8 @@ await_success() {
     expect_events
 }
 
-# Runs a command that says "MARK NAME", upon which the machine has to be reset; the command has to be
-# cut off: run_until_reset EVENTS LEAST-SECONDS MOST-SECONDS NAME PATIENCE WORD...
+# Runs a command that says "MARK NAME", upon which the machine has to be reset; the command has to
+# be cut off: run_until_reset EVENTS LEAST-SECONDS MOST-SECONDS NAME PATIENCE WORD...
 run_until_reset() {
     local events=$1 least=$2 most=$3 name=$4 patience=$5 begin took
     shift 5

@@ -20,17 +20,18 @@ namespace sandbox {
 inline constexpr const char* kLogSocket = "/dev/log";
 inline constexpr const char* kLogFile = "/var/log/daemon.log";
 
-/// The socket that programs log to, writable by everybody; reading it never waits. -1 with errno.
-inline int openLogSocket() {
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+/// A socket for the log that has no name yet; reading it never waits. -1 with errno.
+inline int makeLogSocket() {
+    return ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+/// Makes it the one that programs log to, writable by everybody. False with errno.
+inline bool bindLogSocket(int fd) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s", kLogSocket);
-    if (fd == -1 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1 ||
-        ::chmod(kLogSocket, 0666) == -1) {
-        return -1;
-    }
-    return fd;
+    return ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+           ::chmod(kLogSocket, 0666) == 0;
 }
 
 /// The file that gets the lines. -1 with errno.

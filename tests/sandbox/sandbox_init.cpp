@@ -1,13 +1,15 @@
 // Process 1 of a sandbox: runs one command, reaps whatever else ends, and keeps the log.
 //
-//   ovard_sandbox_init --status-fd N --control-fd N --program-fd N [--foreground] -- COMMAND...
+//   ovard_sandbox_init --status-fd N --control-fd N --program-fd N [--log-fd N] [--foreground]
+//                      -- COMMAND...
 //   ovard_sandbox_init --take-terminal
 //
 // It is started by tests/sandbox/inside, which has furnished the sandbox before. The control
 // channel brings one letter for each signal that the command is to get; its end means that the
 // sandbox is to end. The status channel gets "begun\n" replaced by the command's exit status, so
 // whoever reads "begun" afterwards knows that the kernel ended the sandbox. Ending process 1 ends
-// all processes.
+// all processes. The log's socket may come from outside: who holds it there, too, can read what the
+// kernel left process 1 no time for.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -37,6 +39,7 @@ struct Options {
     int statusFd = -1;
     int controlFd = -1;
     int programFd = -1;
+    int logFd = -1; ///< -1: it makes one itself
     bool foreground = false;
     char** command = nullptr;
 };
@@ -71,6 +74,8 @@ Options parseOptions(char** argv) {
             options.controlFd = parseDescriptor(*++argument);
         } else if (std::strcmp(*argument, "--program-fd") == 0) {
             options.programFd = parseDescriptor(*++argument);
+        } else if (std::strcmp(*argument, "--log-fd") == 0) {
+            options.logFd = parseDescriptor(*++argument);
         } else if (std::strcmp(*argument, "--foreground") == 0) {
             options.foreground = true;
         } else {
@@ -100,11 +105,12 @@ void reportStatus(int fd, const std::string& text) {
     }
 }
 
-int openLogSocketOrFail() {
-    const int fd = sandbox::openLogSocket();
-    if (fd == -1) {
+int openLogSocketOrFail(const Options& options) {
+    const int fd = options.logFd != -1 ? options.logFd : sandbox::makeLogSocket();
+    if (fd == -1 || !sandbox::bindLogSocket(fd)) {
         fail(sandbox::kLogSocket);
     }
+    hideFromCommand(fd);
     return fd;
 }
 
@@ -234,7 +240,7 @@ int runSandbox(const Options& options) {
     if (signalFd == -1) {
         fail("signalfd");
     }
-    const int logSocket = openLogSocketOrFail();
+    const int logSocket = openLogSocketOrFail(options);
     const int logFile = openLogFileOrFail();
     reportStatus(options.statusFd, "begun");
 

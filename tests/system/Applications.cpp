@@ -187,6 +187,18 @@ MonitorThroughScript::~MonitorThroughScript() {
     (void)::setenv(kDaemonVariable, real_.c_str(), 1); // as above
 }
 
+std::string linesThatSetSignals(const std::vector<int>& ignored, const std::vector<int>& blocked) {
+    const auto listed = [](const std::vector<int>& signals) {
+        std::string list;
+        for (const int signal : signals) {
+            list += std::to_string(signal) + ",";
+        }
+        return "'" + list + "' ";
+    };
+    return "exec '" + setSignalsProgram() + "' " + listed(ignored) + listed(blocked) +
+           "\"$OVARD\" \"$@\"\n";
+}
+
 void ApplicationTest::TearDown() {
     for (const pid_t pid : strangers()) {
         const ProcessFacts facts = processFacts(pid);

@@ -112,6 +112,10 @@ private:
     std::string real_;
 };
 
+/// Lines for MonitorThroughScript: the monitor is started with these signals ignored and those
+/// blocked.
+std::string linesThatSetSignals(const std::vector<int>& ignored, const std::vector<int>& blocked);
+
 /// A monitor and its applications. At the end no zombie may be the monitor's child.
 class ApplicationTest : public SystemTest {
 protected:

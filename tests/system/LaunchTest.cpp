@@ -112,8 +112,8 @@ TEST_F(Launch, NoSignalIsBlockedOrIgnored) {
 }
 
 TEST_F(Launch, WhatTheMonitorWasStartedWithIsNotHandedDown) {
-    const MonitorThroughScript script("exec env --ignore-signal=HUP,USR2,CHLD,ALRM "
-                                      "--block-signal=USR2,WINCH \"$OVARD\" \"$@\"\n");
+    const MonitorThroughScript script(
+        linesThatSetSignals({SIGHUP, SIGUSR2, SIGCHLD, SIGALRM}, {SIGUSR2, SIGWINCH}));
     ASSERT_TRUE(startMonitor());
     ASSERT_TRUE(signalIsIn(monitor_.pid(), "SigIgn", SIGALRM)) << "there is nothing to hand down";
     LaunchReport report = launchReporting("one");

@@ -197,8 +197,7 @@ TEST_F(Startup, TimerSignalIsHandledWithTheWatchdogOnly) {
 }
 
 TEST_F(Startup, InheritedMaskAndIgnoredSignalsDoNotDisturbIt) {
-    const MonitorThroughScript script("exec env --ignore-signal=CHLD --block-signal=TERM,USR1 "
-                                      "\"$OVARD\" \"$@\"\n");
+    const MonitorThroughScript script(linesThatSetSignals({SIGCHLD}, {SIGTERM, SIGUSR1}));
     Daemon daemon;
     ASSERT_TRUE(daemon.startInForeground({"-w", "0", "-I", "1"}));
     const std::string command = installSample("one") + " --heartbeat 200";

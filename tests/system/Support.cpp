@@ -111,12 +111,20 @@ std::string forkingProgram() {
     return fromEnvironment("FORKING_APP_BINARY", FORKING_APP_BINARY);
 }
 
+std::string setSignalsProgram() {
+    return fromEnvironment("SET_SIGNALS_BINARY", SET_SIGNALS_BINARY);
+}
+
 std::string clientExampleProgram() {
     return fromEnvironment("CLIENT_EXAMPLE_BINARY", CLIENT_EXAMPLE_BINARY);
 }
 
 std::string wallClockLibrary() {
     return fromEnvironment("WALL_CLOCK_LIBRARY", WALL_CLOCK_LIBRARY);
+}
+
+std::string refusedMemoryLibrary() {
+    return fromEnvironment("REFUSED_MEMORY_LIBRARY", REFUSED_MEMORY_LIBRARY);
 }
 
 std::string sandboxProgram() {

@@ -34,8 +34,10 @@ std::string controlProgram();
 std::string sampleProgram();
 std::string minimalProgram();
 std::string forkingProgram();
+std::string setSignalsProgram();
 std::string clientExampleProgram();
 std::string wallClockLibrary();
+std::string refusedMemoryLibrary();
 
 /// What makes a sandbox (SANDBOX_PROGRAM in the environment), and process 1 of it.
 std::string sandboxProgram();

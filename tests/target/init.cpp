@@ -105,23 +105,32 @@ void setNetworkUp() {
     }
 }
 
-/// Has a process of its own keep the system log, as long as the machine runs.
-void startLog() {
-    const int socket = sandbox::openLogSocket();
-    const int file = sandbox::openLogFile();
-    if (socket == -1 || file == -1) {
-        complain("system log");
-        return;
-    }
-    if (::fork() != 0) {
-        (void)::close(socket);
-        (void)::close(file);
-        return;
-    }
+[[noreturn]] void keepLog(int socket, int file) {
     for (pollfd source{socket, POLLIN, 0};;) {
         if (::poll(&source, 1, -1) == 1 && !sandbox::captureLog(socket, file)) {
             complain(sandbox::kLogFile);
         }
+    }
+}
+
+/// Has a process of its own keep the system log, as long as the machine runs.
+void startLog() {
+    const platform::UniqueFd socket(sandbox::makeLogSocket());
+    if (!socket.valid() || !sandbox::bindLogSocket(socket.get())) {
+        complain(sandbox::kLogSocket);
+        return;
+    }
+    const platform::UniqueFd file(sandbox::openLogFile());
+    if (!file.valid()) {
+        complain(sandbox::kLogFile);
+        return;
+    }
+    const pid_t keeper = ::fork();
+    if (keeper == 0) {
+        keepLog(socket.get(), file.get());
+    }
+    if (keeper == -1) {
+        complain("fork: system log");
     }
 }
 
@@ -148,11 +157,17 @@ void setEnvironment() {
         {"FORKING_APP_BINARY", "/opt/ovard/ovard_forking_app"},
         {"MINIMAL_APP_BINARY", "/opt/ovard/minimal_app"},
         {"OVARD_HOSTILE_COUNT", "50000"}, // a twentieth of the default: a minute here
+        {"OVARD_MODEL_STEPS", "20"},      // a fiftieth of the default
+        {"OVARD_MODEL_WORLDS", "1"},
+        {"OVARD_SOAK_SECONDS", "20"}, // a third of the default
         {"OVARDCTL_BINARY", "/opt/ovard/ovardctl"},
         {"OVARD_BINARY", "/opt/ovard/ovard"},
+        {"REFUSED_MEMORY_LIBRARY", "/opt/ovard/shared/libovard_refused_memory.so"},
         {"SAMPLE_APP_BINARY", "/opt/ovard/sample_app"},
         {"SANDBOX_INIT_BINARY", "/opt/ovard/ovard_sandbox_init"},
         {"SANDBOX_PROGRAM", "/opt/ovard/ovard_target_sandbox"},
+        {"SET_SIGNALS_BINARY", "/opt/ovard/ovard_set_signals"},
+        {"WALL_CLOCK_LIBRARY", "/opt/ovard/shared/libovard_wall_clock.so"},
     };
     for (const auto& [name, value] : kVariables) {
         (void)::setenv(name, value, 1); // no memory: the command will not start either

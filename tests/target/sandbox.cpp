@@ -1,6 +1,11 @@
-// scripts/sandbox for the test machine, which has neither its tools nor its shell: the same
-// options, private folders, devices, interfaces and exit statuses. What it does not do is protect
-// the machine around it, which is there for nothing else.
+// scripts/sandbox for the test machine, which has neither its tools nor its shell: the same private
+// folders, devices, interfaces and exit statuses.
+//
+//   ovard_target_sandbox [--uptime SECONDS] [--keep] [--bring PATH]... [--] COMMAND...
+//
+// Its other options are missing. What it does not do either is protect the machine around it, which
+// is there for nothing else, so that everything stays visible at its own path but what a private
+// folder hides.
 
 #include <fcntl.h>
 #include <sched.h>
@@ -24,6 +29,7 @@
 #include <vector>
 
 #include "platform/UniqueFd.h"
+#include "tests/sandbox/LogCapture.h"
 #include "tests/target/Furnishing.h"
 
 namespace {
@@ -32,6 +38,9 @@ constexpr int kFailed = 125;
 constexpr int kRestarted = 90;
 constexpr int kHalted = 91;
 constexpr const char* kDefaultInit = "/opt/ovard/ovard_sandbox_init";
+
+/// What process 1 tells while the command runs.
+constexpr const char* kBegun = "begun\n";
 
 /// Not in every C library.
 constexpr int kNewTimeNamespace = 0x00000080;
@@ -43,11 +52,13 @@ struct Options {
     char** command = nullptr;
 };
 
-/// Two channels lead inside: signals go in as letters, the command's status comes out.
+/// Three channels lead inside: signals go in as letters, the command's status comes out, and so do
+/// the last words of the log.
 struct Channels {
     platform::UniqueFd controlOutside;
     platform::UniqueFd controlInside;
     platform::UniqueFd status;
+    platform::UniqueFd log;
 };
 
 /// Where the handler of signals writes to.
@@ -106,6 +117,8 @@ Channels openChannels() {
     std::string name = "/tmp/ovard-sandbox-status.XXXXXX";
     channels.status.reset(::mkostemp(name.data(), O_CLOEXEC));
     require(channels.status.valid() && ::unlink(name.c_str()) == 0, name.c_str());
+    channels.log.reset(sandbox::makeLogSocket());
+    require(channels.log.valid(), sandbox::kLogSocket);
     return channels;
 }
 
@@ -145,6 +158,8 @@ std::string inherited(int fd) {
                                       inherited(channels.controlInside.get()),
                                       "--program-fd",
                                       inherited(itself.get()),
+                                      "--log-fd",
+                                      inherited(channels.log.get()),
                                       "--"};
     std::vector<char*> arguments;
     arguments.reserve(words.size());
@@ -191,16 +206,29 @@ void handSignalsOn(int fd) {
     (void)std::signal(SIGPIPE, SIG_IGN);
 }
 
+/// What process 1 has told about its command.
+std::string readStatus(int fd) {
+    std::array<char, 16> told{};
+    const ssize_t size = ::pread(fd, told.data(), told.size(), 0);
+    return {told.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
+/// Writes what was logged when process 1 could not any more. Out here its folders can be seen.
+void completeLog(int socket) {
+    const platform::UniqueFd file(sandbox::openLogFile());
+    require(file.valid() && sandbox::captureLog(socket, file.get()), sandbox::kLogFile);
+}
+
 /// The kernel reports a restart inside as process 1 killed by SIGHUP, a halt as killed by SIGINT.
 int conclude(const std::string& told, int status) {
     if (told.find_first_not_of("0123456789\n") == std::string::npos && !told.empty()) {
         return std::stoi(told);
     }
-    if (told == "begun\n" && WIFSIGNALED(status) && WTERMSIG(status) == SIGHUP) {
+    if (told == kBegun && WIFSIGNALED(status) && WTERMSIG(status) == SIGHUP) {
         (void)std::fputs("sandbox: the machine inside was restarted\n", stderr);
         return kRestarted;
     }
-    if (told == "begun\n" && WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) {
+    if (told == kBegun && WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) {
         (void)std::fputs("sandbox: the machine inside was halted\n", stderr);
         return kHalted;
     }
@@ -226,10 +254,11 @@ int run(Options options) {
     int status = 0;
     while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
     }
-    std::array<char, 16> told{};
-    const ssize_t size = ::pread(channels.status.get(), told.data(), told.size(), 0);
-    return conclude(std::string(told.data(), size > 0 ? static_cast<std::size_t>(size) : 0),
-                    status);
+    const std::string told = readStatus(channels.status.get());
+    if (told == kBegun) {
+        completeLog(channels.log.get());
+    }
+    return conclude(told, status);
 }
 
 } // namespace

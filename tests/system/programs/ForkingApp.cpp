@@ -6,7 +6,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kExitUsage = 2;
 constexpr useconds_t kForkPauseUs = 100000;
-constexpr unsigned long kMostAllowed = 100;
+constexpr unsigned long kMostAllowed = 200;
 
 /// Root has no limit of processes, so that there must be another user before the first fork.
 bool limitSelf(uid_t user, rlim_t most) {
@@ -41,7 +41,8 @@ int main(int argc, char** argv) {
     if (::fork() != 0) {
         return 0; // the child is the application
     }
-    (void)::setsid(); // cannot fail in a child that has just been forked
+    (void)::setsid();                    // cannot fail in a child that has just been forked
+    (void)std::signal(SIGCHLD, SIG_IGN); // no zombie takes the place of a process
     writePidFile(argv[3]);
     for (;;) {
         (void)!::fork(); // refused most of the time

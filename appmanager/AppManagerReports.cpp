@@ -78,7 +78,7 @@ void AppManager::updateJsonFile(const char* path) {
     platform::trace(verbose > 7, "updateJsonFile() jsonfile=%s\n", path);
     // Deliberate: written in place, and not at all when it cannot be opened.
     const platform::UniqueFd file =
-        platform::openFile(path, O_WRONLY | O_CREAT | O_TRUNC, kJsonFileMode);
+        platform::openNamedFile(path, O_WRONLY | O_CREAT | O_TRUNC, kJsonFileMode);
     if (!file.valid()) {
         return;
     }

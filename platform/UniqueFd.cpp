@@ -53,12 +53,20 @@ bool liesInPublicFolder(int directory, const char* path) {
     return ::fstatat(directory, folder, &facts, 0) != 0 || (facts.st_mode & S_IWOTH) != 0;
 }
 
-/// True for a symbolic link that is no stranger's trap.
+/// True for a symbolic link that is no stranger's trap. One with a second name may be root's, put
+/// here by somebody else.
 bool isTrustedLink(int directory, const char* path) {
     struct stat facts = {};
-    return ::fstatat(directory, path, &facts, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(facts.st_mode) &&
-           (facts.st_uid == 0 || facts.st_uid == ::geteuid() ||
-            !liesInPublicFolder(directory, path));
+    if (::fstatat(directory, path, &facts, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(facts.st_mode)) {
+        return false;
+    }
+    const bool isOwn = facts.st_uid == 0 || facts.st_uid == ::geteuid();
+    return (isOwn && facts.st_nlink == 1) || !liesInPublicFolder(directory, path);
+}
+
+/// True for a file that can be what is meant by a name in a folder that everybody may write to.
+bool isPlainWithOneName(const struct stat& facts) {
+    return S_ISREG(facts.st_mode) && facts.st_nlink == 1;
 }
 
 } // namespace
@@ -75,6 +83,22 @@ UniqueFd openFileAt(int directory, const char* path, int flags, mode_t mode) {
 
 UniqueFd openFile(const char* path, int flags, mode_t mode) {
     return openFileAt(AT_FDCWD, path, flags, mode);
+}
+
+UniqueFd openNamedFile(const char* path, int flags, mode_t mode) {
+    UniqueFd file = openFile(path, flags & ~O_TRUNC, mode);
+    struct stat facts = {};
+    if (!file.valid() || ::fstat(file.get(), &facts) != 0) {
+        return UniqueFd();
+    }
+    if (!isPlainWithOneName(facts) && liesInPublicFolder(AT_FDCWD, path)) {
+        errno = EACCES;
+        return UniqueFd();
+    }
+    if ((flags & O_TRUNC) != 0 && S_ISREG(facts.st_mode) && ::ftruncate(file.get(), 0) != 0) {
+        return UniqueFd();
+    }
+    return file;
 }
 
 ssize_t readFully(int fd, void* buffer, std::size_t size) {

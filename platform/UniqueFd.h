@@ -46,14 +46,21 @@ private:
 
 /// openat with close-on-exec, without becoming the controlling terminal's and without blocking on
 /// what only looks like a file. In a folder that everybody may write to, a symbolic link in the
-/// last component is followed only where it belongs to root or to the caller: another user could
-/// have planted it. Where `flags` hold O_CREAT, the file is created (with `mode`) only when it
-/// cannot be opened without: some systems refuse to open another user's file with leave to create
-/// it. Invalid with errno on failure, ELOOP for a link that is not followed. Async-signal-safe.
+/// last component is followed only where it belongs to root or to the caller and has no second
+/// name: another user could have planted it. Where `flags` hold O_CREAT, the file is created (with
+/// `mode`) only when it cannot be opened without: some systems refuse to open another user's file
+/// with leave to create it. Invalid with errno on failure, ELOOP for a link that is not followed.
+/// Async-signal-safe.
 UniqueFd openFileAt(int directory, const char* path, int flags, mode_t mode = 0);
 
 /// The same for a path that is absolute or below the working directory.
 UniqueFd openFile(const char* path, int flags, mode_t mode = 0);
+
+/// openFile for a path that the operator has named, who may mean a fifo or a device. In a folder
+/// that everybody may write to it takes nothing but plain files without a second name: the rest
+/// could have been planted there, and is the error EACCES. The file is emptied (O_TRUNC) only once
+/// it is known to be right.
+UniqueFd openNamedFile(const char* path, int flags, mode_t mode = 0);
 
 /// Reads until `size` bytes came, end of file or an error; restarts after signals.
 /// Returns the bytes read, or -1 with errno when the first read failed.

@@ -4,8 +4,10 @@
 // calls belong together is told in docs/applications.md, and a whole program is
 // examples/minimal_app.c; both are installed with the documentation of libovard-dev.
 //
-// None of these calls waits for anybody, throws, starts a thread, changes signal handling or leaves
-// a descriptor open. Each may be called from any thread, none from a signal handler.
+// None of these calls waits for anybody, throws, starts a thread, leaves a descriptor open or
+// changes signal handling but for a moment: while a heartbeat is registered or dropped, SIGBUS has
+// another action, which hands on to that of the process what is not its own. Each may be called
+// from any thread, none from a signal handler.
 
 #ifndef OVARD_APPLICATION_H
 #define OVARD_APPLICATION_H

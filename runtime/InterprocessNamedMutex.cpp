@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "platform/BusError.h"
 #include "platform/Text.h"
 #include "platform/Trace.h"
 
@@ -14,10 +15,28 @@ constexpr std::size_t kNameSize = 256;
 constexpr int kAttempts = 3;
 constexpr mode_t kMode = 0664;
 
-/// False where the file behind the semaphore was cut off: a touch would then be the end by SIGBUS.
-/// The system tells without one, it cannot read a path from there.
+/// False with errno where there is no semaphore, or where its file was emptied: a touch would then
+/// be the end by SIGBUS. The system tells without one, it cannot read a path from there.
 bool canBeTouched(const sem_t* semaphore) {
+    if (semaphore == nullptr) {
+        errno = EINVAL;
+        return false;
+    }
     return ::access(reinterpret_cast<const char*>(semaphore), F_OK) == 0 || errno != EFAULT;
+}
+
+/// Result of a semaphore call that does not wait; -1 with errno as above, also where the file is
+/// emptied in that very moment.
+int touch(sem_t* semaphore, int (*call)(sem_t*)) {
+    if (semaphore == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    int result = -1;
+    if (!platform::survivesBusError([&] { result = call(semaphore); })) {
+        errno = EFAULT;
+    }
+    return result;
 }
 
 /// Repeats a semaphore call while signals interrupt it, three times in all.
@@ -57,7 +76,8 @@ CInterprocessNamedMutex::~CInterprocessNamedMutex() {
 }
 
 bool CInterprocessNamedMutex::Lock() {
-    if (isUsable() && persistently([this] { return ::sem_wait(semaphore_); })) {
+    // Who empties the file while this waits could keep it waiting as well.
+    if (canBeTouched(semaphore_) && persistently([this] { return ::sem_wait(semaphore_); })) {
         return true;
     }
     platform::trace(true, "Error %d locking named mutex: %s\n", errno, name_.c_str());
@@ -65,25 +85,14 @@ bool CInterprocessNamedMutex::Lock() {
 }
 
 bool CInterprocessNamedMutex::Unlock() {
-    return isUsable() && persistently([this] { return ::sem_post(semaphore_); });
+    return persistently([this] { return touch(semaphore_, ::sem_post); });
 }
 
 int CInterprocessNamedMutex::tryAcquire() {
-    if (!isUsable()) {
-        return -1;
-    }
-    if (::sem_trywait(semaphore_) == 0) {
+    if (touch(semaphore_, ::sem_trywait) == 0) {
         return 1;
     }
     return errno == EAGAIN || errno == EINTR ? 0 : -1;
-}
-
-bool CInterprocessNamedMutex::isUsable() const {
-    if (semaphore_ == nullptr) {
-        errno = EINVAL;
-        return false;
-    }
-    return canBeTouched(semaphore_);
 }
 
 CAutoLock::CAutoLock(CInterprocessNamedMutex* m)

@@ -37,9 +37,6 @@ public:
     const std::string& name() const { return name_; }
 
 private:
-    /// False with errno when there is no semaphore to call, or its file was emptied.
-    bool isUsable() const;
-
     std::string name_;
     sem_t* semaphore_ = nullptr; // null: creation failed, or destroyed
 };

@@ -48,8 +48,12 @@ UniqueFd enterFolder(const UniqueFd& parent, const char* name) {
 UniqueFd openPlainFileAt(int directory, const char* path, int flags, mode_t mode,
                          struct stat& facts) {
     UniqueFd file = openFileAt(directory, path, flags, mode);
-    if (file.valid() && (::fstat(file.get(), &facts) != 0 || !S_ISREG(facts.st_mode))) {
+    if (file.valid() && ::fstat(file.get(), &facts) != 0) {
         file.reset();
+    }
+    if (file.valid() && !S_ISREG(facts.st_mode)) {
+        file.reset();
+        errno = EINVAL;
     }
     return file;
 }

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <utility>
 
+#include "platform/BusError.h"
 #include "platform/Process.h"
 #include "platform/UniqueFd.h"
 #include "platform/linux/Clock.h"
@@ -18,10 +19,9 @@ namespace {
 
 constexpr mode_t kSegmentMode = 0666;
 
-/// Maps the table for as long as it lives. A segment that is too short is never mapped: touching
-/// what lies beyond its end would kill the process. That another program shortens it in just that
-/// moment cannot be ruled out, so only what needs a compare-and-swap is done in the mapped table,
-/// and only where memory has been given to the segment before: a full file system gives none later.
+/// Maps the table for as long as it lives, unless the segment is too short. Another program may
+/// shorten it at any moment, and touching what lies beyond the end is a bus error: only what needs
+/// a compare-and-swap is done in the mapped table.
 class MappedTable {
 public:
     explicit MappedTable(const UniqueFd& segment) {
@@ -44,7 +44,16 @@ public:
     MappedTable(const MappedTable&) = delete;
     MappedTable& operator=(const MappedTable&) = delete;
 
-    HeartbeatTable* get() const { return table_; }
+    bool isMapped() const { return table_ != nullptr; }
+
+    /// Exchanges the pid of a slot of a mapped table if it still is `expected`. False when it is
+    /// not, or when nothing lies behind the mapping any more.
+    bool exchangePid(std::size_t index, std::int32_t expected, std::int32_t desired) const {
+        bool done = false;
+        const bool survived = survivesBusError(
+            [&] { done = table_->slots[index].pid.compare_exchange_strong(expected, desired); });
+        return survived && done;
+    }
 
 private:
     HeartbeatTable* table_ = nullptr;
@@ -135,19 +144,25 @@ const HeartbeatSlot* findSlot(const HeartbeatTable& table, pid_t pid) {
     return nullptr;
 }
 
+std::size_t offsetOf(std::size_t index) {
+    return offsetof(HeartbeatTable, slots) + index * sizeof(HeartbeatSlot);
+}
+
+/// Writes a beat of now into a slot, in this order: a check never sees a valid start time beside an
+/// older time.
+bool writeBeat(const UniqueFd& segment, std::size_t index, std::uint32_t startTime) {
+    const std::size_t offset = offsetOf(index);
+    return writeWord(segment, offset + offsetof(HeartbeatSlot, lastBeat), beatClock()) &&
+           writeWord(segment, offset + offsetof(HeartbeatSlot, startTime), startTime);
+}
+
 /// Refreshes the slot that `self` holds already; false when it holds none.
 bool refreshSlot(const UniqueFd& segment, pid_t self) {
     HeartbeatTable table = {};
     const HeartbeatSlot* const slot =
         copyTable(segment, table) && hasHeader(table) ? findSlot(table, self) : nullptr;
-    if (slot == nullptr) {
-        return false;
-    }
-    const auto index = static_cast<std::size_t>(slot - table.slots);
-    const std::size_t offset = offsetof(HeartbeatTable, slots) + index * sizeof *slot;
-    // In this order a check never sees a valid start time beside an older time.
-    return writeWord(segment, offset + offsetof(HeartbeatSlot, lastBeat), beatClock()) &&
-           writeWord(segment, offset + offsetof(HeartbeatSlot, startTime), startTimeOf(self));
+    return slot != nullptr &&
+           writeBeat(segment, static_cast<std::size_t>(slot - table.slots), startTimeOf(self));
 }
 
 /// The pid word of a slot that `pid` is claiming; and back. Defined for every value that a damaged
@@ -166,33 +181,51 @@ bool isAbandoned(const HeartbeatSlot& slot, pid_t holder) {
     return holder > 0 && !isSameStart(slot.startTime.load(), startTimeOf(pid));
 }
 
-/// Gives memory to the slot, see MappedTable, by writing its word that nobody uses.
+/// Gives memory to the slot by writing its word that nobody uses: a full file system gives none
+/// when the table is touched.
 bool backSlot(const UniqueFd& segment, std::size_t index) {
-    const std::size_t offset = offsetof(HeartbeatTable, slots) + index * sizeof(HeartbeatSlot);
-    return writeWord(segment, offset + offsetof(HeartbeatSlot, reserved), 0);
+    return writeWord(segment, offsetOf(index) + offsetof(HeartbeatSlot, reserved), 0);
 }
+
+/// Index of no slot.
+constexpr std::size_t kNoSlot = kHeartbeatSlots;
 
 /// Takes the first slot for which `isWanted(slot, holder)` holds in `copy`, and which is still so
-/// in `table`, for the claimant `pid`; null when there is none. The slot is then being claimed.
+/// in `table`, for the claimant `pid`; kNoSlot when there is none. The slot is then being claimed.
 template <typename Wanted>
-HeartbeatSlot* claimSlotIf(const UniqueFd& segment, const HeartbeatTable& copy,
-                           HeartbeatTable& table, pid_t pid, Wanted isWanted) {
+std::size_t claimSlotIf(const UniqueFd& segment, const HeartbeatTable& copy,
+                        const MappedTable& table, pid_t pid, Wanted isWanted) {
     for (std::size_t index = 0; index < kHeartbeatSlots; ++index) {
-        std::int32_t holder = copy.slots[index].pid.load();
+        const std::int32_t holder = copy.slots[index].pid.load();
         if (isWanted(copy.slots[index], holder) && backSlot(segment, index) &&
-            table.slots[index].pid.compare_exchange_strong(holder, claimMark(pid))) {
-            return &table.slots[index];
+            table.exchangePid(index, holder, claimMark(pid))) {
+            return index;
         }
     }
-    return nullptr;
+    return kNoSlot;
 }
 
-HeartbeatSlot* claimSlot(const UniqueFd& segment, const HeartbeatTable& copy, HeartbeatTable& table,
-                         pid_t pid) {
-    HeartbeatSlot* const free =
+std::size_t claimSlot(const UniqueFd& segment, const HeartbeatTable& copy, const MappedTable& table,
+                      pid_t pid) {
+    const std::size_t free =
         claimSlotIf(segment, copy, table, pid,
                     [](const HeartbeatSlot&, std::int32_t holder) { return holder == 0; });
-    return free != nullptr ? free : claimSlotIf(segment, copy, table, pid, isAbandoned);
+    return free != kNoSlot ? free : claimSlotIf(segment, copy, table, pid, isAbandoned);
+}
+
+/// Gives `self` a slot with a first beat, if there is one to be had.
+void takeSlot(const UniqueFd& segment, pid_t self) {
+    HeartbeatTable copy = {};
+    if (!copyTable(segment, copy) || !hasHeader(copy)) {
+        return;
+    }
+    const std::uint32_t startTime = startTimeOf(self); // Beforehand, so that a claim is short.
+    const MappedTable table(segment);
+    const std::size_t index = table.isMapped() ? claimSlot(segment, copy, table, self) : kNoSlot;
+    if (index != kNoSlot) {
+        const bool hasBeat = writeBeat(segment, index, startTime);
+        (void)table.exchangePid(index, claimMark(self), hasBeat ? self : 0); // The next beat may.
+    }
 }
 
 } // namespace
@@ -202,25 +235,9 @@ void HeartbeatRegistry::notify() const {
     settleSegment(segment);
     settleHeader(segment);
     const pid_t self = ::getpid();
-    if (refreshSlot(segment, self)) {
-        return;
+    if (!refreshSlot(segment, self)) {
+        takeSlot(segment, self);
     }
-    HeartbeatTable copy = {};
-    if (!copyTable(segment, copy) || !hasHeader(copy)) {
-        return;
-    }
-    const MappedTable mapping(segment);
-    if (mapping.get() == nullptr) {
-        return;
-    }
-    HeartbeatSlot* const slot = claimSlot(segment, copy, *mapping.get(), self);
-    if (slot == nullptr) {
-        return;
-    }
-    // In this order a check never sees a valid pid and start time beside an older time.
-    slot->lastBeat.store(beatClock());
-    slot->startTime.store(startTimeOf(self));
-    slot->pid.store(self);
 }
 
 int HeartbeatRegistry::check(pid_t pid, int expireSeconds) const {
@@ -245,14 +262,10 @@ void HeartbeatRegistry::cleanup(pid_t pid) const {
         findSlot(copy, holder) == nullptr) {
         return;
     }
-    const MappedTable mapping(segment);
-    if (mapping.get() == nullptr) {
-        return;
-    }
-    for (std::size_t index = 0; index < kHeartbeatSlots; ++index) {
+    const MappedTable table(segment);
+    for (std::size_t index = 0; index < kHeartbeatSlots && table.isMapped(); ++index) {
         if (copy.slots[index].pid.load() == holder) {
-            std::int32_t expected = holder;
-            mapping.get()->slots[index].pid.compare_exchange_strong(expected, 0);
+            (void)table.exchangePid(index, holder, 0); // Else it belongs to another by now.
         }
     }
 }

@@ -1,25 +1,25 @@
 // The published segments while other programs damage them, or take the memory away.
 
 #include <fcntl.h>
-#include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
-#include <cstdio>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "tests/system/PublishingSupport.h"
+#include "tests/system/FaultSupport.h"
 
 namespace systemtest {
 namespace {
 
 using PublishingDamage = PublishingTest;
 
-constexpr long kTmpfsMagic = 0x01021994;
+constexpr const char* kNoMemoryDisk = "/dev/shm is no memory disk here";
+constexpr const char* kHeartbeats = "/dev/shm/meter_heartbeat.shared";
 
 bool writeInto(const std::string& path, std::size_t offset, const std::string& bytes) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -63,20 +63,25 @@ TEST_F(PublishingDamage, NextCycleRepairsASegment) {
     expectServing();
 }
 
+/// What cannot be a segment; the names are free.
+constexpr Damage kObstacles[] = {
+    {"directory", "mkdir $S"},
+    {"full directory", "mkdir $S; : >$S/file"},
+    {"symbolic link", "echo precious >/tmp/target; ln -s /tmp/target $S"},
+    {"symbolic link to nothing", "rm -f /tmp/target; ln -s /tmp/target $S"},
+    {"pipe", "mkfifo $S"},
+};
+
+bool plant(const Damage& obstacle, const std::string& path) {
+    return runShell("S=" + path + "; rm -rf $S; " + obstacle.command);
+}
+
 TEST_F(PublishingDamage, MonitorGoesOnWhileSomethingElseHasTheName) {
-    constexpr Damage kObstacles[] = {
-        {"directory", "rm $S; mkdir $S"},
-        {"full directory", "rm $S; mkdir $S; : >$S/file"},
-        {"symbolic link", "rm $S; echo precious >/tmp/target; ln -s /tmp/target $S"},
-        {"symbolic link to nothing", "rm $S; rm -f /tmp/target; ln -s /tmp/target $S"},
-        {"pipe", "rm $S; mkfifo $S"},
-    };
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     for (const char* path : kSegmentPaths) {
         for (const Damage& obstacle : kObstacles) {
             const std::string what = std::string(path) + " " + obstacle.what;
-            whileTheMonitorStands(
-                [&] { EXPECT_TRUE(runShell(std::string("S=") + path + "; " + obstacle.command)); });
+            whileTheMonitorStands([&] { EXPECT_TRUE(plant(obstacle, path)); });
             const std::string target = readFile("/tmp/target");
             ASSERT_TRUE(letACycleGoBy()) << what;
             expectUnharmed(what);
@@ -115,6 +120,33 @@ TEST_F(PublishingDamage, SegmentsThatAreShortenedAllTheTime) {
     expectPublished("afterwards");
 }
 
+/// Without a slot, the monitor claims one in each turn of its loop, and a moment later the memory
+/// that it touches is gone.
+TEST_F(PublishingDamage, HeartbeatsThatAreClearedAndShortenedAllTheTime) {
+    constexpr std::size_t kHeader = 16;
+    constexpr int kMs = 8000;
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    std::string empty = readFile(kHeartbeats);
+    ASSERT_GT(empty.size(), kHeader);
+    std::fill(empty.begin() + kHeader, empty.end(), '\0');
+    std::atomic<bool> enough{false};
+    std::thread other([&] {
+        const int registry = ::open(kHeartbeats, O_RDWR | O_CLOEXEC);
+        while (!enough) {
+            (void)!::ftruncate(registry, 0);
+            (void)!::pwrite(registry, empty.data(), empty.size(), 0);
+        }
+        (void)::close(registry);
+    });
+    letPassesGoBy(kMs);
+    enough = true;
+    other.join();
+    expectUnharmed("meanwhile");
+    ASSERT_TRUE(letACycleGoBy());
+    expectPublished("afterwards");
+    EXPECT_NE(readFile(kHeartbeats), empty) << "it does not beat any more";
+}
+
 TEST_F(PublishingDamage, HealthWordOfAnotherProgramSurvives) {
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     const std::string neighbours = "\x5A\x5A";
@@ -139,44 +171,12 @@ TEST_F(PublishingDamage, HealthWordOfAnotherProgramSurvives) {
 
 // --- no memory left ------------------------------------------------------------------------------
 
-/// While it lives, /dev/shm has room for little; `fill` takes that too.
-class SmallMemory {
-public:
-    SmallMemory() { EXPECT_TRUE(runShell("mount -o remount,size=256k /dev/shm")); }
-    ~SmallMemory() {
-        release();
-        EXPECT_TRUE(runShell("mount -o remount,size=50% /dev/shm"));
-    }
-    SmallMemory(const SmallMemory&) = delete;
-    SmallMemory& operator=(const SmallMemory&) = delete;
-
-    static bool possible() {
-        struct statfs facts = {};
-        return ::statfs("/dev/shm", &facts) == 0 && facts.f_type == kTmpfsMagic;
-    }
-
-    static void fill() {
-        std::ofstream file(kFiller, std::ios::binary | std::ios::app);
-        const std::string block(1024, 'x');
-        while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
-        }
-        struct statfs facts = {};
-        EXPECT_TRUE(::statfs("/dev/shm", &facts) == 0 && facts.f_bavail == 0);
-    }
-
-    static void release() { (void)std::remove(kFiller); } // it may be gone
-
-private:
-    static constexpr const char* kFiller = "/dev/shm/filler";
-};
-
 TEST_F(PublishingDamage, NoMemoryForTheSegmentsAnyMore) {
-    if (!SmallMemory::possible()) {
-        GTEST_SKIP() << "/dev/shm is no memory of its own here";
-    }
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    SmallMemory memory;
-    memory.fill();
+    FullFolder memory("/dev/shm");
+    if (!memory.isFull()) {
+        GTEST_SKIP() << kNoMemoryDisk;
+    }
     ASSERT_TRUE(letACycleGoBy());
     expectPublished("while there is no more");
     whileTheMonitorStands([&] {
@@ -185,6 +185,7 @@ TEST_F(PublishingDamage, NoMemoryForTheSegmentsAnyMore) {
             EXPECT_EQ(::unlink(path), 0);
         }
         memory.fill();
+        EXPECT_TRUE(memory.isFull());
     });
     for (int cycle = 0; cycle < 3; ++cycle) {
         ASSERT_TRUE(letACycleGoBy());
@@ -192,17 +193,24 @@ TEST_F(PublishingDamage, NoMemoryForTheSegmentsAnyMore) {
     }
     expectServing();
     EXPECT_EQ(textAt(systemSegment(), 64, 32), "") << "there was memory";
+    for (const char* name : {"/meter_usr7_data.shared", "/meter_usr16_data.shared"}) {
+        EXPECT_EQ(countLog(3, faultLine(name, ENOSPC)), 1U) << name;
+        EXPECT_EQ(countLog(6, recoveryLine(name)), 0U) << name;
+    }
     memory.release();
     ASSERT_TRUE(letACycleGoBy());
     expectPublished("with memory again");
+    for (const char* name : {"/meter_usr7_data.shared", "/meter_usr16_data.shared"}) {
+        EXPECT_EQ(countLog(3, faultLine(name, ENOSPC)), 1U) << name;
+        EXPECT_EQ(countLog(6, recoveryLine(name)), 1U) << name;
+    }
 }
 
 TEST_F(PublishingDamage, NoMemoryForTheSegmentsAtTheStart) {
-    if (!SmallMemory::possible()) {
-        GTEST_SKIP() << "/dev/shm is no memory of its own here";
+    FullFolder memory("/dev/shm");
+    if (!memory.isFull()) {
+        GTEST_SKIP() << kNoMemoryDisk;
     }
-    SmallMemory memory;
-    memory.fill();
     ASSERT_TRUE(startPublisher()) << monitor_.waitForEnd(0).text();
     monitorPid_ = monitor_.pid();
     request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
@@ -215,35 +223,42 @@ TEST_F(PublishingDamage, NoMemoryForTheSegmentsAtTheStart) {
 }
 
 TEST_F(PublishingDamage, NoMemoryForTheHeartbeatsAnyMore) {
-    if (!SmallMemory::possible()) {
-        GTEST_SKIP() << "/dev/shm is no memory of its own here";
-    }
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
-    SmallMemory memory;
+    FullFolder memory("/dev/shm");
+    if (!memory.isFull()) {
+        GTEST_SKIP() << kNoMemoryDisk;
+    }
     whileTheMonitorStands([&] {
-        EXPECT_EQ(::unlink("/dev/shm/meter_heartbeat.shared"), 0);
+        EXPECT_EQ(::unlink(kHeartbeats), 0);
         memory.fill();
+        EXPECT_TRUE(memory.isFull());
     });
     ASSERT_TRUE(letACycleGoBy()) << monitor_.waitForEnd(0).text();
     expectPublished("without heartbeats");
     memory.release();
-    EXPECT_TRUE(duringPasses([] { return !readFile("/dev/shm/meter_heartbeat.shared").empty(); }));
+    EXPECT_TRUE(duringPasses([] { return !readFile(kHeartbeats).empty(); }));
     expectServing();
 }
 
 TEST_F(PublishingDamage, SomethingElseHasTheNamesAtTheStart) {
-    for (const char* path : kSegmentPaths) {
-        ASSERT_TRUE(makeDirectories(path));
+    for (const Damage& obstacle : kObstacles) {
+        for (const char* path : kSegmentPaths) {
+            ASSERT_TRUE(plant(obstacle, path)) << obstacle.what;
+        }
+        const std::string target = readFile("/tmp/target");
+        ASSERT_TRUE(startPublisher()) << obstacle.what;
+        monitorPid_ = monitor_.pid();
+        request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
+        pid_ = launchUntilRunning(request_);
+        EXPECT_EQ(readFile("/tmp/target"), target) << obstacle.what;
+        for (const char* path : kSegmentPaths) {
+            ASSERT_TRUE(runShell(std::string("rm -r ") + path)) << obstacle.what;
+        }
+        ASSERT_TRUE(letACycleGoBy()) << obstacle.what;
+        expectPublished(obstacle.what);
+        EXPECT_EQ(monitor_.terminate().text(), "status 0") << obstacle.what;
+        ASSERT_TRUE(killAndWait(pid_)) << obstacle.what;
     }
-    ASSERT_TRUE(startPublisher());
-    monitorPid_ = monitor_.pid();
-    request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
-    pid_ = launchUntilRunning(request_);
-    for (const char* path : kSegmentPaths) {
-        ASSERT_EQ(::rmdir(path), 0);
-    }
-    ASSERT_TRUE(letACycleGoBy());
-    expectPublished("afterwards");
 }
 
 } // namespace

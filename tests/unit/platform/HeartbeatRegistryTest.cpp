@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <random>
 #include <string>
@@ -440,6 +441,45 @@ TEST_F(Heartbeat, SurvivesASegmentThatIsShortenedAllTheTime) {
                   return 0;
               }),
               0);
+}
+
+/// A process without a slot claims one: a moment later the memory is gone.
+TEST_F(Heartbeat, SurvivesASegmentThatIsShortenedWhileSlotsAreClaimedAndFreed) {
+    constexpr std::int32_t kFreed = 4711;
+    constexpr std::uint32_t kMs = 2000;
+    registry_.notify();
+    registry_.cleanup(-1);
+    writeSlot(1, {kFreed, 0, 0, 0});
+    const std::string image = bytes();
+    const ChildGuard vandal(startChild([&] {
+        const platform::UniqueFd segment(::open(file().c_str(), O_RDWR | O_CLOEXEC));
+        for (;;) {
+            (void)!::ftruncate(segment.get(), 0);
+            (void)!::pwrite(segment.get(), image.data(), image.size(), 0);
+        }
+        return 0;
+    }));
+    EXPECT_EQ(runInChild([&] {
+                  for (const std::uint32_t begin = nowMs(); nowMs() - begin < kMs;) {
+                      registry_.notify();
+                      registry_.cleanup(kFreed);
+                  }
+                  return 0;
+              }),
+              0);
+}
+
+TEST_F(Heartbeat, LeavesTheActionForBusErrors) {
+    EXPECT_EQ(runInChild([&] {
+                  struct sigaction action = {};
+                  action.sa_handler = [](int) { ::_exit(3); };
+                  ::sigaction(SIGBUS, &action, nullptr);
+                  registry_.notify();
+                  registry_.cleanup(-1);
+                  ::raise(SIGBUS);
+                  return 0;
+              }),
+              3);
 }
 
 TEST_F(Heartbeat, KeepsOneSlotWhenOnlyTheMagicNumberWasLost) {

@@ -25,6 +25,7 @@ namespace {
 using namespace testsupport;
 using platform::openFile;
 using platform::openFolderOf;
+using platform::openNamedFile;
 
 constexpr uid_t kAnotherUser = 65534;
 const dev_t kZeroDevice = makedev(1, 5);
@@ -103,6 +104,28 @@ TEST_F(Planted, LinkOfOnesOwnIsFollowed) {
     EXPECT_FALSE(openFile(at("link").c_str(), O_RDONLY | O_NOFOLLOW).valid());
     EXPECT_TRUE(openFile(at("dangling").c_str(), kCreateForWriting, 0600).valid());
     EXPECT_TRUE(exists(at("created")));
+}
+
+/// Without fs.protected_hardlinks any user can give a link of root's another name.
+TEST_F(Planted, LinkWithASecondNameIsNotFollowed) {
+    ASSERT_EQ(::symlink("victim", at("link").c_str()), 0);
+    ASSERT_EQ(::link(at("link").c_str(), at("second").c_str()), 0);
+    for (const char* name : {"link", "second"}) {
+        errno = 0;
+        EXPECT_FALSE(openFile(at(name).c_str(), O_RDONLY).valid()) << name;
+        EXPECT_EQ(errno, ELOOP) << name;
+    }
+    ASSERT_EQ(::chmod(directory_.path().c_str(), 0775), 0);
+    EXPECT_TRUE(openFile(at("second").c_str(), O_RDONLY).valid()) << "it can only be its owner's";
+}
+
+TEST_F(Planted, LinkToAFolderWithASecondNameLeadsNoPidFileElsewhere) {
+    ASSERT_EQ(::mkdir(at("elsewhere").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("elsewhere", at("link").c_str()), 0);
+    ASSERT_EQ(writePidFile(5, "link/app.pid"), 0);
+    ASSERT_EQ(::link(at("link").c_str(), at("pid").c_str()), 0);
+    EXPECT_EQ(writePidFile(6, "pid/app.pid"), -1);
+    EXPECT_FALSE(exists(at("elsewhere/app.pid.6")));
 }
 
 TEST_F(Planted, LinkConfirmsNoPidFile) {
@@ -207,6 +230,84 @@ TEST_F(Planted, DeviceIsNeitherReadNorWritten) {
 TEST_F(Planted, SecondNameOfAnotherFileTakesNoPidFile) {
     ASSERT_EQ(::link(victim_.c_str(), at("app.pid.3").c_str()), 0);
     EXPECT_EQ(writePidFile(3, "app.pid"), -1);
+    EXPECT_EQ(errno, EMLINK);
+}
+
+// --- what the operator names ---------------------------------------------------------------------
+
+/// Flags with which the monitor opens what its operator names.
+constexpr int kNamedFlags[] = {O_RDONLY, O_WRONLY | O_CREAT | O_APPEND,
+                               O_WRONLY | O_CREAT | O_TRUNC};
+
+TEST_F(Planted, PlainFileThatIsNamedIsOpened) {
+    writeText(at("named"), "text");
+    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
+    EXPECT_TRUE(openNamedFile(at("named").c_str(), kNamedFlags[1], 0640).valid());
+    EXPECT_EQ(readText(at("named")), "text");
+    EXPECT_TRUE(openNamedFile(at("named").c_str(), kNamedFlags[2], 0640).valid());
+    EXPECT_EQ(readText(at("named")), "");
+    EXPECT_TRUE(openNamedFile(at("new").c_str(), kNamedFlags[2], 0640).valid());
+    EXPECT_EQ(modeOf(at("new")), 0640U);
+    EXPECT_FALSE(openNamedFile(at("missing").c_str(), O_RDONLY).valid());
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Planted, SecondNameOfAnotherFileIsNotWhatWasNamed) {
+    ASSERT_EQ(::link(victim_.c_str(), at("named").c_str()), 0);
+    for (const mode_t mode : {0777U, 01777U}) {
+        ASSERT_EQ(::chmod(directory_.path().c_str(), mode), 0);
+        for (const int flags : kNamedFlags) {
+            errno = 0;
+            EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
+            EXPECT_EQ(errno, EACCES) << flags;
+        }
+    }
+    ASSERT_EQ(::chmod(directory_.path().c_str(), 0775), 0);
+    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
+}
+
+TEST_F(Planted, FifoIsNotWhatWasNamed) {
+    ASSERT_EQ(::mkfifo(at("named").c_str(), 0600), 0);
+    const platform::UniqueFd both(::open(at("named").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    for (const int flags : kNamedFlags) {
+        errno = 0;
+        EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
+        EXPECT_EQ(errno, EACCES) << flags;
+    }
+    ASSERT_EQ(::chmod(directory_.path().c_str(), 0775), 0);
+    for (const int flags : kNamedFlags) {
+        EXPECT_TRUE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
+    }
+}
+
+TEST_F(Planted, DeviceIsNotWhatWasNamed) {
+    if (!plantDevice("named")) {
+        GTEST_SKIP() << "takes root";
+    }
+    for (const int flags : kNamedFlags) {
+        EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
+    }
+    EXPECT_TRUE(openNamedFile("/dev/zero", O_RDONLY).valid());
+}
+
+TEST_F(Planted, LinkIsNotWhatWasNamed) {
+    if (!plantLink("victim", "named")) {
+        GTEST_SKIP() << "takes root";
+    }
+    for (const int flags : kNamedFlags) {
+        errno = 0;
+        EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
+        EXPECT_EQ(errno, ELOOP) << flags;
+    }
+}
+
+TEST_F(Planted, LinkOfOnesOwnLeadsToAPlainFileOnly) {
+    writeText(at("target"), "text");
+    ASSERT_EQ(::symlink("target", at("named").c_str()), 0);
+    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
+    ASSERT_EQ(::link(victim_.c_str(), at("other").c_str()), 0);
+    ASSERT_EQ(::symlink("other", at("link").c_str()), 0);
+    EXPECT_FALSE(openNamedFile(at("link").c_str(), kNamedFlags[2], 0600).valid());
 }
 
 /// A segment's name of its own in /dev/shm, and a private file of another program there.

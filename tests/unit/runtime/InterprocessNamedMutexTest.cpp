@@ -246,6 +246,26 @@ TEST_F(InterprocessNamedMutexTest, EmptiedFileFailsEveryCall) {
     EXPECT_EQ(world().consoleText(), "Error 14 locking named mutex: " + name_ + "\n");
 }
 
+TEST_F(InterprocessNamedMutexTest, FileThatIsEmptiedAllTheTimeIsSurvived) {
+    CInterprocessNamedMutex mutex(name_.c_str());
+    std::atomic<bool> enough{false};
+    std::thread other([&] {
+        while (!enough) {
+            (void)!::truncate(file_.c_str(), 0);
+            (void)!::truncate(file_.c_str(), sizeof(sem_t));
+        }
+    });
+    int failures = 0;
+    for (int round = 0; round < 20000; ++round) {
+        failures += mutex.Unlock() ? 0 : 1;
+        failures += mutex.tryAcquire() == -1 ? 1 : 0;
+    }
+    enough = true;
+    other.join();
+    EXPECT_GT(failures, 0) << "it was never touched while it was empty";
+    EXPECT_EQ(world().consoleText(), "");
+}
+
 TEST_F(InterprocessNamedMutexTest, TryAcquireWithoutHandleFails) {
     CInterprocessNamedMutex mutex(longName().c_str());
     EXPECT_EQ(mutex.tryAcquire(), -1);

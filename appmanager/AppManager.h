@@ -32,15 +32,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <deque>
 #include <vector>
 
+#include "appmanager/RequestQueue.h"
 #include "platform/Process.h"
 #include "platform/ProcessScan.h"
 #include "platform/UniqueFd.h"
 #include "records/appinfo.h"
 #include "records/reqcmd.h"
 #include "server/AppServer.h"
+#include "server/FaultNotice.h"
 #include "status/AppStatusUpdate.h"
 
 /// The registry, in registration order. Guarded by `AppManager::app_lock`.
@@ -90,7 +91,8 @@ public:
 
     // --- intake: requests on their way to the command thread (AppManagerIntake.cpp) ------------
 
-    /// Queues a copy of `request` and wakes the command thread. Any thread. Returns 0.
+    /// Queues a copy of `request` and wakes the command thread; where there is no memory for it, it
+    /// is logged and dropped. Any thread. Returns 0.
     int processRequest(const reqcmd& request);
 
     /// Wakes the command thread. Returns the result of unlocking `queue_lock`.
@@ -113,8 +115,10 @@ public:
     /// time in seconds.
     int prepareAppInfo(const reqcmd& request, appinfo& info);
 
-    /// Prepares `info`, launches it and appends it to the registry. Returns the launch result;
-    /// nothing is added unless that is 0. Takes `app_lock` for the append only.
+    /// Prepares `info`, launches it and appends it to the registry. Returns the launch result, -3
+    /// when there is no memory to register it, when nothing is launched; nothing is added unless
+    /// that is 0. Takes `app_lock` for the append only, and before the launch where the registry
+    /// was full.
     int startApp(const reqcmd& request, appinfo& info);
 
     /// Prepares `info`, then stops and removes every entry of the request's name. Returns the last
@@ -218,7 +222,8 @@ public:
     /// `app_lock` for the walk, its waits included. Returns 0.
     int checkStatus(bool bErasePreloadApplistEntries);
 
-    /// Publishes the registry. Returns the result of unlocking `app_lock`.
+    /// Publishes the registry, and logs when that begins to fail and when it works again. Returns
+    /// the result of unlocking `app_lock`.
     int updateStatus();
 
     // --- liveness of one application (AppManagerLiveness.cpp), main thread only ------------------
@@ -284,6 +289,7 @@ private:
     static const RestartMany kRestartAllBut;
     static const RestartMany kRestartPortApps;
 
+    bool makeRoomInRegistry();
     int executeStart(const reqcmd& request);
     int executeStop(const reqcmd& request, std::time_t now);
     int executeRestart(const reqcmd& request);
@@ -341,7 +347,7 @@ private:
 
     std::atomic<bool> shutting_down{false};
     std::atomic<pthread_t> commandThread_{0}; // 0: none
-    std::deque<reqcmd> reqlist;               // guarded by queue_lock
+    RequestQueue reqlist;                     // guarded by queue_lock
     pthread_cond_t queue_cond;                // paired with queue_lock
     pthread_mutex_t queue_lock;
     pthread_mutex_t app_lock;
@@ -349,10 +355,16 @@ private:
     bool reboot_requested = false;          // main thread only
     std::int32_t last_heartbeat_result = 3; // main thread only
     AppStatusUpdate statusUpdate_;
+    FaultNotice systemSegmentNotice_{kSystemSegmentName};           // main thread only
+    FaultNotice applicationSegmentNotice_{kApplicationSegmentName}; // main thread only
 
     /// Filled by Start, Stop and Restart, and read by the whole-list restarts. Command thread only.
     /// Deliberate: one record for all requests, so those copy what the last single request left.
     appinfo workRecord_{};
+
+    /// The registry takes one more entry without growing. Command thread only; others only take
+    /// entries away, and what is adopted at the start leaves room.
+    bool registryHasRoom_ = true;
 
     std::atomic<bool> commandThreadAlive_{false};
     bool locksDestroyed_ = false; // main thread only

@@ -7,6 +7,7 @@
 
 #include "appmanager/AppManager.h"
 #include "appmanager/DateText.h"
+#include "platform/Memory.h"
 #include "platform/MutexGuard.h"
 #include "platform/Settings.h"
 #include "platform/Text.h"
@@ -15,6 +16,9 @@
 #include "records/codes.h"
 
 namespace {
+
+/// How many entries the registry grows by.
+constexpr std::size_t kRegistryGrowth = 128;
 
 /// The one application that Stop_All_But spares.
 constexpr std::string_view kSecurityServer = "security_server";
@@ -182,14 +186,33 @@ int AppManager::prepareAppInfo(const reqcmd& request, appinfo& info) {
 
 int AppManager::startApp(const reqcmd& request, appinfo& info) {
     (void)prepareAppInfo(request, info);
-    const int result = start_process(info);
+    // Beforehand: what is launched and cannot be registered would run unsupervised.
+    const bool hasRoom = registryHasRoom_ || makeRoomInRegistry();
+    const int result = hasRoom ? start_process(info) : kResultStartFailed;
     if (result != 0) {
         platform::trace(verbose >= 2, "startApp failed for %s\n", info.name);
         return result;
     }
     const platform::MutexGuard lock(app_lock);
     applist.push_back(info);
+    registryHasRoom_ = applist.size() < applist.capacity();
     return 0;
+}
+
+/// Lets the registry grow where it is full. False, and a line in the log, when there is no memory
+/// for that.
+bool AppManager::makeRoomInRegistry() {
+    const platform::MutexGuard lock(app_lock);
+    if (applist.size() < applist.capacity()) {
+        return true;
+    }
+    const std::size_t capacity = applist.capacity() + kRegistryGrowth;
+    if (!platform::memoryIsLeft(capacity * sizeof(appinfo))) {
+        writeLog(kLogError, "startApp: no memory for more than %zu applications\n", applist.size());
+        return false;
+    }
+    applist.reserve(capacity);
+    return true;
 }
 
 int AppManager::stopApp(const reqcmd& request, appinfo& info) {

@@ -31,13 +31,19 @@ private:
 } // namespace
 
 int AppManager::processRequest(const reqcmd& request) {
+    bool isQueued = false;
     {
         const platform::MutexGuard lock(queue_lock);
-        reqlist.push_back(request);
-        platform::trace(verbose > 7, "processRequest(cmd=%.1024s)\n", request.cmd);
+        isQueued = reqlist.push_back(request);
+        platform::trace(isQueued && verbose > 7, "processRequest(cmd=%.1024s)\n", request.cmd);
     }
-    writeLog(kLogDebug, "processRequest: action=%d name=%.64s, cmd=%.1024s\n", request.action,
-             request.name, request.cmd);
+    if (isQueued) {
+        writeLog(kLogDebug, "processRequest: action=%d name=%.64s, cmd=%.1024s\n", request.action,
+                 request.name, request.cmd);
+    } else {
+        writeLog(kLogError, "processRequest: no memory for action=%d name=%.64s\n", request.action,
+                 request.name);
+    }
     (void)notify(); // A request that could not be announced waits for the next one.
     return 0;
 }

@@ -22,10 +22,10 @@ constexpr int kOpenAttempts = 3;
 constexpr mode_t kFileMode = 0660;
 constexpr int kHandOverPauseMs = 1000;
 
-/// Memory that a long file leaves for the rest of the monitor, and how many records are read
-/// between two looks whether it is still there: fewer than fit into it.
-constexpr std::size_t kMemoryReserve = 65536;
+/// How many records are read between two looks whether there is memory left: fewer than fit into
+/// the reserve.
 constexpr int kRecordsPerLook = 32;
+static_assert(kRecordsPerLook * sizeof(reqcmd) < platform::kMemoryReserve);
 
 /// Records of one file that are replayed: a source without end must not fill the memory. At two
 /// seconds each they take a day and a half.
@@ -36,7 +36,7 @@ constexpr int kMostRecords = 65536;
 platform::UniqueFd openPersistently(const char* path, int flags) {
     platform::UniqueFd file;
     for (int attempt = 0; attempt < kOpenAttempts && !file.valid(); ++attempt) {
-        file = platform::openFile(path, flags, kFileMode);
+        file = platform::openNamedFile(path, flags, kFileMode);
         if (!file.valid()) {
             const int error = errno;
             platform::yieldProcessor();
@@ -50,13 +50,9 @@ bool readRecord(int file, reqcmd& record) {
     return platform::readFully(file, &record, sizeof record) == static_cast<ssize_t>(sizeof record);
 }
 
-/// Whether a queue of so many records may grow. Looked at beforehand, because where there is no
-/// memory the queue would end the monitor.
-bool memoryIsLeft(std::size_t records) {
-    const std::size_t doubledTable = records * 4 * sizeof(void*);
-    void* const block = platform::allocateMemory(kMemoryReserve + doubledTable);
-    platform::releaseMemory(block);
-    return block != nullptr;
+/// Whether a queue of so many records may grow, its table, which then doubles, included.
+bool mayGrow(std::size_t records) {
+    return platform::memoryIsLeft(records * 4 * sizeof(void*));
 }
 
 /// Sleeps one second unless the monitor is shut down; false when it is shut down by then.
@@ -118,7 +114,7 @@ int readAppConfigurationFileList(const char* path, long /*unused*/, std::deque<r
     reqcmd record;
     for (int count = 0; count < kMostRecords && readRecord(file.get(), record); ++count) {
         platform::admitCancellation(); // Nothing bounds the length of a file.
-        if (count % kRecordsPerLook == 0 && !memoryIsLeft(queue.size())) {
+        if (count % kRecordsPerLook == 0 && !mayGrow(queue.size())) {
             platform::trace(true, "Error %d reading %s after %d requests\n", ENOMEM, path, count);
             break;
         }

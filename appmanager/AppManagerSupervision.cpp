@@ -185,5 +185,8 @@ int AppManager::updateStatus() {
     if (lock.held()) {
         (void)statusUpdate_.updateUserShm(applist); // Always 0.
     }
-    return lock.release();
+    const int result = lock.release();
+    systemSegmentNotice_.update(*this, statusUpdate_.systemSegmentError());
+    applicationSegmentNotice_.update(*this, statusUpdate_.applicationSegmentError());
+    return result;
 }

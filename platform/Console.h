@@ -3,7 +3,7 @@
 #ifndef OVARD_PLATFORM_CONSOLE_H
 #define OVARD_PLATFORM_CONSOLE_H
 
-#include <string>
+#include <cstddef>
 #include <string_view>
 
 namespace platform {
@@ -14,10 +14,12 @@ namespace platform {
 /// one call stay together up to 4096 bytes.
 void printConsole(std::string_view text);
 
-/// As printConsole, followed by a line end.
-inline void printConsoleLine(std::string text) {
-    text += '\n';
-    printConsole(text);
+/// As printConsole, followed by a line end. At most 1023 characters, the rest is cut.
+inline void printConsoleLine(std::string_view text) {
+    char line[1024];
+    const std::size_t length = text.copy(line, sizeof line - 1);
+    line[length] = '\n';
+    printConsole({line, length + 1});
 }
 
 /// What perror does, without its shared stream: "TEXT: ERRNO TEXT" and a line end on standard

@@ -34,10 +34,12 @@ int write_zor_log(const zor_log& handle, int level, const char* text, int reserv
 /// Closes the log and clears the handle. Returns 0; -1 on a handle never opened.
 int close_zor_log(zor_log* handle);
 
-/// Appends "YYYY-MM-DD HH:MM:SS.mmm TAG: TEXT\n" (UTC, `time`) to /var/log/meter_events.log with a
-/// single write; mode 0644 whatever the umask; at 1 MiB the file is renamed to
-/// meter_events.log.1. Never follows a symbolic link. Returns 0, or -1 when nothing was written,
-/// which is never fatal. Any thread; async-signal-safe.
+/// The instrument's event log.
+inline constexpr char kEventLogPath[] = "/var/log/meter_events.log";
+
+/// Appends "YYYY-MM-DD HH:MM:SS.mmm TAG: TEXT\n" (UTC, `time`) to kEventLogPath with a single
+/// write; mode 0644 whatever the umask; at 1 MiB the file is renamed to meter_events.log.1. Follows
+/// no link. 0, or -1 when nothing was written, which is never fatal. Any thread; async-signal-safe.
 int write_system_log(const char* tag, const zortime8b& time, const char* text);
 
 #endif // OVARD_PLATFORM_LOG_H

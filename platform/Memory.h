@@ -19,6 +19,17 @@ char* duplicateText(const char* text);
 /// free; null is fine.
 void releaseMemory(void* block);
 
+/// What something that grows has to leave for the rest of the monitor, in bytes.
+inline constexpr std::size_t kMemoryReserve = 65536;
+
+/// Whether there are `size` bytes in one piece, and the reserve besides. Looked at before a
+/// container grows: where there is no memory its exception would end the monitor.
+inline bool memoryIsLeft(std::size_t size) {
+    void* const block = allocateMemory(kMemoryReserve + size);
+    releaseMemory(block);
+    return block != nullptr;
+}
+
 } // namespace platform
 
 #endif // OVARD_PLATFORM_MEMORY_H

@@ -23,7 +23,9 @@ int createTimer(timer_t* timer, int signal, void* value);
 int armTimer(timer_t timer, int seconds);
 int deleteTimer(timer_t timer);
 
-/// Opens "/dev/watchdog" for reading and writing, close-on-exec. Async-signal-safe.
+inline constexpr char kWatchdogPath[] = "/dev/watchdog";
+
+/// Opens the watchdog device for reading and writing, close-on-exec. Async-signal-safe.
 int openWatchdogDevice();
 
 /// fsync. Async-signal-safe.

@@ -75,6 +75,19 @@ void restoreSignalMask(const void* savedMask);
 int removeFile(const char* path);
 bool pathExists(const char* path);
 
+/// What tells a file from all others that are there at the same time. Both 0: there is none.
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t number = 0;
+};
+
+inline bool operator==(const FileIdentity& left, const FileIdentity& right) {
+    return left.device == right.device && left.number == right.number;
+}
+
+/// Identity of what has that name: of a symbolic link itself, not of what it leads to.
+FileIdentity identifyFile(const char* path);
+
 // --- the machine -------------------------------------------------------------------------------
 
 /// sync.

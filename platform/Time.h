@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <ctime>
-#include <string>
 
 /// The instrument's time: signed 64-bit milliseconds since the epoch, UTC, stored big-endian on
 /// every machine.
@@ -38,8 +37,14 @@ std::time_t currentTime();
 /// Milliseconds of the monotonic clock; for measuring spans.
 std::int64_t monotonicMilliseconds();
 
-/// Local time of `t` as text, in the format of ctime without its line feed, for console traces.
-std::string localTimeText(std::time_t t);
+/// A time as console traces show it.
+struct TimeText {
+    char text[64] = "";
+    const char* c_str() const { return text; }
+};
+
+/// Local time of `t`, in the format of ctime without its line feed; empty where it has none.
+TimeText localTimeText(std::time_t t);
 
 /// Sleeps for the whole span; signals only interrupt it for as long as their handlers run.
 /// Two exceptions: on the thread that called watchForTermination it ends early once such a signal

@@ -16,6 +16,7 @@ struct sigaction savedSigAction_SIGCONT;
 struct sigaction saved_sa;
 timer_t timerid = kNoTimer;
 std::atomic<std::int32_t> wdog_fd{-1};
+std::atomic<int> g_watchdogError{0};
 std::atomic<std::uint32_t> thread_heartbeat_counter{0};
 std::atomic<std::int32_t> detect_heartbeat{0};
 

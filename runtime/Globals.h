@@ -58,6 +58,10 @@ extern timer_t timerid;
 /// The watchdog device; -1 while closed. Shared with the timer's handler.
 extern std::atomic<std::int32_t> wdog_fd;
 
+/// Errno of the last feeding of the watchdog, 0 when it worked or when there was none yet. Written
+/// by the timer's handler.
+extern std::atomic<int> g_watchdogError;
+
 /// Ticks of the timer since the main loop last completed a turn. Shared with the timer's handler.
 extern std::atomic<std::uint32_t> thread_heartbeat_counter;
 

@@ -2,6 +2,7 @@
 
 #include "platform/Heartbeat.h"
 #include "platform/Settings.h"
+#include "platform/SystemEvent.h"
 #include "platform/Time.h"
 #include "platform/Trace.h"
 #include "runtime/Footprint.h"
@@ -43,10 +44,17 @@ void MainLoop::turn() {
     heartbeat_notify();
     serveClient();
     checkStatusWhenDue();
+    reportFaults();
     if (initWatchDog) {
         reportWatchdogEvents();
         thread_heartbeat_counter = 0;
     }
+}
+
+/// Tells of what has begun to fail, and of what works again, elsewhere than in the publishing.
+void MainLoop::reportFaults() {
+    eventLogNotice_.update(manager_, platform::g_eventLogError);
+    watchdogNotice_.update(manager_, g_watchdogError);
 }
 
 void MainLoop::serveClient() {

@@ -5,10 +5,13 @@
 
 #include <cstdint>
 #include <ctime>
-#include <string>
 
 #include "appmanager/AppManager.h"
+#include "platform/Log.h"
+#include "platform/Signals.h"
+#include "platform/Time.h"
 #include "records/reqcmd.h"
+#include "server/FaultNotice.h"
 
 /// Main thread only. A turn without a client takes about 2.1 seconds.
 class MainLoop {
@@ -21,6 +24,7 @@ public:
 
 private:
     void turn();
+    void reportFaults();
     void serveClient();
     void checkStatusWhenDue();
     bool statusCheckIsDue() const;
@@ -31,7 +35,10 @@ private:
     const std::time_t start_;
     std::time_t lastCheck_;
     std::time_t now_ = 0;
-    std::string timestamp_; // for traces; empty until the first one
+    platform::TimeText timestamp_; // for traces; empty until the first one
+
+    FaultNotice eventLogNotice_{kEventLogPath};
+    FaultNotice watchdogNotice_{platform::kWatchdogPath};
 
     /// Deliberate: reused for every request and never cleared between them.
     reqcmd request_{};

@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "platform/Console.h"
+#include "platform/FailureError.h"
 #include "platform/Settings.h"
 #include "platform/Signals.h"
 #include "platform/System.h"
@@ -139,7 +140,10 @@ bool openWatchdog() {
 }
 
 void feedWatchdog() {
+    errno = 0;
     const auto result = static_cast<int>(platform::writeDescriptor(wdog_fd, "w", 1));
+    // Deliberate: a device that cannot be written is kept and tried again; the main loop tells.
+    g_watchdogError = result == 1 ? 0 : platform::failureError();
     (void)platform::flushDescriptor(wdog_fd); // Devices without it are fed all the same.
     g_watchdogKickResults[g_watchdogKicks++ % std::size(g_watchdogKickResults)] = result;
 }

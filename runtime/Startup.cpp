@@ -6,11 +6,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 
 #include "appmanager/RequestFiles.h"
 #include "platform/Console.h"
+#include "platform/FailureError.h"
 #include "platform/Network.h"
 #include "platform/Process.h"
 #include "platform/Settings.h"
@@ -27,6 +29,7 @@
 #include "runtime/Shutdown.h"
 #include "runtime/Signals.h"
 #include "runtime/VersionInformation.h"
+#include "server/FaultNotice.h"
 
 namespace {
 
@@ -110,8 +113,11 @@ void writePidFile() {
     const std::string path =
         std::string("/tmp/pid") + (root == nullptr ? "" : root) + "/home/kelvo/root/ovard.pid";
     int pid = platform::currentProcessId();
-    (void)set_pid_file_version(&pid, path.c_str(), kPidFileFlags, version); // Never fatal.
+    errno = 0;
+    const bool isWritten = set_pid_file_version(&pid, path.c_str(), kPidFileFlags, version) == 0;
+    const int error = isWritten ? 0 : platform::failureError();
     pidfile = path + '.' + platform::formatText(kPidSuffixSize, "%d", pid);
+    FaultNotice(pidfile.c_str()).update(*appmgr, error); // Never fatal.
 }
 
 void startRequestFileReplay() {

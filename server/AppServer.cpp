@@ -100,16 +100,17 @@ int AppServer::openListeningSocket() {
     if (platform::allowAddressReuse(listeningSocket_) != 0) {
         failSetUp("setsockopt error", "setsockopt error, exit");
     }
-    if (bindListeningSocket() != 0) {
+    if (bindToPath(listeningSocket_) != 0) {
         failSetUp("bind error", "bind error, exit");
     }
     if (platform::listenOnSocket(listeningSocket_, kBacklog) != 0) {
         failSetUp("listen error", "listen error, exit");
     }
+    socketFile_ = platform::identifyFile(kSocketPath);
     return 0;
 }
 
-int AppServer::bindListeningSocket() {
+int AppServer::bindToPath(int fd) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     platform::copyToField(address.sun_path, kSocketPath);
@@ -118,9 +119,44 @@ int AppServer::bindListeningSocket() {
         if (attempt > 0) {
             platform::yieldProcessor();
         }
-        result = platform::bindSocket(listeningSocket_, address);
+        result = platform::bindSocket(fd, address);
     }
     return result;
+}
+
+/// Somebody may have removed the socket file, put another one there, or mounted another folder over
+/// it: then nobody can connect. What is there instead is replaced, as at the start. The open socket
+/// keeps its inode, so that no other file can have its identity.
+void AppServer::keepReachable() {
+    const bool isThere = platform::identifyFile(kSocketPath) == socketFile_;
+    if (isThere && isReachable_) {
+        return;
+    }
+    if (isReachable_) {
+        isReachable_ = false;
+        writeLog(kLogError, "%s is not the control socket any more", kSocketPath);
+    }
+    if (isThere || listenAnew()) {
+        isReachable_ = true;
+        writeLog(kLogInfo, "%s is the control socket again", kSocketPath);
+    }
+}
+
+/// Puts a new socket in place of the one that nobody can connect to. False when none can be had;
+/// the old one then stays, for its file may come back.
+bool AppServer::listenAnew() {
+    platform::UniqueFd fresh(platform::openUnixStreamSocket());
+    if (!fresh.valid()) {
+        return false;
+    }
+    (void)platform::removeFile(kSocketPath); // What stays there is in the way of the next call.
+    if (bindToPath(fresh.get()) != 0 || platform::listenOnSocket(fresh.get(), kBacklog) != 0) {
+        return false;
+    }
+    (void)platform::closeDescriptor(listeningSocket_);
+    listeningSocket_ = fresh.release();
+    socketFile_ = platform::identifyFile(kSocketPath);
+    return true;
 }
 
 void AppServer::failSetUp(const char* errorText, const char* logText) {
@@ -169,6 +205,9 @@ bool AppServer::waitForClient() {
         const std::int64_t leftMs = deadline - platform::monotonicMilliseconds();
         const int timeoutMs = leftMs > 0 ? static_cast<int>(leftMs) : 0;
         const auto result = platform::waitReadable(listeningSocket_, timeoutMs);
+        if (result == platform::WaitResult::TimedOut) {
+            keepReachable();
+        }
         if (result != platform::WaitResult::Interrupted) {
             return result == platform::WaitResult::Ready;
         }
@@ -310,12 +349,11 @@ void AppServer::displayRequestCmd(const reqcmd& request) {
 }
 
 void AppServer::displayResponseCmd(const response_struct& reply) {
-    std::string text;
+    char error[64] = "";
     if (reply.code != 0) {
-        text = " Error is detected with code =" + std::to_string(reply.code) + '\n';
+        (void)std::snprintf(error, sizeof error, " Error is detected with code =%d\n", reply.code);
     }
-    text += platform::fieldText(reply.message);
-    platform::printConsoleLine(std::move(text));
+    platform::trace(true, "%s%.1024s\n", error, reply.message);
 }
 
 void AppServer::writeLog(int level, const char* format, ...) {

@@ -8,6 +8,7 @@
 #include <atomic>
 
 #include "platform/Log.h"
+#include "platform/System.h"
 #include "records/reqcmd.h"
 #include "records/response_struct.h"
 
@@ -45,7 +46,8 @@ public:
     /// in up to three receive calls, each of which waits for the client. Bytes that a short record
     /// does not reach keep what `request` held. Returns the bytes read (1 to 1216); 0 when the
     /// connection vanished or nothing came; -1 on time-out, error, or when the monitor is asked to
-    /// end. The connection stays open for the reply.
+    /// end. The connection stays open for the reply. When the time is over a socket file that has
+    /// vanished or has been replaced is made anew; the log tells when that begins and when it ends.
     int recvCommand(reqcmd& request);
 
     /// Shows `reply` on the console, writes it whole to the current connection and closes that.
@@ -71,8 +73,10 @@ public:
 private:
     [[noreturn]] void failSetUp(const char* errorText, const char* logText);
     int openListeningSocket();
-    int bindListeningSocket();
+    int bindToPath(int fd);
     bool waitForClient();
+    void keepReachable();
+    bool listenAnew();
     int acceptClient();
     int receiveRequest(int fd, reqcmd& request);
     int receiveOnce(int fd, char* buffer, std::size_t size);
@@ -81,9 +85,11 @@ private:
     static AppServer* m_pInstance;
 
     zor_log log_;
-    sockaddr_un peerAddress_;         // main thread only
-    int listeningSocket_ = -1;        // main thread only
-    std::atomic<int> connection_{-1}; // see the class comment
+    sockaddr_un peerAddress_;           // main thread only
+    int listeningSocket_ = -1;          // main thread only
+    std::atomic<int> connection_{-1};   // see the class comment
+    platform::FileIdentity socketFile_; // main thread only; of the listening socket
+    bool isReachable_ = true;           // main thread only; by the name of that file
 };
 
 #endif // OVARD_SERVER_APP_SERVER_H

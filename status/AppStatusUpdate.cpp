@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "platform/FailureError.h"
 #include "platform/MutexGuard.h"
 #include "platform/Network.h"
 #include "platform/Settings.h"
@@ -46,17 +47,28 @@ void takeAddress(const char* interface, int family, char (&field)[Size]) {
     platform::terminateField(field);
 }
 
+/// Copies the whole image into the segment. 0 or errno.
+int publish(ShmUpdate& segment, const void* image, std::size_t size) {
+    errno = 0;
+    const int repairError = segment.remapShm() == 0 ? 0 : platform::failureError();
+    if (segment.writeData(image, size) == 0) {
+        return 0;
+    }
+    return repairError != 0 ? repairError : platform::failureError();
+}
+
 const char* portTypeName(std::int32_t type) {
     return PORT_TYPE_STR[type >= PORT_TYPE_NONE && type <= PORT_TYPE_ETH ? type : PORT_TYPE_NONE];
 }
 
-std::string localDateText(std::time_t time) {
+platform::TimeText localDateText(std::time_t time) {
+    platform::TimeText result;
     std::tm parts = {};
-    char text[32];
-    if (::localtime_r(&time, &parts) == nullptr) {
-        return {};
+    if (::localtime_r(&time, &parts) == nullptr ||
+        std::strftime(result.text, sizeof result.text, "%Y-%m-%d %H:%M:%S", &parts) == 0) {
+        result.text[0] = '\0';
     }
-    return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts)};
+    return result;
 }
 
 void traceRecord(const appinfo& app, const application_record& record) {
@@ -210,14 +222,12 @@ void AppStatusUpdate::fillRecord(const appinfo& app, application_record& record)
 
 int AppStatusUpdate::updateSysInfo() {
     const platform::MutexGuard lock(statisticsLock_);
-    (void)sysShm.remapShm(); // The next cycle tries again.
-    (void)sysShm.writeData(&systemImage_, sizeof systemImage_);
+    systemSegmentError_ = publish(sysShm, &systemImage_, sizeof systemImage_);
     return 0;
 }
 
 int AppStatusUpdate::updateAppInfo() {
-    (void)appShm.remapShm(); // The next cycle tries again.
-    (void)appShm.writeData(&applicationImage_, sizeof applicationImage_);
+    applicationSegmentError_ = publish(appShm, &applicationImage_, sizeof applicationImage_);
     return 0;
 }
 

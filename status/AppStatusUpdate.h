@@ -55,9 +55,13 @@ public:
     int getSysInfo();
     int getAppInfo(std::vector<appinfo>& applist);
 
-    /// Copy the images into the segments. Return 0.
+    /// Copy the images into the segments. Return 0, also where that fails.
     int updateSysInfo();
     int updateAppInfo();
+
+    /// Errno of the last copy into each segment, 0 when it worked or when there was none yet.
+    int systemSegmentError() const { return systemSegmentError_; }
+    int applicationSegmentError() const { return applicationSegmentError_; }
 
     /// Copies the kernel and address texts alone, piece by piece. Returns 0. The cycle does not use
     /// it.
@@ -150,6 +154,8 @@ private:
     system_segment systemImage_{}; // statistics: guarded by statisticsLock_
     ShmUpdate appShm;
     application_segment applicationImage_{};
+    int systemSegmentError_ = 0;
+    int applicationSegmentError_ = 0;
 
     std::atomic<std::uint32_t> bootTime_{0};
     std::atomic<std::int32_t> clockTicks_{0};

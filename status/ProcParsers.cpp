@@ -1,7 +1,9 @@
 #include "status/ProcParsers.h"
 
+#include <algorithm>
 #include <array>
-#include <string>
+#include <cstdio>
+#include <string_view>
 
 #include "platform/Console.h"
 #include "platform/Settings.h"
@@ -179,35 +181,59 @@ bool takeNetworkLine(std::string_view line, const char* interface, const ByteCou
     return true;
 }
 
+/// The figures of one interface as the trace shows them, a line each.
+class NetworkTrace {
+public:
+    explicit NetworkTrace(const char* interface)
+        : interface_(interface) {}
+
+    void addCount(const char* field, std::int64_t value) {
+        char figure[32];
+        (void)std::snprintf(figure, sizeof figure, "%lld", static_cast<long long>(value));
+        addLine(field, figure);
+    }
+
+    void addRate(const char* field, float value) {
+        char figure[32];
+        (void)std::snprintf(figure, sizeof figure, "%g", static_cast<double>(value));
+        addLine(field, figure);
+    }
+
+    std::string_view text() const { return {text_, length_}; }
+
+private:
+    void addLine(const char* field, const char* figure) {
+        const int count =
+            std::snprintf(text_ + length_, sizeof text_ - length_,
+                          "sys.sysinfo.netstatus.%s.%-14s= %s\n", interface_, field, figure);
+        length_ = std::min(length_ + static_cast<std::size_t>(count), sizeof text_ - 1);
+    }
+
+    const char* interface_;
+    char text_[2048];
+    std::size_t length_ = 0;
+};
+
 void traceNetwork(const char* interface, const netstatus_struct& status) {
     if (verbose < 5) {
         return;
     }
-    const auto label = [interface](const char* field) {
-        return platform::formatText(80, "sys.sysinfo.netstatus.%s.%-14s= ", interface, field);
-    };
-    std::string text;
-    const auto addCount = [&](const char* field, std::int64_t value) {
-        text += label(field) + std::to_string(value) + '\n';
-    };
-    const auto addRate = [&](const char* field, float value) {
-        text += label(field) + platform::formatText(32, "%g\n", static_cast<double>(value));
-    };
-    addCount("rx.byte", status.rx_byte);
-    addCount("rx.packet", status.rx_packet);
-    addCount("rx.totalerror", status.rx_totalerror);
-    addCount("rx.droperror", status.rx_droperror);
-    addCount("rx.fifoerror", status.rx_fifoerror);
-    addCount("rx.frameerror", status.rx_frameerror);
-    addRate("rx.datarate", status.rx_datarate);
-    addCount("tx.byte", status.tx_byte);
-    addCount("tx.packet", status.tx_packet);
-    addCount("tx.totalerror", status.tx_totalerror);
-    addCount("tx.droperror", status.tx_droperror);
-    addCount("tx.fifoerror", status.tx_fifoerror);
-    addCount("tx.collision", status.tx_collision);
-    addRate("tx.datarate", status.tx_datarate);
-    platform::printConsole(text);
+    NetworkTrace trace(interface);
+    trace.addCount("rx.byte", status.rx_byte);
+    trace.addCount("rx.packet", status.rx_packet);
+    trace.addCount("rx.totalerror", status.rx_totalerror);
+    trace.addCount("rx.droperror", status.rx_droperror);
+    trace.addCount("rx.fifoerror", status.rx_fifoerror);
+    trace.addCount("rx.frameerror", status.rx_frameerror);
+    trace.addRate("rx.datarate", status.rx_datarate);
+    trace.addCount("tx.byte", status.tx_byte);
+    trace.addCount("tx.packet", status.tx_packet);
+    trace.addCount("tx.totalerror", status.tx_totalerror);
+    trace.addCount("tx.droperror", status.tx_droperror);
+    trace.addCount("tx.fifoerror", status.tx_fifoerror);
+    trace.addCount("tx.collision", status.tx_collision);
+    trace.addRate("tx.datarate", status.tx_datarate);
+    platform::printConsole(trace.text());
 }
 
 } // namespace

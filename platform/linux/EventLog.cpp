@@ -22,7 +22,6 @@ namespace {
 /// What a full log that is locked may still take, in bytes.
 constexpr off_t kLockedLogReserve = 65536;
 
-constexpr char kEventLogPath[] = "/var/log/meter_events.log";
 constexpr mode_t kEventLogMode = 0644;
 
 /// Date, tag, text and what stands between them.
@@ -107,15 +106,18 @@ int appendEvent(const char* path, const char* tag, const zortime8b& time, const 
         (void)::fchmod(log.get(), kEventLogMode); // another owner's log is still worth a line
     }
     const ssize_t written = ::write(log.get(), content.data(), content.size());
-    const bool isWhole = written == static_cast<ssize_t>(content.size());
-    if (!isWhole && written > 0) {
-        takeBack(log.get(), written);
+    if (written == static_cast<ssize_t>(content.size())) {
+        return 0;
     }
-    return isWhole ? 0 : -1;
+    if (written > 0) {
+        takeBack(log.get(), written);
+        errno = ENOSPC; // as where there was no room for any of it
+    }
+    return -1;
 }
 
 } // namespace platform
 
 int write_system_log(const char* tag, const zortime8b& time, const char* text) {
-    return platform::appendEvent(platform::kEventLogPath, tag, time, text);
+    return platform::appendEvent(kEventLogPath, tag, time, text);
 }

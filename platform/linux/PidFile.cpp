@@ -50,8 +50,12 @@ UniqueFd openToRewrite(std::string_view path, int flags) {
         file = openPlainFileAt(folder.get(), name.c_str(), (flags & ~O_TRUNC) | O_NOFOLLOW,
                                kPidFileMode, facts);
     }
-    if (file.valid() && (facts.st_nlink != 1 || ::fchmod(file.get(), kPidFileMode) != 0 ||
-                         ::ftruncate(file.get(), 0) != 0)) {
+    if (file.valid() && facts.st_nlink != 1) {
+        file.reset();
+        errno = EMLINK;
+    }
+    if (file.valid() &&
+        (::fchmod(file.get(), kPidFileMode) != 0 || ::ftruncate(file.get(), 0) != 0)) {
         file.reset();
     }
     return file;

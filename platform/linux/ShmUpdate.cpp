@@ -83,8 +83,13 @@ int ShmUpdate::Segment::open() {
         file.reset(::shm_open(name.c_str(), flags | O_NONBLOCK, mode));
     }
     struct stat facts = {};
-    if (!file.valid() || ::fstat(file.get(), &facts) != 0 || !S_ISREG(facts.st_mode)) {
+    if (!file.valid() || ::fstat(file.get(), &facts) != 0) {
         file.reset();
+        return kFailed;
+    }
+    if (!S_ISREG(facts.st_mode)) {
+        file.reset();
+        errno = EINVAL; // as shm_open for a directory
         return kFailed;
     }
     // A file with two names may be another program's, put here so that it is opened to everybody.

@@ -33,7 +33,7 @@ int deleteTimer(timer_t timer) {
 }
 
 int openWatchdogDevice() {
-    return ::open("/dev/watchdog", O_RDWR | O_CLOEXEC);
+    return ::open(kWatchdogPath, O_RDWR | O_CLOEXEC);
 }
 
 int flushDescriptor(int fd) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -77,6 +78,14 @@ int removeFile(const char* path) {
 
 bool pathExists(const char* path) {
     return ::access(path, F_OK) == 0;
+}
+
+FileIdentity identifyFile(const char* path) {
+    struct stat facts = {};
+    if (::lstat(path, &facts) != 0) {
+        return {};
+    }
+    return {facts.st_dev, facts.st_ino};
 }
 
 void flushFileSystems() {

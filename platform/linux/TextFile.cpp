@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "platform/Memory.h"
 #include "platform/UniqueFd.h"
 #include "platform/linux/Files.h"
 
@@ -12,6 +13,15 @@ namespace {
 
 /// Holds each of the kernel's statistics on a small machine.
 constexpr std::size_t kFirstSize = 4096;
+
+/// Gives `text` the size `size`; false when there is no memory for that, when it stays as it is.
+bool resizeText(std::string& text, std::size_t size) {
+    if (size > text.capacity() && !memoryIsLeft(2 * size)) {
+        return false;
+    }
+    text.resize(size);
+    return true;
+}
 
 } // namespace
 
@@ -22,7 +32,9 @@ bool readTextFile(const char* path, std::string& text) {
         return false;
     }
     // The size that the system states is 0 for files of /proc.
-    text.resize(std::clamp(text.capacity(), kFirstSize, kLongestTextFile));
+    if (!resizeText(text, std::clamp(text.capacity(), kFirstSize, kLongestTextFile))) {
+        return false;
+    }
     std::size_t used = 0;
     ssize_t count = 0;
     while (used < kLongestTextFile &&
@@ -31,7 +43,9 @@ bool readTextFile(const char* path, std::string& text) {
         if (used < text.size()) {
             break; // The end was reached.
         }
-        text.resize(std::min(2 * text.size(), kLongestTextFile));
+        if (!resizeText(text, std::min(2 * text.size(), kLongestTextFile))) {
+            break; // What there is room for is better than nothing.
+        }
     }
     text.resize(used);
     return count >= 0;

@@ -59,14 +59,15 @@ std::int64_t monotonicMilliseconds() {
     return monotonicNanoseconds() / kNanosecondsPerMillisecond;
 }
 
-std::string localTimeText(std::time_t t) {
+TimeText localTimeText(std::time_t t) {
     ::tzset();
+    TimeText result;
     std::tm parts = {};
-    if (::localtime_r(&t, &parts) == nullptr) {
-        return {};
+    if (::localtime_r(&t, &parts) == nullptr ||
+        std::strftime(result.text, sizeof result.text, "%a %b %e %H:%M:%S %Y", &parts) == 0) {
+        result.text[0] = '\0';
     }
-    char text[64];
-    return {text, std::strftime(text, sizeof text, "%a %b %e %H:%M:%S %Y", &parts)};
+    return result;
 }
 
 void sleepMilliseconds(int milliseconds) {

@@ -81,6 +81,10 @@ bool pathExists(const char* /*path*/) {
     return false;
 }
 
+FileIdentity identifyFile(const char* /*path*/) {
+    return {};
+}
+
 void flushFileSystems() {}
 
 int runShellCommand(const char* /*command*/) {

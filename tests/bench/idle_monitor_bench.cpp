@@ -88,7 +88,8 @@ struct AccountedCall {
 constexpr const char* kSegments = "/dev/shm/meter_usrN_data.shared";
 constexpr const char* kAddressSocket = "socket:[N]";
 
-constexpr const char* kLetSignalsIn = "lets termination signals in";
+constexpr const char* kTakeSignals = "takes termination signals";
+constexpr const char* kReachable = "is its socket still where clients look?";
 constexpr const char* kOwnBeat = "its own heartbeat";
 constexpr const char* kWaits = "waits and deliberate pauses";
 constexpr const char* kPending = "is it asked to end? (around waits and pauses)";
@@ -101,7 +102,9 @@ constexpr const char* kLeases = "publishes the DHCP leases";
 constexpr const char* kImages = "copies the images into the segments";
 
 constexpr AccountedCall kOwnCalls[] = {
-    {"sigprocmask", "", 2, 0, 0, kLetSignalsIn},
+    {"sigaction", "", 1, 0, 0, kTakeSignals},
+    {"sigtimedwait", "", 1, 0, 0, kTakeSignals},
+    {"stat", "/tmp/appmon_sock", 1, 0, 0, kReachable},
     {"open", bench::kHeartbeats, 1, 0, 0, kOwnBeat},
     {"fstat", bench::kHeartbeats, 1, 0, 0, kOwnBeat},
     {"pread", bench::kHeartbeats, 2, 0, 0, kOwnBeat},

@@ -104,6 +104,10 @@ int close_zor_log(zor_log* handle) {
 int write_system_log(const char* tag, const zortime8b& time, const char* text) {
     runHook(world().onEvent, std::string(text));
     const Lock lock;
+    if (world().eventErrno != 0) {
+        errno = world().eventErrno;
+        return -1;
+    }
     world().eventTimes.push_back(getTimeStampFromZortime8B(time));
     world().events.push_back(std::string(tag) + ": " + text);
     return 0;

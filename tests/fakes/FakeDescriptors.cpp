@@ -75,4 +75,13 @@ bool pathExists(const char* path) {
     return world().existingPaths.count(path) != 0 || world().pidFiles.count(path) != 0;
 }
 
+FileIdentity identifyFile(const char* path) {
+    const Lock lock;
+    const auto found = world().fileNumbers.find(path);
+    if (found == world().fileNumbers.end()) {
+        return {};
+    }
+    return {1, found->second};
+}
+
 } // namespace platform

@@ -162,6 +162,7 @@ public:
     bool logOpened = false; ///< opened more often than closed
     int logCloses = 0;
     std::vector<std::string> events;      ///< "TAG: TEXT"
+    int eventErrno = 0;                   ///< not 0: events cannot be logged
     std::vector<std::int64_t> eventTimes; ///< of each event, milliseconds since the epoch
     std::vector<std::string> calls;       ///< see the top of the file
     /// Runs after each recorded call, any thread, with the world's lock held; may throw.
@@ -209,9 +210,10 @@ public:
     std::deque<Input> reads;         ///< empty: end of file
     std::deque<Result> writeResults; ///< empty: all bytes
     std::vector<Output> written;
-    std::map<int, int> closeErrors;          ///< descriptor to errno
-    std::set<std::string> existingPaths;     ///< beside /proc/PID; removeFile takes them away
-    std::map<std::string, int> removeErrors; ///< path to errno; a missing path fails with ENOENT
+    std::map<int, int> closeErrors;           ///< descriptor to errno
+    std::set<std::string> existingPaths;      ///< beside /proc/PID; removeFile takes them away
+    std::map<std::string, ino_t> fileNumbers; ///< for identifyFile; bindSocket gives a new one
+    std::map<std::string, int> removeErrors;  ///< path to errno; a missing path fails with ENOENT
 
     // --- memory -----------------------------------------------------------------------------
     AllocationScript mallocs;
@@ -267,6 +269,7 @@ public:
     // --- segments and text files --------------------------------------------------------------
     std::map<std::string, std::string> segments;  ///< name to content
     std::set<std::string> segmentErrors;          ///< names that cannot be opened
+    int segmentErrno = EACCES;                    ///< and why; 0: errno stays as it is
     std::map<std::string, std::string> textFiles; ///< path to content; missing: cannot be opened
 
     // --- helpers, all of them locked ----------------------------------------------------------

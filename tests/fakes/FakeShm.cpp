@@ -23,6 +23,7 @@ struct ShmUpdate::Segment {
 
     int open() {
         if (world().segmentErrors.count(name) != 0) {
+            errno = world().segmentErrno;
             return -1;
         }
         std::string& content = world().segments[name];

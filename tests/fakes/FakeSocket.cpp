@@ -47,8 +47,13 @@ int allowAddressReuse(int fd) {
 
 int bindSocket(int fd, const sockaddr_un& address) {
     const Lock lock;
-    world().record(joined("bind", fd, fieldText(address.sun_path)));
-    return takeStatus(world().bindResults);
+    const std::string path(fieldText(address.sun_path));
+    world().record(joined("bind", fd, path));
+    const int status = takeStatus(world().bindResults);
+    if (status == 0) {
+        world().fileNumbers[path] = static_cast<ino_t>(fd); // no other file has it
+    }
+    return status;
 }
 
 int listenOnSocket(int fd, int backlog) {

@@ -22,7 +22,7 @@ using fuzz::require;
 namespace {
 
 /// The records as they lie in memory.
-std::string imageOf(const std::deque<reqcmd>& records) {
+template <typename Records> std::string imageOf(const Records& records) {
     std::string image;
     for (const reqcmd& record : records) {
         image.append(reinterpret_cast<const char*>(&record), sizeof record);
@@ -35,8 +35,8 @@ void handOver(MonitorScene& scene, const std::string& path, std::string_view who
     pszExecuteAppConfigurationFile = path.c_str();
     require(startupAppConfigurationProcess(nullptr) == nullptr, "the thread returns nothing");
     pszExecuteAppConfigurationFile = nullptr;
-    const std::deque<reqcmd>& queued = AppManagerTestAccess::queue(scene.manager());
-    require(imageOf(queued) == wholeRecords, "every whole record is queued, in order");
+    require(imageOf(AppManagerTestAccess::queued(scene.manager())) == wholeRecords,
+            "every whole record is queued, in order");
     require(file_request_list.empty(), "nothing is left to hand over");
 }
 

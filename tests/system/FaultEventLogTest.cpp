@@ -1,5 +1,6 @@
 // /var/log, where the event log lies, while it is full, read-only or missing.
 
+#include <cerrno>
 #include <csignal>
 #include <string>
 #include <vector>
@@ -40,13 +41,27 @@ protected:
         });
     }
 
-    /// An event comes that cannot be logged: the monitor lives and serves.
-    void expectLostEvent(int signal) const {
+    /// Events come that cannot be logged: the monitor lives and serves, and tells once why.
+    void expectLostEvents(int signal, int error) const {
         const std::string before = seenLog();
-        ASSERT_TRUE(daemon_.signal(signal));
-        EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+        for (int event = 0; event < 3; ++event) {
+            ASSERT_TRUE(daemon_.signal(signal));
+            EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+        }
         EXPECT_TRUE(daemon_.alive());
         EXPECT_EQ(seenLog(), before);
+        EXPECT_TRUE(waitForLog(3, faultLine(kEventLogPath, error)));
+        EXPECT_EQ(daemonLogTexts(3).size(), 1U);
+        EXPECT_EQ(countLog(6, recoveryLine(kEventLogPath)), 0U);
+    }
+
+    /// The next event is logged again, and that is told once.
+    void expectRecovery(int signal) const {
+        ASSERT_NO_FATAL_FAILURE(expectEvent(signal));
+        EXPECT_TRUE(waitForLog(6, recoveryLine(kEventLogPath)));
+        EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+        EXPECT_EQ(countLog(6, recoveryLine(kEventLogPath)), 1U);
+        EXPECT_EQ(daemonLogTexts(3).size(), 1U);
     }
 
     void expectEvent(int signal) const {
@@ -63,9 +78,9 @@ TEST_F(FaultEventLog, FolderThatIsMissing) {
     const OwnMounts mounts("mount -t tmpfs tmpfs /var\n");
     ASSERT_TRUE(start());
     EXPECT_FALSE(fileExists(OwnMounts::seenBy(daemon_.pid(), "/var/log")));
-    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, ENOENT));
     ASSERT_TRUE(change("mkdir /var/log"));
-    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
     EXPECT_EQ(seenEvents(), std::vector<std::string>{kInterrupt});
 }
 
@@ -74,9 +89,9 @@ TEST_F(FaultEventLog, FolderThatVanishes) {
     ASSERT_TRUE(start());
     ASSERT_NO_FATAL_FAILURE(expectEvent(SIGHUP));
     ASSERT_TRUE(change("mv /var/log /var/aside"));
-    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGINT, ENOENT));
     ASSERT_TRUE(change("mv /var/aside /var/log"));
-    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
     EXPECT_EQ(seenEvents(),
               (std::vector<std::string>{"Application Monitor Started.",
                                         "Application Monitor Initialized.", kHangUp, kInterrupt}));
@@ -85,10 +100,10 @@ TEST_F(FaultEventLog, FolderThatVanishes) {
 TEST_F(FaultEventLog, DiskThatIsReadOnly) {
     const OwnMounts mounts(readOnlyFolder("/var/log"));
     ASSERT_TRUE(start());
-    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, EROFS));
     EXPECT_EQ(eventTexts(), std::vector<std::string>{});
     ASSERT_TRUE(change(uncovered("/var/log")));
-    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
     EXPECT_EQ(eventTexts(), std::vector<std::string>{kInterrupt});
 }
 
@@ -96,28 +111,28 @@ TEST_F(FaultEventLog, DiskThatBecomesReadOnly) {
     const OwnMounts mounts;
     ASSERT_TRUE(start());
     ASSERT_TRUE(change(readOnlyFolder("/var/log")));
-    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, EROFS));
     ASSERT_TRUE(change(uncovered("/var/log")));
-    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
 }
 
 TEST_F(FaultEventLog, DiskThatIsFull) {
     const OwnMounts mounts("mount -t tmpfs -o size=64k tmpfs /var/log\n"
                            "head -c 65536 /dev/zero >/var/log/filler\n");
     ASSERT_TRUE(start());
-    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, ENOSPC));
     EXPECT_EQ(seenEvents(), std::vector<std::string>{});
     ASSERT_TRUE(change("rm /var/log/filler"));
-    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
     EXPECT_EQ(seenEvents(), std::vector<std::string>{kInterrupt});
 }
 
 TEST_F(FaultEventLog, LimitOfTheFileSize) {
     ASSERT_TRUE(start());
     ASSERT_TRUE(setLimit(daemon_.pid(), RLIMIT_FSIZE, 0));
-    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, EFBIG));
     ASSERT_TRUE(liftLimit(daemon_.pid(), RLIMIT_FSIZE));
-    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
 }
 
 TEST_F(FaultEventLog, LineThatFitsOnlyInPartIsNotKept) {
@@ -126,10 +141,10 @@ TEST_F(FaultEventLog, LineThatFitsOnlyInPartIsNotKept) {
                            "cd /var/log; yes 0123456 | head -c 4064 >meter_events.log\n"
                            "chmod 644 meter_events.log; head -c 65536 /dev/zero >filler || true\n");
     ASSERT_TRUE(start());
-    ASSERT_NO_FATAL_FAILURE(expectLostEvent(SIGHUP));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, ENOSPC));
     EXPECT_EQ(seenLog().size(), 4064U) << "half a line";
     ASSERT_TRUE(change("rm /var/log/filler"));
-    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGINT));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
 }
 
 } // namespace

@@ -1,8 +1,15 @@
 // Limits of descriptors and of memory that a running monitor comes to.
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "platform/UniqueFd.h"
 #include "tests/system/FaultSupport.h"
 
 namespace systemtest {
@@ -10,6 +17,7 @@ namespace {
 
 // --- descriptors ---------------------------------------------------------------------------------
 
+const std::string kNoDescriptor = "recvCommand(): accept error=24";
 const std::string kNoPipe = "fork2:pipe create error: Too many open files\n";
 
 class FaultDescriptors : public FaultTest {
@@ -32,14 +40,23 @@ TEST_F(FaultDescriptors, NoneIsLeft) {
     ASSERT_NO_FATAL_FAILURE(allowMore(0));
     Client client;
     ASSERT_TRUE(sendRequest(client, makeRequest(APPMONCTL_Stop, "nobody")));
-    EXPECT_TRUE(waitForLog(7, "recvCommand(): accept error=24"));
+    EXPECT_TRUE(waitForLog(7, kNoDescriptor));
+    const std::int64_t begin = monotonicMs();
+    const std::size_t before = countLog(7, kNoDescriptor);
     sleepMs(5000);
+    // The client stays in the queue: it is refused anew in each turn, which rests for 100 ms.
+    const std::size_t lines = countLog(7, kNoDescriptor) - before;
+    EXPECT_GT(lines, 0U) << "the one that waits is forgotten";
+    EXPECT_LE(static_cast<std::int64_t>(lines), (monotonicMs() - begin) / 100 + 1);
     expectUnharmed("without descriptors");
     expectLeftAlone("without descriptors");
-    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
+    const std::vector<std::string> told = daemonLogTexts(3);
+    EXPECT_EQ(told, (std::vector<std::string>{faultLine("/meter_usr7_data.shared", EMFILE),
+                                              faultLine("/meter_usr16_data.shared", EMFILE)}));
     ASSERT_TRUE(liftLimit(monitorPid_, RLIMIT_NOFILE));
     EXPECT_EQ(toReply(client.receiveReply()), replyOf(-20, "nobody is not found\n"));
     expectAllIsWell("with descriptors again");
+    EXPECT_EQ(daemonLogTexts(3), told);
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 
@@ -54,7 +71,7 @@ TEST_F(FaultDescriptors, OneIsLeft) {
         const Received received = client.receive(kPatienceMs);
         EXPECT_TRUE(received.ended && received.bytes.empty());
     }
-    EXPECT_TRUE(eventually([] { return countLog(7, "recvCommand(): accept error=24") == 2; }));
+    EXPECT_TRUE(eventually([] { return countLog(7, kNoDescriptor) == 2; }));
     ASSERT_TRUE(liftLimit(monitor_.pid(), RLIMIT_NOFILE));
     expectServing();
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
@@ -83,12 +100,19 @@ TEST_F(FaultDescriptors, NoneForAReplacement) {
 
 // --- memory --------------------------------------------------------------------------------------
 
+/// Three launches of programs that stay in the foreground, and what comes before and after.
+constexpr int kLaunchesMs = 120000;
+
+std::string refusedLine(const std::string& name) {
+    return "processRequest: no memory for action=1 name=" + name;
+}
+
 class FaultMemory : public FaultTest {
 protected:
     void SetUp() override {
         FaultTest::SetUp();
 #ifdef OVARD_IS_SANITIZED
-        GTEST_SKIP() << "MEMORY LIMITS NOT TESTED: a sanitizer needs more than any limit";
+        GTEST_SKIP() << "a sanitizer needs more than any limit";
 #endif
     }
 
@@ -104,6 +128,9 @@ protected:
         expectLeftAlone(what);
     }
 };
+
+/// Takes two minutes, and therefore a sandbox of its own.
+using FaultMemoryQueue = FaultMemory;
 
 TEST_F(FaultMemory, NoMoreAddressSpace) {
     ASSERT_NO_FATAL_FAILURE(startWithoutMoreMemory(RLIMIT_AS));
@@ -140,6 +167,36 @@ TEST_F(FaultMemory, ApplicationThatDiesMeanwhileIsReplacedAfterwards) {
     expectAllIsWell("with address space again");
 }
 
+/// While three launches take their time, more requests come than there is memory for. Each is
+/// executed or refused, which is told.
+TEST_F(FaultMemoryQueue, RequestsThatAreQueuedMeanwhile) {
+    constexpr std::size_t kRequests = 80;
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    for (const char* name : {"first", "second", "third"}) {
+        ASSERT_TRUE(sendWithoutWaiting(makeStart(name, "--foreground")));
+    }
+    ASSERT_TRUE(setLimit(monitorPid_, RLIMIT_AS, 4096));
+    ASSERT_TRUE(setLimit(monitorPid_, RLIMIT_DATA, 4096));
+    for (std::size_t request = 0; request < kRequests; ++request) {
+        ASSERT_TRUE(sendWithoutWaiting(makeRequest(APPMONCTL_Stop, "nobody")));
+    }
+    const auto refused = [] { return countLog(3, refusedLine("nobody")); };
+    const auto queued = [] { return countLog(7, "processRequest: action=1 name=nobody, cmd="); };
+    const auto executed = [] {
+        return countLog(7, "processCmd() request.action=APPMONCTL_Stop nobody");
+    };
+    EXPECT_TRUE(eventually([&] { return queued() + refused() == kRequests; }, kLaunchesMs));
+    EXPECT_GT(queued(), 0U);
+    EXPECT_GT(refused(), 0U) << "there was memory";
+    EXPECT_TRUE(eventually([&] { return executed() == queued(); }, kLaunchesMs));
+    EXPECT_EQ(daemonLogTexts(3).size(), refused());
+    expectUnharmed("without memory");
+    ASSERT_TRUE(liftLimit(monitorPid_, RLIMIT_AS));
+    ASSERT_TRUE(liftLimit(monitorPid_, RLIMIT_DATA));
+    expectServing();
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
 /// What there is memory for is replayed, and the rest is left.
 TEST_F(FaultMemory, RequestFileThatIsLargerThanTheMemory) {
     ASSERT_TRUE(
@@ -154,6 +211,88 @@ TEST_F(FaultMemory, RequestFileThatIsLargerThanTheMemory) {
     EXPECT_EQ(processesNamed("first").size(), 1U);
     EXPECT_EQ(countOf(monitor_.console(), "Error"), 1U);
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
+// --- no memory at all ----------------------------------------------------------------------------
+
+constexpr const char* kRefusalPath = "/mnt/refused";
+
+/// Lines for MonitorThroughScript.
+const std::string kWithRefusedMemory = std::string("export OVARD_TEST_MEMORY=") + kRefusalPath +
+                                       " LD_PRELOAD=" + refusedMemoryLibrary() +
+                                       "\nexec \"$OVARD\" \"$@\"\n";
+
+/// A limit leaves what the heap has; here every allocation fails (programs/RefusedMemory.cpp).
+class FaultRefusedMemory : public FaultTest {
+protected:
+    void SetUp() override {
+        FaultTest::SetUp();
+#ifdef OVARD_IS_SANITIZED
+        GTEST_SKIP() << "a sanitizer's library must be the first one";
+#endif
+        ASSERT_TRUE(refuse(false));
+    }
+
+    /// The file is written over, not replaced: the monitor has mapped it.
+    static bool refuse(bool refused) {
+        const platform::UniqueFd file(::open(kRefusalPath, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        const char byte = refused ? 1 : 0;
+        return ::pwrite(file.get(), &byte, 1, 0) == 1;
+    }
+
+    MonitorThroughScript script_{kWithRefusedMemory};
+};
+
+TEST_F(FaultRefusedMemory, MonitorGoesOnAndRefusesRequests) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(refuse(true));
+    for (std::size_t cycle = 1; cycle <= 3; ++cycle) {
+        const float hours = publishedHours();
+        ASSERT_TRUE(sendWithoutWaiting(makeRequest(APPMONCTL_Stop, "nobody")));
+        EXPECT_TRUE(eventually([&] { return countLog(3, refusedLine("nobody")) == cycle; }));
+        ASSERT_TRUE(letACycleGoBy());
+        EXPECT_GT(publishedHours(), hours) << "nothing is published";
+        expectUnharmed("without memory");
+    }
+    EXPECT_EQ(daemonLogTexts(3).size(), 3U);
+    expectLeftAlone("without memory");
+    ASSERT_TRUE(refuse(false));
+    expectAllIsWell("with memory again");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
+/// Requests that came before are executed. The first launch takes its whole time, since nothing is
+/// found in /proc; the second one has no words, and so nothing to execute.
+TEST_F(FaultRefusedMemory, QueuedRequestsAreExecuted) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(sendWithoutWaiting(makeStart("slow", "--daemonize-after 8000")));
+    ASSERT_TRUE(sendWithoutWaiting(makeStart("late")));
+    ASSERT_TRUE(sendWithoutWaiting(makeRequest(APPMONCTL_Stop, "nobody")));
+    Client client;
+    ASSERT_TRUE(sendRequest(client, makeRequest(APPMONCTL_Stop, "data_server")));
+    ASSERT_TRUE(waitForLog(7, "processRequest: action=1 name=data_server, cmd="));
+    ASSERT_TRUE(refuse(true));
+    EXPECT_EQ(toReply(client.receiveReply(kLaunchesMs)),
+              replyOf(0, "data_server is stopped @DATE\n"));
+    EXPECT_TRUE(isGone(pid_));
+    // Wanted for the launch and for the search of what it has left.
+    EXPECT_EQ(countLog(3, "ovard(): commandline_parser malloc errpr!"), 2U);
+    EXPECT_EQ(processesNamed("late").size(), 0U);
+    EXPECT_TRUE(monitor_.alive());
+    ASSERT_TRUE(refuse(false));
+    expectServing();
+    EXPECT_TRUE(isRunning(launch("late")));
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
+TEST_F(FaultRefusedMemory, MonitorEndsInOrder) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(refuse(true));
+    ASSERT_TRUE(letACycleGoBy());
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+    EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
+    EXPECT_FALSE(fileExists(kSocketPath));
+    EXPECT_TRUE(isRunning(pid_));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <string>
+#include <vector>
 
 #include "tests/system/FaultSupport.h"
 
@@ -10,6 +11,22 @@ namespace systemtest {
 namespace {
 
 constexpr const char* kHeartbeats = "/dev/shm/meter_heartbeat.shared";
+
+constexpr const char* kSegments[] = {"/meter_usr7_data.shared", "/meter_usr16_data.shared"};
+
+/// However many cycles there were, the monitor has told once that each segment cannot be written.
+void expectTold(int error) {
+    EXPECT_EQ(daemonLogTexts(3), (std::vector<std::string>{faultLine(kSegments[0], error),
+                                                           faultLine(kSegments[1], error)}));
+}
+
+/// It has told once of each that it can be written again, and nothing else.
+void expectRecoveryTold(int error) {
+    expectTold(error);
+    for (const char* segment : kSegments) {
+        EXPECT_EQ(countLog(6, recoveryLine(segment)), 1U);
+    }
+}
 
 /// A monitor that starts with this fault works all the same, and publishes once it is over.
 class FaultShmAtTheStart : public FaultTest {
@@ -24,11 +41,12 @@ protected:
         ASSERT_TRUE(letACycleGoBy());
         expectUnharmed("with the fault");
         EXPECT_EQ(applicationSegment(), "") << "it could be written";
+        expectTold(error);
         ASSERT_TRUE(OwnMounts::change(monitorPid_, cure));
         ASSERT_TRUE(duringPasses([] { return !readFile(kHeartbeats).empty(); }));
         expectAllIsWell("afterwards");
         expectLeftAlone("afterwards");
-        EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
+        expectRecoveryTold(error);
         EXPECT_EQ(monitor_.terminate().text(), "status 0");
     }
 };
@@ -55,7 +73,7 @@ TEST_F(FaultShmAtTheStart, LauncherReturnsAllTheSame) {
 /// What was published last stays, and is not renewed until the fault is over.
 class FaultShm : public FaultTest {
 protected:
-    void expectEndured(const std::string& fault, const std::string& cure) {
+    void expectEndured(const std::string& fault, const std::string& cure, int error) {
         const OwnMounts mounts;
         ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
         ASSERT_TRUE(OwnMounts::change(monitorPid_, fault));
@@ -67,20 +85,21 @@ protected:
         }
         EXPECT_EQ(publishedHours(), hours) << "it could be written";
         expectServing();
+        expectTold(error);
         ASSERT_TRUE(OwnMounts::change(monitorPid_, cure));
         expectAllIsWell("afterwards");
         expectLeftAlone("afterwards");
-        EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
+        expectRecoveryTold(error);
         EXPECT_EQ(monitor_.terminate().text(), "status 0");
     }
 };
 
 TEST_F(FaultShm, BecomesReadOnly) {
-    expectEndured(readOnlyFolder("/dev/shm"), uncovered("/dev/shm"));
+    expectEndured(readOnlyFolder("/dev/shm"), uncovered("/dev/shm"), EROFS);
 }
 
 TEST_F(FaultShm, Vanishes) {
-    expectEndured(devicesWithoutShm(), uncovered("/dev"));
+    expectEndured(devicesWithoutShm(), uncovered("/dev"), ENOENT);
 }
 
 /// Nothing can be written into any file, the console's among them.
@@ -93,9 +112,11 @@ TEST_F(FaultShm, LimitOfTheFileSize) {
     EXPECT_EQ(publishedHours(), hours) << "it could be written";
     expectUnharmed("with the limit");
     expectServing();
+    expectTold(EFBIG);
     ASSERT_TRUE(liftLimit(monitorPid_, RLIMIT_FSIZE));
     expectAllIsWell("afterwards");
     expectLeftAlone("afterwards");
+    expectRecoveryTold(EFBIG);
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 

@@ -68,10 +68,7 @@ FullFolder::FullFolder(const std::string& folder)
         (facts.f_blocks - facts.f_bfree) * static_cast<std::uint64_t>(facts.f_bsize);
     EXPECT_TRUE(runShell("mount -o remount,size=" + std::to_string(used + kRoomForTheTest) + " " +
                          folder_));
-    std::ofstream file(filler_, std::ios::binary);
-    const std::string block(1024, 'x');
-    while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
-    }
+    fill();
 }
 
 FullFolder::~FullFolder() {
@@ -84,6 +81,13 @@ FullFolder::~FullFolder() {
 bool FullFolder::isFull() const {
     const struct statfs facts = factsOf(folder_);
     return facts.f_type == kTmpfsMagic && facts.f_bavail == 0;
+}
+
+void FullFolder::fill() const {
+    std::ofstream file(filler_, std::ios::binary | std::ios::app);
+    const std::string block(1024, 'x');
+    while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
+    }
 }
 
 void FullFolder::release() {

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/types.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -38,7 +39,8 @@ std::string uncovered(const std::string& folder);
 /// Lines for OwnMounts: /dev with its usual devices and the log, but without /dev/shm.
 std::string devicesWithoutShm();
 
-/// While it lives, a folder that is a memory disk has no block left; `release` gives some back.
+/// While it lives, a folder that is a memory disk has no block left; `release` gives some back, and
+/// `fill` takes what is free by then.
 class FullFolder {
 public:
     explicit FullFolder(const std::string& folder);
@@ -49,6 +51,7 @@ public:
     /// The folder is a memory disk, and it is full.
     bool isFull() const;
 
+    void fill() const;
     void release();
 
 private:
@@ -59,6 +62,15 @@ private:
 /// The monitor has said, once each, that there is no initialization mutex, for want of which it
 /// starts without one.
 void expectMissingMutex(const Daemon& daemon, int error);
+
+/// The lines of the daemon log that tell that a file, a segment or a device cannot be written, at
+/// level 3, and that it can be again, at level 6.
+inline std::string faultLine(const std::string& path, int error) {
+    return path + " cannot be written: " + std::strerror(error);
+}
+inline std::string recoveryLine(const std::string& path) {
+    return path + " is written again";
+}
 
 /// Sets a limit of a running process, for it and for what it starts. False when that fails.
 bool setLimit(pid_t pid, __rlimit_resource resource, rlim_t limit);

@@ -1,5 +1,9 @@
 // /tmp, where the control socket and the pid file lie, while it is full, read-only or missing.
 
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -9,6 +13,14 @@ namespace systemtest {
 namespace {
 
 using FaultTmp = FaultTest;
+
+const std::string kLost = "/tmp/appmon_sock is not the control socket any more";
+const std::string kBack = "/tmp/appmon_sock is the control socket again";
+
+/// The monitor has said that often that its socket is lost, and that it is there again.
+bool hasRecovered(std::size_t times) {
+    return eventually([&] { return countLog(6, kBack) == times; }) && countLog(3, kLost) == times;
+}
 
 /// What a start shows and logs when the socket cannot be made. The last line of each is from the
 /// clean-up at its end.
@@ -45,7 +57,7 @@ const std::string kWithTmpAgain = "mkdir /mnt/tmp; mount --rbind /tmp /mnt/tmp\n
 // --- at the start --------------------------------------------------------------------------------
 
 TEST_F(FaultTmp, FullDiskAtTheStart) {
-    const FullFolder full("/tmp");
+    FullFolder full("/tmp");
     if (!full.isFull()) {
         GTEST_SKIP() << "/tmp is no memory disk here";
     }
@@ -55,6 +67,13 @@ TEST_F(FaultTmp, FullDiskAtTheStart) {
     ASSERT_TRUE(eventually([&] { return daemon.workersWait(); }));
     expectServing();
     EXPECT_EQ(readFile(daemon.pidFile()), "") << "there was room";
+    EXPECT_TRUE(waitForLog(3, faultLine(daemon.pidFile(), ENOSPC)));
+    full.release();
+    const pid_t pid = launch("data_server");
+    const std::string pidFile =
+        "/tmp/pid" + programPath("data_server") + ".pid." + std::to_string(pid);
+    EXPECT_TRUE(eventually([&] { return !readFile(pidFile).empty(); })) << "with room again";
+    EXPECT_EQ(readFile(daemon.pidFile()), "") << "it is written at the start alone";
     EXPECT_EQ(daemon.terminate().text(), "status 0");
     EXPECT_FALSE(fileExists(daemon.pidFile()));
     EXPECT_FALSE(fileExists(kSocketPath));
@@ -142,14 +161,89 @@ TEST_F(FaultTmp, FolderThatVanishes) {
     const OwnMounts mounts(kRootOfItsOwn + "exec chroot /mnt \"$0\" \"$@\"");
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     ASSERT_TRUE(OwnMounts::change(monitorPid_, kWithoutTmp));
+    ASSERT_TRUE(waitForLog(3, kLost));
     expectServing();
     ASSERT_TRUE(letACycleGoBy());
     expectUnharmed("without /tmp");
     expectLeftAlone("without /tmp");
     ASSERT_TRUE(OwnMounts::change(monitorPid_, kWithTmpAgain));
+    ASSERT_TRUE(hasRecovered(1));
     expectAllIsWell("with /tmp again");
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
     EXPECT_FALSE(fileExists(kSocketPath));
+}
+
+// --- the socket file -----------------------------------------------------------------------------
+
+/// While it lives, there is an empty /tmp for everybody.
+class EmptyTmp {
+public:
+    EmptyTmp()
+        : stands_(::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) == 0) {}
+    ~EmptyTmp() {
+        if (stands_) {
+            EXPECT_EQ(::umount2("/tmp", MNT_DETACH), 0); // the monitor's socket is there
+        }
+    }
+    EmptyTmp(const EmptyTmp&) = delete;
+    EmptyTmp& operator=(const EmptyTmp&) = delete;
+
+    bool stands() const { return stands_; }
+
+private:
+    bool stands_;
+};
+
+TEST_F(FaultTmp, FolderThatIsReplacedByAnEmptyOne) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    {
+        const EmptyTmp empty;
+        ASSERT_TRUE(empty.stands());
+        ASSERT_TRUE(hasRecovered(1));
+        EXPECT_EQ(permissions(kSocketPath), 0777);
+        expectAllIsWell("in the empty folder");
+        expectLeftAlone("in the empty folder");
+    }
+    ASSERT_TRUE(hasRecovered(2)) << "nobody listens on the old socket any more";
+    expectAllIsWell("in the old folder");
+    expectLeftAlone("in the old folder");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+    EXPECT_FALSE(fileExists(kSocketPath));
+}
+
+TEST_F(FaultTmp, SocketFileThatIsRemovedOrReplaced) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    const std::size_t descriptors = descriptorsOf(monitorPid_).size();
+    std::size_t times = 0;
+    for (const char* command : {"rm $S", "rm $S; echo file >$S", "rm $S; mkfifo $S",
+                                "rm $S; echo precious >/tmp/target; ln -s /tmp/target $S",
+                                "rm $S; rm /tmp/target; ln -s /tmp/target $S"}) {
+        ASSERT_TRUE(runShell(std::string("S=") + kSocketPath + "; " + command));
+        const std::string target = readFile("/tmp/target");
+        ASSERT_TRUE(hasRecovered(++times)) << command;
+        expectServing();
+        EXPECT_EQ(readFile("/tmp/target"), target) << command;
+    }
+    EXPECT_TRUE(eventually([&] { return descriptorsOf(monitorPid_).size() <= descriptors; }));
+    expectAllIsWell("afterwards");
+    expectLeftAlone("afterwards");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+    EXPECT_FALSE(fileExists(kSocketPath));
+}
+
+TEST_F(FaultTmp, DirectoryInPlaceOfTheSocketFile) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(runShell(std::string("S=") + kSocketPath + "; rm $S; mkdir $S"));
+    ASSERT_TRUE(waitForLog(3, kLost));
+    sleepMs(5000);
+    expectUnharmed("with a directory");
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{kLost}) << "once";
+    EXPECT_EQ(countLog(6, kBack), 0U);
+    ASSERT_EQ(::rmdir(kSocketPath), 0);
+    ASSERT_TRUE(hasRecovered(1));
+    expectAllIsWell("afterwards");
+    expectLeftAlone("afterwards");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 
 } // namespace

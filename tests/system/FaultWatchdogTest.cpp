@@ -6,12 +6,14 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/UniqueFd.h"
 #include "tests/system/Applications.h"
+#include "tests/system/FaultSupport.h"
 #include "tests/system/Watchdog.h"
 
 namespace systemtest {
@@ -76,17 +78,39 @@ TEST_F(FaultWatchdog, FileThatIsRemovedIsFedThroughTheOpenDescriptor) {
     EXPECT_EQ(monitor_.errors(), "");
 }
 
-TEST_F(FaultWatchdog, DeviceThatIsPulledOutIsNoReasonToComplain) {
-    PullableWatchdog watchdog;
-    ASSERT_TRUE(watchdog.plugged());
-    ASSERT_TRUE(startMonitorInForeground(kFeeding));
-    ASSERT_TRUE(eventually([&] { return watchdog.fed() == "w"; }));
-    ASSERT_TRUE(waitForLog(6, "App monitor started"));
-    watchdog.pull();
-    sleepMs(5000);
+/// The open descriptor is kept, as is required: a device that takes the place of the one that was
+/// pulled out is not opened.
+TEST_F(FaultWatchdog, DeviceThatIsPulledOutIsToldOnceAndNotReplaced) {
+    {
+        PullableWatchdog watchdog;
+        ASSERT_TRUE(watchdog.plugged());
+        ASSERT_TRUE(startMonitorInForeground(kFeeding));
+        ASSERT_TRUE(eventually([&] { return watchdog.fed() == "w"; }));
+        watchdog.pull();
+        sleepMs(5000);
+    }
+    sleepMs(3000);
+    EXPECT_EQ(watchdogBytes(), "") << "the one that is there now is fed";
     EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "nobody")).code, -20);
-    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{faultLine(kWatchdogPath, EIO)});
+    EXPECT_EQ(countLog(6, recoveryLine(kWatchdogPath)), 0U);
     EXPECT_EQ(monitor_.errors(), "");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
+TEST_F(FaultWatchdog, DeviceThatFailsForAWhileIsFedAgain) {
+    ASSERT_TRUE(startMonitorInForeground(kFeeding));
+    ASSERT_TRUE(eventually([] { return !watchdogBytes().empty(); }));
+    ASSERT_TRUE(setLimit(monitor_.pid(), RLIMIT_FSIZE, 0)); // the stand-in is a file
+    ASSERT_TRUE(waitForLog(3, faultLine(kWatchdogPath, EFBIG)));
+    sleepMs(5000);
+    const std::size_t before = watchdogBytes().size();
+    ASSERT_TRUE(liftLimit(monitor_.pid(), RLIMIT_FSIZE));
+    EXPECT_TRUE(eventually([&] { return watchdogBytes().size() >= before + 3; }));
+    EXPECT_TRUE(waitForLog(6, recoveryLine(kWatchdogPath)));
+    sleepMs(3000);
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{faultLine(kWatchdogPath, EFBIG)});
+    EXPECT_EQ(countLog(6, recoveryLine(kWatchdogPath)), 1U);
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 

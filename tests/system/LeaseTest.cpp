@@ -49,9 +49,8 @@ protected:
         client_ = findProgram("/sbin/dhclient");
         server_ = findProgram("/usr/sbin/dhcpd");
         if (client_.empty() || server_.empty()) {
-            GTEST_SKIP() << "LEASES NOT TESTED: no dhclient and dhcpd here; scripts/setup fetches "
-                            "the packages isc-dhcp-client and isc-dhcp-server where they can be "
-                            "had";
+            GTEST_SKIP() << "no dhclient and dhcpd here; scripts/setup fetches the packages "
+                            "isc-dhcp-client and isc-dhcp-server where they can be had";
         }
         PublicationTest::SetUp();
         ASSERT_NO_FATAL_FAILURE(separateNetworks());

@@ -57,16 +57,8 @@ HeldLog::HeldLog()
 }
 
 HeldLog::~HeldLog() {
-    release();
+    (void)::close(socket_);     // nothing is buffered
     (void)::unlink(kLogSocket); // the real one is put back over it in any case
-}
-
-void HeldLog::release() {
-    // Refused from now on, writers do not wait again.
-    if (socket_ >= 0) {
-        (void)::close(socket_);
-        socket_ = -1;
-    }
 }
 
 } // namespace systemtest

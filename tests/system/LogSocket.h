@@ -14,7 +14,8 @@ public:
     LogAside& operator=(const LogAside&) = delete;
 };
 
-/// While it is held, /dev/log takes no message: its queue is full and nobody reads it.
+/// While it lives, /dev/log takes no message: its queue is full and nobody reads it. Afterwards
+/// writers find nobody there and do not wait again.
 class HeldLog {
 public:
     HeldLog();
@@ -25,12 +26,9 @@ public:
     /// The queue could be filled.
     bool holds() const { return holds_; }
 
-    /// Closes it: writers find nobody from then on. May be called again.
-    void release();
-
 private:
     LogAside aside_;
-    int socket_ = -1;
+    int socket_;
     bool holds_ = false;
 };
 

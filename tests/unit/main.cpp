@@ -13,6 +13,7 @@
 #include "appmanager/AppManager.h"
 #include "appmanager/RequestFiles.h"
 #include "platform/Settings.h"
+#include "platform/SystemEvent.h"
 #include "runtime/Globals.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/InitialSettings.h"
@@ -65,6 +66,8 @@ void resetRuntime() {
     saved_sa = {};
     timerid = kNoTimer;
     wdog_fd = -1;
+    g_watchdogError = 0;
+    platform::g_eventLogError = 0;
     thread_heartbeat_counter = 0;
     detect_heartbeat = 0;
     ::optind = 0; // makes getopt begin anew

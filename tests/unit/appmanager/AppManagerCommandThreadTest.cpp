@@ -194,7 +194,7 @@ TEST_F(CommandThreadTest, EndsAfterTheRequestDuringWhichItShutsDown) {
     EXPECT_TRUE(wakeUntil([] { return fakes::liveWorkers() == 0; }));
     EXPECT_THAT(manager_.finished(), ElementsAre("one"));
     ASSERT_THAT(Access::queue(manager_), SizeIs(1));
-    EXPECT_STREQ(Access::queue(manager_)[0].name, "two");
+    EXPECT_STREQ(Access::queue(manager_).front().name, "two");
     EXPECT_EQ(Access::commandThread(manager_), 0U);
     EXPECT_TRUE(manager_.commandThreadHasLeft());
 }

@@ -1,5 +1,6 @@
 #include <pthread.h>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -68,6 +69,84 @@ TEST_F(StartAppTest, SucceedsSilently) {
     scriptLaunch(801);
     start("/bin/app");
     EXPECT_EQ(world().consoleText(), "");
+}
+
+// --- a registry that has to grow -----------------------------------------------------------------
+
+/// The registry has room for one more application, which is started.
+class FullRegistryTest : public StartAppTest {
+protected:
+    void SetUp() override {
+        StartAppTest::SetUp();
+        applist.shrink_to_fit();
+        applist.reserve(3);
+        applist.resize(applist.capacity() - 1, makeApp("other", 700));
+        scriptLaunch(801);
+        EXPECT_EQ(start("/bin/app"), 0);
+        full_ = applist.size();
+        world().forgetRecords();
+        world().mallocs = {};
+    }
+
+    void expectRefused(int result) {
+        EXPECT_EQ(result, -3);
+        EXPECT_EQ(applist.size(), full_);
+        EXPECT_EQ(world().count("fork"), 0U) << "what was launched runs unsupervised";
+        EXPECT_THAT(world().logTexts(kLevelError),
+                    Contains("startApp: no memory for more than " + std::to_string(full_) +
+                             " applications"));
+    }
+
+    std::size_t full_ = 0;
+};
+
+TEST_F(FullRegistryTest, Grows) {
+    scriptLaunch(802);
+    EXPECT_EQ(start("/bin/app"), 0);
+    EXPECT_EQ(applist.size(), full_ + 1);
+    EXPECT_EQ(applist.back().pid, 802);
+    EXPECT_EQ(applist[full_ - 1].pid, 801) << "what was there has moved";
+    EXPECT_THAT(world().logTexts(kLevelError), IsEmpty());
+}
+
+TEST_F(FullRegistryTest, LaunchesNothingThatItHasNoMemoryFor) {
+    world().mallocs.failNext = 1;
+    expectRefused(start("/bin/app"));
+    EXPECT_THAT(logLines(), SizeIs(1));
+    EXPECT_FALSE(registryIsHeld());
+}
+
+TEST_F(FullRegistryTest, ShowsTheFailureAsAnyOther) {
+    verbose = 2;
+    world().mallocs.failNext = 1;
+    start("/bin/app");
+    EXPECT_EQ(world().consoleText(), "startApp failed for app\n");
+}
+
+TEST_F(FullRegistryTest, FailedStartIsLoggedAndNotAnswered) {
+    world().mallocs.failNext = 1;
+    expectRefused(process(APPMONCTL_Start, "more", "/bin/more"));
+    EXPECT_EQ(logLines().back(), Line(kLevelError, "more fails to start"));
+    expectNoReply();
+}
+
+TEST_F(FullRegistryTest, TakesTheNextOnceThereIsMemory) {
+    world().mallocs.failNext = 1;
+    expectRefused(start("/bin/app"));
+    scriptLaunch(802);
+    EXPECT_EQ(start("/bin/app"), 0);
+    EXPECT_EQ(applist.size(), full_ + 1);
+}
+
+TEST_F(FullRegistryTest, TakesTheNextOnceAnotherHasGone) {
+    world().mallocs.failNext = 1;
+    expectRefused(start("/bin/app"));
+    applist.pop_back();
+    const std::size_t room = applist.capacity();
+    scriptLaunch(802);
+    EXPECT_EQ(start("/bin/app"), 0);
+    EXPECT_EQ(applist.size(), full_);
+    EXPECT_EQ(applist.capacity(), room) << "no need to grow";
 }
 
 TEST_F(StartAppTest, DoesNotHoldTheRegistryWhileTheLaunchWaits) {

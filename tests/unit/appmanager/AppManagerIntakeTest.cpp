@@ -33,6 +33,7 @@ using testing::SizeIs;
 using Access = AppManagerTestAccess;
 
 using levels::kLevelDebug;
+using levels::kLevelError;
 
 // --- processRequest ------------------------------------------------------------------------------
 
@@ -53,8 +54,8 @@ TEST_F(AppManagerIntakeTest, QueuesAtTheBack) {
     queue("one");
     queue("two");
     ASSERT_THAT(Access::queue(manager_), SizeIs(2));
-    EXPECT_STREQ(Access::queue(manager_)[0].name, "one");
-    EXPECT_STREQ(Access::queue(manager_)[1].name, "two");
+    EXPECT_STREQ(Access::queued(manager_)[0].name, "one");
+    EXPECT_STREQ(Access::queued(manager_)[1].name, "two");
 }
 
 TEST_F(AppManagerIntakeTest, AcceptsEveryAction) {
@@ -117,6 +118,36 @@ TEST_F(AppManagerIntakeTest, TakesPercentSignsAsText) {
     EXPECT_EQ(world().consoleText(), "processRequest(cmd=%s %d %n)\n");
     EXPECT_THAT(logLines(),
                 ElementsAre(Line{kLevelDebug, "processRequest: action=1 name=%s%n, cmd=%s %d %n"}));
+}
+
+TEST_F(AppManagerIntakeTest, RequestWithoutMemoryIsLoggedAndDropped) {
+    verbose = 8;
+    world().mallocs.failNext = 1;
+    queue("app", "/bin/app");
+    EXPECT_THAT(Access::queue(manager_), IsEmpty());
+    EXPECT_THAT(logLines(),
+                ElementsAre(Line{kLevelError, "processRequest: no memory for action=1 name=app"}));
+    EXPECT_EQ(world().consoleText(), "");
+    queue("next");
+    EXPECT_THAT(Access::queue(manager_), SizeIs(1));
+}
+
+TEST_F(AppManagerIntakeTest, RequestWithoutMemoryIsReadWithinItsBounds) {
+    reqcmd request;
+    std::memset(&request, 'Z', sizeof request);
+    request.action = 3;
+    world().mallocs.failNext = 1;
+    EXPECT_EQ(manager_.processRequest(request), 0);
+    EXPECT_THAT(logLines(), ElementsAre(Line{kLevelError, "processRequest: no memory for action=3 "
+                                                          "name=" +
+                                                              std::string(64, 'Z')}));
+}
+
+TEST_F(AppManagerIntakeTest, RequestWithoutMemoryWakesTheCommandThreadForTheOthers) {
+    const faults::FaultyThreads threads;
+    world().mallocs.failNext = 1;
+    queue("app");
+    EXPECT_THAT(world().calls, ElementsAre("condSignal"));
 }
 
 TEST_F(AppManagerIntakeTest, LeavesBothLocksFree) {
@@ -327,7 +358,7 @@ TEST_F(AppManagerIntakeTest, FinishesTheRequestDuringWhichItShutsDownAndTakesNoO
     EXPECT_FALSE(Access::drainQueue(manager_));
     EXPECT_THAT(manager_.finished(), ElementsAre("one"));
     ASSERT_THAT(Access::queue(manager_), SizeIs(1));
-    EXPECT_STREQ(Access::queue(manager_)[0].name, "two");
+    EXPECT_STREQ(Access::queue(manager_).front().name, "two");
 }
 
 } // namespace

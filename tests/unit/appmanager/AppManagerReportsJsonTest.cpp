@@ -199,6 +199,19 @@ TEST_F(JsonFileTest, LongerOldFileIsTruncated) {
     EXPECT_EQ(content(), std::string(kHead) + kTail);
 }
 
+/// In a folder that everybody may write to, somebody could have given another file its name.
+TEST_F(JsonFileTest, SecondNameOfAnotherFileIsNotWritten) {
+    const std::string other = folder_ + "/other";
+    std::ofstream(other) << "old";
+    ASSERT_EQ(::link(other.c_str(), path_.c_str()), 0);
+    ASSERT_EQ(::chmod(folder_.c_str(), 01777), 0);
+    update();
+    EXPECT_EQ(content(), "old");
+    std::remove(other.c_str());
+    update();
+    EXPECT_EQ(content(), std::string(kHead) + kTail);
+}
+
 TEST_F(JsonFileTest, IsWrittenInPlace) {
     std::ofstream(path_) << "old";
     struct stat before = {};

@@ -366,7 +366,8 @@ TEST_F(ReadTest, WithoutMemoryTheRestIsLeftAndThatIsShown) {
 }
 
 TEST_F(ReadTest, FolderGivesNoRequest) {
-    EXPECT_EQ(readAppConfigurationFileList(folder_.c_str(), 0, queue_), 0);
+    ASSERT_EQ(::mkdir(path_.c_str(), 0700), 0);
+    EXPECT_EQ(read(), 0);
     EXPECT_THAT(queue_, IsEmpty());
 }
 
@@ -424,6 +425,34 @@ TEST_F(AppendTest, FullFifoDoesNotHoldItUp) {
     const std::vector<NumberedLine> lines = numberedLines(world().consoleText());
     ASSERT_THAT(lines, SizeIs(1));
     EXPECT_EQ(lines[0].rest, ") Error 11 writing to " + path_ + ", REQUEST_CMD={action=1,app}");
+}
+
+// --- in a folder that everybody may write to -----------------------------------------------------
+
+TEST_F(AppendTest, FifoThatMayBePlantedTakesNothing) {
+    ASSERT_EQ(::chmod(folder_.c_str(), 01777), 0);
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    const platform::UniqueFd both(::open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(append(makeRequest(APPMONCTL_Stop, "app")), -2);
+    EXPECT_EQ(world().consoleText(),
+              "Error 13 opening " + path_ + " for appending REQUEST_CMD={action=1,app}\n");
+    int size = -1;
+    ASSERT_EQ(::ioctl(both.get(), FIONREAD, &size), 0);
+    EXPECT_EQ(size, 0);
+}
+
+TEST_F(AppendTest, PlainFileTakesRequestsThereToo) {
+    ASSERT_EQ(::chmod(folder_.c_str(), 01777), 0);
+    EXPECT_EQ(append(makeRequest(APPMONCTL_Stop, "app")), 0);
+    EXPECT_EQ(append(makeRequest(APPMONCTL_Stop, "app")), 0);
+    EXPECT_THAT(fileContent(), SizeIs(2 * sizeof(reqcmd)));
+}
+
+TEST_F(ReadTest, FifoThatMayBePlantedGivesNothing) {
+    ASSERT_EQ(::chmod(folder_.c_str(), 0777), 0);
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    EXPECT_EQ(read(), -2);
+    EXPECT_EQ(world().consoleText(), "Error 13 opening " + path_ + " for reading\n");
 }
 
 } // namespace

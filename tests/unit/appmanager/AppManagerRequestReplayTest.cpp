@@ -33,7 +33,7 @@ protected:
 
     static std::vector<std::string> handedOver() {
         std::vector<std::string> names;
-        for (const reqcmd& request : Access::queue(manager())) {
+        for (const reqcmd& request : Access::queued(manager())) {
             names.emplace_back(platform::fieldText(request.name));
         }
         return names;
@@ -79,7 +79,7 @@ TEST_F(ReplayTest, HandsOverARequestWithoutNulAsItIs) {
     writeFile(std::string(sizeof(reqcmd), '\xEE'));
     replay();
     ASSERT_THAT(Access::queue(manager()), SizeIs(1));
-    EXPECT_EQ(imageOf(Access::queue(manager())[0]), std::string(sizeof(reqcmd), '\xEE'));
+    EXPECT_EQ(imageOf(Access::queue(manager()).front()), std::string(sizeof(reqcmd), '\xEE'));
 }
 
 TEST_F(ReplayTest, ShowsEachRequestWithTheTimeOfTheEpochAboveVerbositySix) {

@@ -6,7 +6,8 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <deque>
+#include <cstddef>
+#include <vector>
 
 #include "appmanager/AppManager.h"
 
@@ -15,7 +16,17 @@ public:
     static std::atomic<bool>& shuttingDown(AppManager& manager) { return manager.shutting_down; }
     static pthread_t commandThread(const AppManager& manager) { return manager.commandThread_; }
     static void cancelCommandThread(AppManager& manager) { manager.cancelCommandThread(); }
-    static std::deque<reqcmd>& queue(AppManager& manager) { return manager.reqlist; }
+    static RequestQueue& queue(AppManager& manager) { return manager.reqlist; }
+    /// Copies of what is queued, oldest first.
+    static std::vector<reqcmd> queued(AppManager& manager) {
+        std::vector<reqcmd> requests;
+        for (std::size_t left = manager.reqlist.size(); left > 0; --left) {
+            requests.push_back(manager.reqlist.front());
+            manager.reqlist.pop_front();
+            (void)manager.reqlist.push_back(requests.back()); // back in its place in the end
+        }
+        return requests;
+    }
     static pthread_mutex_t& queueLock(AppManager& manager) { return manager.queue_lock; }
     static pthread_mutex_t& appLock(AppManager& manager) { return manager.app_lock; }
     static bool drainQueue(AppManager& manager) { return manager.drainQueue(); }

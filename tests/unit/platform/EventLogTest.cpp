@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <string>
@@ -104,7 +105,9 @@ TEST_F(EventLog, LineThatFitsOnlyInPartIsTakenBack) {
     ASSERT_EQ(append("Application Monitor Started."), 0);
     for (const std::size_t room : {0U, 1U, 30U, static_cast<unsigned>(sizeof kLine) - 2U}) {
         const FileSizeLimit limit(sizeof kLine - 1 + room);
+        errno = 0;
         EXPECT_NE(append("Application Monitor Started."), 0) << room;
+        EXPECT_EQ(errno, room == 0 ? EFBIG : ENOSPC);
         EXPECT_EQ(readText(log_), kLine) << room;
     }
     EXPECT_EQ(append("Application Monitor Started."), 0);
@@ -225,9 +228,12 @@ TEST_F(EventLog, DoesNotWaitForTheReaderOfAFifo) {
 TEST_F(EventLog, FailsWhereItCannotBeWritten) {
     ASSERT_EQ(::mkdir(log_.c_str(), 0755), 0);
     EXPECT_EQ(append("x"), -1) << "a directory";
+    EXPECT_EQ(errno, EISDIR);
     const zortime8b time = timeOf(0);
     EXPECT_EQ(platform::appendEvent(directory_.file("missing/log").c_str(), "T", time, "x"), -1);
+    EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(platform::appendEvent("/dev/full", "T", time, "x"), -1);
+    EXPECT_EQ(errno, EINVAL) << "no plain file";
     EXPECT_EQ(platform::appendEvent("", "T", time, "x"), -1);
 }
 

@@ -35,6 +35,11 @@ TEST(Memory, CopiesAText) {
     EXPECT_STREQ(static_cast<const char*>(copy.get()), "one two");
 }
 
+TEST(Memory, IsLeftForWhatFits) {
+    EXPECT_TRUE(platform::memoryIsLeft(0));
+    EXPECT_TRUE(platform::memoryIsLeft(1048576));
+}
+
 TEST(Memory, ReleasesNothing) {
     platform::releaseMemory(nullptr);
 }

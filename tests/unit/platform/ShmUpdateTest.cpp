@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -257,6 +258,7 @@ TEST_F(ShmUpdateTest, ADirectoryInItsPlaceFailsUntilItIsGone) {
     ASSERT_EQ(::unlink(path_.c_str()), 0);
     ASSERT_EQ(::mkdir(path_.c_str(), 0700), 0);
     EXPECT_LT(segment_.remapShm(), 0);
+    EXPECT_EQ(errno, EINVAL);
     expectUnreachable();
     EXPECT_LT(segment_.remapShm(), 0);
     ASSERT_EQ(::rmdir(path_.c_str()), 0);
@@ -283,6 +285,7 @@ TEST_F(ShmUpdateTest, AFifoInItsPlaceFailsWithoutWaiting) {
     ASSERT_EQ(::unlink(path_.c_str()), 0);
     ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
     EXPECT_LT(segment_.remapShm(), 0);
+    EXPECT_EQ(errno, EINVAL);
     expectUnreachable();
     EXPECT_EQ(modeOf(path_), 0600U);
     ASSERT_EQ(::unlink(path_.c_str()), 0);

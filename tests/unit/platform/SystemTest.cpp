@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -149,6 +150,30 @@ TEST(FileCalls, RemoveAndLookForFiles) {
     EXPECT_FALSE(platform::pathExists(path.c_str()));
     EXPECT_EQ(platform::removeFile(path.c_str()), -1);
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(FileCalls, IdentityIsThatOfTheFileAndNotOfItsName) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("x");
+    const std::string moved = directory.file("y");
+    EXPECT_EQ(platform::identifyFile(path.c_str()), platform::FileIdentity{});
+    writeText(path, "");
+    const platform::FileIdentity first = platform::identifyFile(path.c_str());
+    EXPECT_FALSE(first == platform::FileIdentity{});
+    ASSERT_EQ(std::rename(path.c_str(), moved.c_str()), 0);
+    writeText(path, "");
+    EXPECT_EQ(platform::identifyFile(moved.c_str()), first);
+    EXPECT_FALSE(platform::identifyFile(path.c_str()) == first);
+}
+
+TEST(FileCalls, IdentityOfALinkIsItsOwn) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("x");
+    const std::string link = directory.file("link");
+    writeText(path, "");
+    ASSERT_EQ(::symlink(path.c_str(), link.c_str()), 0);
+    EXPECT_FALSE(platform::identifyFile(link.c_str()) == platform::FileIdentity{});
+    EXPECT_FALSE(platform::identifyFile(link.c_str()) == platform::identifyFile(path.c_str()));
 }
 
 // --- the machine ---

@@ -1,12 +1,16 @@
 #include "platform/TextFile.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 
+#include <cstddef>
+#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "platform/Memory.h"
 
 namespace {
 
@@ -95,6 +99,50 @@ TEST_F(TextFileTest, ReadsTheFilesOfProc) {
         EXPECT_FALSE(text_.empty()) << path;
         EXPECT_EQ(text_.back(), '\n') << path;
     }
+}
+
+// --- without memory ------------------------------------------------------------------------------
+
+/// In a process that gets no more memory from now on.
+class TextFileDeathTest : public TextFileTest {
+protected:
+    void SetUp() override {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        GTEST_SKIP() << "a sanitizer needs more than any limit";
+#endif
+    }
+
+    static void refuseMemory() {
+        const rlimit nothing = {0, 0};
+        (void)::setrlimit(RLIMIT_AS, &nothing); // cannot fail downwards
+        while (platform::memoryIsLeft(0)) {
+            (void)platform::allocateMemory(platform::kMemoryReserve); // this process ends soon
+        }
+    }
+};
+
+TEST_F(TextFileDeathTest, BeginningThatThereIsRoomForIsRead) {
+    writeText(path_, sampleOf(500000));
+    text_.reserve(4096);
+    const std::string beginning = sampleOf(text_.capacity());
+    EXPECT_EXIT(
+        {
+            refuseMemory();
+            const bool read = readTextFile(path_.c_str(), text_);
+            std::_Exit(read && text_ == beginning ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(TextFileDeathTest, WithoutRoomForAnythingNothingIsRead) {
+    writeText(path_, "text");
+    text_ = std::string();
+    EXPECT_EXIT(
+        {
+            refuseMemory();
+            std::_Exit(readTextFile(path_.c_str(), text_) ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST_F(TextFileTest, FollowsALink) {

@@ -44,11 +44,12 @@ inline std::string bytesOf(const reqcmd& request) {
     return {reinterpret_cast<const char*>(&request), sizeof request};
 }
 
-/// A manager that listens, without a command thread.
+/// A manager that listens and publishes, without a command thread.
 class MainLoopTest : public testing::Test {
 protected:
     void SetUp() override {
         manager_.initCommunication();
+        (void)AppManagerTestAccess::statusUpdate(manager_).initUserShm(applist, false);
         appmgr = &manager_;
         reportWatchdogEvents();
         fakes::world().forgetRecords();

@@ -1,24 +1,65 @@
 #include "runtime/MainLoop.h"
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/SystemEvent.h"
 #include "runtime/Signals.h"
 #include "tests/unit/LogLevels.h"
 #include "tests/unit/runtime/MainLoopFixture.h"
+#include "tests/unit/runtime/RuntimeSupport.h"
 
 namespace {
 
 using namespace runtimetest;
 using fakes::world;
 using levels::kLevelDebug;
+using levels::kLevelError;
+using levels::kLevelInfo;
 using platform::WaitResult;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+
+// --- faults that the loop tells of ---------------------------------------------------------------
+
+TEST_F(MainLoopTest, LostEventsAreToldOnceAndSoIsTheirEnd) {
+    const auto event = [](int error) {
+        return [error] {
+            world().eventErrno = error;
+            platform::logSystemEvent("event");
+            return WaitResult::TimedOut;
+        };
+    };
+    runTurns({event(0), event(EROFS), event(EROFS), nobody, event(ENOSPC), event(0), event(0)},
+             kNever);
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/var/log/meter_events.log cannot be written: Read-only file system"));
+    EXPECT_THAT(world().logTexts(kLevelInfo),
+                ElementsAre("/var/log/meter_events.log is written again"));
+    EXPECT_THAT(world().log, SizeIs(2));
+}
+
+TEST_F(MainLoopTest, WatchdogThatIsNotFedIsToldOnceAndSoIsItsEnd) {
+    initWatchDog = true;
+    wdog_fd = kDevice;
+    const auto feed = [](int error) {
+        return [error] {
+            world().writeResults = {{error == 0 ? 1 : -1, error}};
+            tick();
+            return WaitResult::TimedOut;
+        };
+    };
+    runTurns({feed(0), feed(ENODEV), feed(ENODEV), nobody, feed(EIO), feed(0), feed(0)}, kNever);
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/dev/watchdog cannot be written: No such device"));
+    EXPECT_THAT(world().logTexts(kLevelInfo), ElementsAre("/dev/watchdog is written again"));
+    EXPECT_THAT(world().log, SizeIs(2));
+}
 
 // --- the turn ------------------------------------------------------------------------------------
 
@@ -71,21 +112,22 @@ TEST_F(MainLoopTest, RequestIsQueuedBeforeASecondOfSleep) {
     EXPECT_TRUE(queuedBefore);
     EXPECT_THAT(world().callsOf("sleep"), ElementsAre("sleep 1000"));
     ASSERT_THAT(AppManagerTestAccess::queue(manager_), SizeIs(1));
-    EXPECT_EQ(bytesOf(AppManagerTestAccess::queue(manager_)[0]), bytesOf(requestNamed("meter")));
+    EXPECT_EQ(bytesOf(AppManagerTestAccess::queued(manager_)[0]), bytesOf(requestNamed("meter")));
     EXPECT_EQ(world().consoleText(), "");
 }
 
 TEST_F(MainLoopTest, OneRequestATurn) {
     runTurns({client("first"), client("second"), nobody}, kNever);
     ASSERT_THAT(AppManagerTestAccess::queue(manager_), SizeIs(2));
-    EXPECT_STREQ(AppManagerTestAccess::queue(manager_)[1].name, "second");
+    EXPECT_STREQ(AppManagerTestAccess::queued(manager_)[1].name, "second");
     EXPECT_THAT(world().callsOf("sleep"), ElementsAre("sleep 1000", "sleep 1000", "sleep 100"));
 }
 
 TEST_F(MainLoopTest, ShortRequestIsProcessedWithTheRestOfThePreviousOne) {
     runTurns({client("previous"), [] { return clientSending("n"); }}, kNever);
     ASSERT_THAT(AppManagerTestAccess::queue(manager_), SizeIs(2));
-    EXPECT_EQ(bytesOf(AppManagerTestAccess::queue(manager_)[1]), bytesOf(requestNamed("nrevious")));
+    EXPECT_EQ(bytesOf(AppManagerTestAccess::queued(manager_)[1]),
+              bytesOf(requestNamed("nrevious")));
 }
 
 // --- the record file -----------------------------------------------------------------------------

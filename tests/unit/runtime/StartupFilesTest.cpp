@@ -64,6 +64,9 @@ TEST_F(StartupFilesTest, PidFileThatCannotBeWrittenStopsNothing) {
     EXPECT_EQ(pidfile, "/tmp/pid/home/kelvo/root/ovard.pid.4321");
     EXPECT_EQ(world().errorText(), "");
     EXPECT_EQ(world().count("heartbeat_notify"), 1U);
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/tmp/pid/home/kelvo/root/ovard.pid.4321 cannot be written: Read-only "
+                            "file system"));
 }
 
 TEST_F(StartupFilesTest, ShutdownAfterTheLoopRemovesThePidFile) {

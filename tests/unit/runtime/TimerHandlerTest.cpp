@@ -74,6 +74,20 @@ TEST_F(TimerHandlerTest, FailingFeedCountsAndKeepsTheDevice) {
     EXPECT_EQ(wdog_fd, kDevice);
     EXPECT_EQ(thread_heartbeat_counter, 1U);
     EXPECT_EQ(world().errorText(), "");
+    EXPECT_EQ(world().count("closefd"), 0U);
+    tick();
+    EXPECT_EQ(world().count("watchdog"), 0U);
+    EXPECT_EQ(world().writtenTo(kDevice), "w");
+}
+
+TEST_F(TimerHandlerTest, ErrorOfTheLastFeedIsKept) {
+    wdog_fd = kDevice;
+    world().writeResults = {{-1, ENODEV}, {-1, 0}, {0, 0}, {1, 0}};
+    for (const int error : {ENODEV, EIO, EIO, 0}) {
+        errno = ENOTTY;
+        tick();
+        EXPECT_EQ(g_watchdogError, error);
+    }
 }
 
 TEST_F(TimerHandlerTest, KeepsErrno) {

@@ -1,0 +1,20 @@
+#include "server/FaultNotice.h"
+
+#include <cstring>
+
+#include "server/AppServer.h"
+
+void FaultNotice::update(AppServer& log, int error) {
+    const bool fails = error != 0;
+    if (fails == lasts_) {
+        return;
+    }
+    lasts_ = fails;
+    if (fails) {
+        char text[128];
+        log.writeLog(kLogError, "%s cannot be written: %s", path_,
+                     ::strerror_r(error, text, sizeof text));
+    } else {
+        log.writeLog(kLogInfo, "%s is written again", path_);
+    }
+}

@@ -2,8 +2,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <unistd.h>
 
+#include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -109,9 +112,27 @@ void ChildGuard::end() {
     }
 }
 
+namespace {
+
+constexpr char kSleeper[] = "OVARD_TEST_SLEEPER";
+
+/// Started as a sleeper this program does nothing else. Other programs that sleep may look at
+/// argv[0], as busybox does.
+__attribute__((constructor)) void sleepIfStartedAsSleeper() {
+    while (std::getenv(kSleeper) != nullptr) {
+        ::pause();
+    }
+}
+
+} // namespace
+
 pid_t startSleeper(const std::string& program, const char* seconds) {
+    char self[PATH_MAX] = "";
+    (void)!::readlink("/proc/self/exe", self, sizeof self - 1);
     const pid_t child = startChild([&] {
-        ::execl("/bin/sleep", program.c_str(), seconds, nullptr);
+        ::setenv(kSleeper, "", 1);
+        ::execl(self, program.c_str(), seconds, nullptr);
+        ::execl("/bin/sleep", program.c_str(), seconds, nullptr); // in the emulation of a process
         return 127;
     });
     const std::string nul(1, '\0');

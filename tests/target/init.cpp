@@ -162,12 +162,12 @@ void setEnvironment() {
         {"OVARD_SOAK_SECONDS", "20"}, // a third of the default
         {"OVARDCTL_BINARY", "/opt/ovard/ovardctl"},
         {"OVARD_BINARY", "/opt/ovard/ovard"},
-        {"REFUSED_MEMORY_LIBRARY", "/opt/ovard/shared/libovard_refused_memory.so"},
+        {"REFUSED_MEMORY_LIBRARY", "/opt/ovard/dynamic/libovard_refused_memory.so"},
         {"SAMPLE_APP_BINARY", "/opt/ovard/sample_app"},
         {"SANDBOX_INIT_BINARY", "/opt/ovard/ovard_sandbox_init"},
         {"SANDBOX_PROGRAM", "/opt/ovard/ovard_target_sandbox"},
         {"SET_SIGNALS_BINARY", "/opt/ovard/ovard_set_signals"},
-        {"WALL_CLOCK_LIBRARY", "/opt/ovard/shared/libovard_wall_clock.so"},
+        {"WALL_CLOCK_LIBRARY", "/opt/ovard/dynamic/libovard_wall_clock.so"},
     };
     for (const auto& [name, value] : kVariables) {
         (void)::setenv(name, value, 1); // no memory: the command will not start either

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -99,6 +100,9 @@ void giveMemoryToTheWord(int, siginfo_t* info, void*) {
     g_word->giveMemory();
 }
 
+/// The change of the action before which another thread sets one, counted from now; 0: none.
+int g_changesUntilAnother = 0;
+
 void setAction(void (*handler)(int), int flags = 0) {
     struct sigaction action = {};
     action.sa_handler = handler;
@@ -113,6 +117,24 @@ void setHelpfulAction(const Word& word) {
     action.sa_flags = SA_SIGINFO;
     ::sigaction(SIGBUS, &action, nullptr);
 }
+
+} // namespace
+
+// What stands between the program and the system's call.
+extern "C" {
+
+int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* old);
+
+int __wrap_sigaction(int signal, const struct sigaction* action, struct sigaction* old) {
+    if (action != nullptr && g_changesUntilAnother > 0 && --g_changesUntilAnother == 0) {
+        setAction(countSignal);
+    }
+    return __real_sigaction(signal, action, old);
+}
+
+} // extern "C"
+
+namespace {
 
 /// Runs `meanwhile` while another thread is within its touch, which ends well.
 template <typename Meanwhile> bool duringATouch(Meanwhile meanwhile) {
@@ -216,6 +238,42 @@ TEST(BusError, LeavesAnActionThatIsSetMeanwhile) {
         outcomeOf([] { return duringATouch([] { setAction(countSignal); }) && hasAction(0); }), 0);
 }
 
+/// The action that the process has while it touches.
+struct sigaction actionOfATouch() {
+    struct sigaction found = {};
+    (void)duringATouch([&] { ::sigaction(SIGBUS, nullptr, &found); });
+    return found;
+}
+
+// A program may look at its action while one of its threads touches, and put that back later.
+TEST(BusError, ActionOfATouchThatIsFoundAgainStandsForTheFormerOne) {
+    EXPECT_EQ(outcomeOf([] {
+                  setAction(countSignal);
+                  const struct sigaction ours = actionOfATouch();
+                  ::sigaction(SIGBUS, &ours, nullptr);
+                  ::raise(SIGBUS);
+                  const bool survived = survivesBusError([] { ::raise(SIGBUS); });
+                  return survived && g_handled == 2 && hasAction(0);
+              }),
+              0);
+}
+
+void ignoreSignal(int) {}
+
+// Another thread sets an action between the last look at the old one and the change, which is the
+// first of a touch or the last.
+TEST(BusError, LeavesAnActionThatIsSetAtTheLastMoment) {
+    for (const int change : {1, 2}) {
+        EXPECT_EQ(outcomeOf([=] {
+                      setAction(ignoreSignal);
+                      g_changesUntilAnother = change;
+                      const bool survived = survivesBusError([] { ::raise(SIGBUS); });
+                      return survived && hasAction(0) && g_handled == (change == 1 ? 1 : 0);
+                  }),
+                  0);
+    }
+}
+
 TEST(BusError, LeavesTheMaskAndTheCancellationOfTheThread) {
     EXPECT_EQ(outcomeOf([] {
                   sigset_t before;
@@ -262,6 +320,7 @@ TEST(BusError, OfAnotherThreadMeanwhileGetsTheActionOfTheProcess) {
                   const Word word(false);
                   setHelpfulAction(word);
                   const bool survived = duringATouch([&] { word.write(7); });
+                  g_word = nullptr;
                   return survived && g_handled == 1 && g_code == BUS_ADRERR && word.read() == 7;
               }),
               0);
@@ -289,6 +348,71 @@ TEST(BusError, SentToTheThreadThatTouchesIsNoFault) {
               0);
 }
 
+// A handler that stayed away would leave the fault that follows to the system.
+TEST(BusError, SentAndIgnoredTakesNoProtectionAway) {
+    EXPECT_EQ(outcomeOf([] {
+                  setAction(SIG_IGN);
+                  const Word word(false);
+                  return !survivesBusError([&] {
+                      ::raise(SIGBUS);
+                      word.write(1);
+                  });
+              }),
+              0);
+}
+
+void block(int signal) {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, signal);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+}
+
+/// Takes a bus error that waits for this thread; false when there is none.
+bool takeBusError() {
+    sigset_t awaited;
+    sigemptyset(&awaited);
+    sigaddset(&awaited, SIGBUS);
+    const timespec atOnce = {};
+    return ::sigtimedwait(&awaited, nullptr, &atOnce) == SIGBUS;
+}
+
+bool sendToTheThread() {
+    return ::raise(SIGBUS) == 0;
+}
+
+bool sendToTheProcess() {
+    return ::kill(::getpid(), SIGBUS) == 0;
+}
+
+TEST(BusError, SentToWhoWaitsForItIsLeftToHim) {
+    for (bool (*const send)() : {sendToTheThread, sendToTheProcess}) {
+        for (void (*const action)(int) : {SIG_DFL, SIG_IGN, countSignal}) {
+            EXPECT_EQ(outcomeOf([=] {
+                          setAction(action);
+                          block(SIGBUS);
+                          const bool beforehand = send() && Word(true).survivesWriting(1) &&
+                                                  takeBusError() && !takeBusError();
+                          const bool meanwhile = survivesBusError([=] { (void)send(); }) &&
+                                                 takeBusError() && !takeBusError();
+                          return beforehand && meanwhile && g_handled == 0;
+                      }),
+                      0);
+        }
+    }
+}
+
+TEST(BusError, SentToTheProcessIsLeftToAnotherThreadThatWaitsForIt) {
+    EXPECT_EQ(outcomeOf([] {
+                  block(SIGBUS);
+                  std::thread touches(
+                      [] { (void)survivesBusError([] { (void)sendToTheProcess(); }); });
+                  touches.join();
+                  return takeBusError();
+              }),
+              0);
+}
+
 // --- interruptions -------------------------------------------------------------------------------
 
 TEST(BusError, HandlersWaitForTheEndOfATouch) {
@@ -300,6 +424,29 @@ TEST(BusError, HandlersWaitForTheEndOfATouch) {
                       during = g_handled;
                   });
                   return survived && during == 0 && g_handled == 1;
+              }),
+              0);
+}
+
+/// Forks, and remembers the child; the child itself goes on as its parent does.
+std::atomic<pid_t> g_child{-1};
+
+void forkOnce(int) {
+    g_child = ::fork();
+}
+
+TEST(BusError, HandlerOfTheThreadThatTouchesMayFork) {
+    EXPECT_EQ(outcomeOf([] {
+                  setAction(forkOnce);
+                  const bool survived = survivesBusError([] { ::raise(SIGBUS); }) &&
+                                        !Word(false).survivesWriting(1) &&
+                                        Word(true).survivesWriting(1);
+                  if (g_child == 0) {
+                      ::_exit(survived ? 0 : 1);
+                  }
+                  return survived && endOf(g_child) == 0 &&
+                         endOf(startChild([] { return Word(true).survivesWriting(2) ? 0 : 1; })) ==
+                             0;
               }),
               0);
 }

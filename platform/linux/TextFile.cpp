@@ -32,23 +32,24 @@ bool readTextFile(const char* path, std::string& text) {
         return false;
     }
     // The size that the system states is 0 for files of /proc.
-    if (!resizeText(text, std::clamp(text.capacity(), kFirstSize, kLongestTextFile))) {
-        return false;
-    }
+    std::size_t size = std::clamp(text.capacity(), kFirstSize, kLongestTextFile);
     std::size_t used = 0;
-    ssize_t count = 0;
-    while (used < kLongestTextFile &&
-           (count = readFully(file.get(), text.data() + used, text.size() - used)) > 0) {
+    for (;;) {
+        if (!resizeText(text, size)) {
+            return false; // Half a file would pass for a whole one.
+        }
+        const ssize_t count = readFully(file.get(), text.data() + used, size - used);
+        if (count < 0) {
+            return false;
+        }
         used += static_cast<std::size_t>(count);
-        if (used < text.size()) {
-            break; // The end was reached.
+        if (used < size || size == kLongestTextFile) {
+            break; // The end was reached, or the limit.
         }
-        if (!resizeText(text, std::min(2 * text.size(), kLongestTextFile))) {
-            break; // What there is room for is better than nothing.
-        }
+        size = std::min(2 * size, kLongestTextFile);
     }
     text.resize(used);
-    return count >= 0;
+    return true;
 }
 
 } // namespace platform

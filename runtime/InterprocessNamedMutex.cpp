@@ -15,18 +15,8 @@ constexpr std::size_t kNameSize = 256;
 constexpr int kAttempts = 3;
 constexpr mode_t kMode = 0664;
 
-/// False with errno where there is no semaphore, or where its file was emptied: a touch would then
-/// be the end by SIGBUS. The system tells without one, it cannot read a path from there.
-bool canBeTouched(const sem_t* semaphore) {
-    if (semaphore == nullptr) {
-        errno = EINVAL;
-        return false;
-    }
-    return ::access(reinterpret_cast<const char*>(semaphore), F_OK) == 0 || errno != EFAULT;
-}
-
-/// Result of a semaphore call that does not wait; -1 with errno as above, also where the file is
-/// emptied in that very moment.
+/// Result of a semaphore call that does not wait; -1 with errno, which is EINVAL where there is no
+/// semaphore and EFAULT where its file was emptied.
 int touch(sem_t* semaphore, int (*call)(sem_t*)) {
     if (semaphore == nullptr) {
         errno = EINVAL;
@@ -76,8 +66,10 @@ CInterprocessNamedMutex::~CInterprocessNamedMutex() {
 }
 
 bool CInterprocessNamedMutex::Lock() {
-    // Who empties the file while this waits could keep it waiting as well.
-    if (canBeTouched(semaphore_) && persistently([this] { return ::sem_wait(semaphore_); })) {
+    const int acquired = tryAcquire();
+    // A wait cannot be guarded, but who empties the file meanwhile could keep it waiting as well.
+    if (acquired == 1 ||
+        (acquired == 0 && persistently([this] { return ::sem_wait(semaphore_); }))) {
         return true;
     }
     platform::trace(true, "Error %d locking named mutex: %s\n", errno, name_.c_str());

@@ -25,6 +25,23 @@ namespace {
 
 using fakes::world;
 
+std::atomic<int> waits{0};
+
+} // namespace
+
+extern "C" {
+
+int __real_sem_wait(sem_t* semaphore);
+
+int __wrap_sem_wait(sem_t* semaphore) {
+    ++waits;
+    return __real_sem_wait(semaphore);
+}
+
+} // extern "C"
+
+namespace {
+
 /// Names of this process and test, removed afterwards.
 class InterprocessNamedMutexTest : public testing::Test {
 protected:
@@ -266,6 +283,15 @@ TEST_F(InterprocessNamedMutexTest, FileThatIsEmptiedAllTheTimeIsSurvived) {
     other.join();
     EXPECT_GT(failures, 0) << "it was never touched while it was empty";
     EXPECT_EQ(world().consoleText(), "");
+}
+
+// A wait touches the file without a guard.
+TEST_F(InterprocessNamedMutexTest, LockOfAFreeMutexDoesNotWait) {
+    CInterprocessNamedMutex mutex(name_.c_str());
+    const int before = waits;
+    EXPECT_TRUE(mutex.Lock());
+    EXPECT_EQ(waits, before);
+    EXPECT_EQ(value(), 0);
 }
 
 TEST_F(InterprocessNamedMutexTest, TryAcquireWithoutHandleFails) {

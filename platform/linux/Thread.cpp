@@ -1,7 +1,5 @@
 #include "platform/Thread.h"
 
-#include <execinfo.h>
-
 #include <csignal>
 
 namespace platform {
@@ -12,26 +10,34 @@ namespace {
 /// process even where they are handled.
 constexpr int kFaults[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT};
 
+void* endByUnwinding(void* /*unused*/) {
+    pthread_exit(nullptr);
+}
+
 /// The C library loads what unwinds a cancelled thread when that is first wanted, and ends the
-/// process where there is no memory for it by then. A look at the calling frame wants it, too.
-void loadUnwinder() {
-    void* frame = nullptr;
-    (void)::backtrace(&frame, 1); // what it shows is of no use
+/// process where there is no memory for it by then. A thread that ends itself wants it, too.
+/// 0 or an error number.
+int loadUnwinder() {
+    pthread_t thread = {};
+    const int error = ::pthread_create(&thread, nullptr, endByUnwinding, nullptr);
+    return error != 0 ? error : ::pthread_join(thread, nullptr);
 }
 
 } // namespace
 
 int createWorkerThread(pthread_t* thread, void* (*body)(void*), void* argument) {
-    loadUnwinder();
     sigset_t blocked;
     sigset_t saved;
     sigfillset(&blocked);
     for (const int fault : kFaults) {
         sigdelset(&blocked, fault);
     }
-    // Inherited by the new thread from its first instruction on.
+    // Inherited by the new threads from their first instruction on.
     pthread_sigmask(SIG_SETMASK, &blocked, &saved);
-    const int error = ::pthread_create(thread, nullptr, body, argument);
+    int error = loadUnwinder();
+    if (error == 0) {
+        error = ::pthread_create(thread, nullptr, body, argument);
+    }
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     return error;
 }

@@ -11,6 +11,7 @@
 #include "platform/Thread.h"
 #include "platform/Time.h"
 #include "platform/Trace.h"
+#include "records/segments.h"
 
 std::vector<appinfo> applist;
 std::int32_t ovard_start_time = 0;
@@ -27,6 +28,8 @@ constexpr int kThreadLeavePollMs = 1;
 /// Room of the registry from the start: growing it bit by bit would leave its former places in the
 /// heap. More than are ever published.
 constexpr std::size_t kUsualApplications = 128;
+static_assert(kUsualApplications > std::size_t{kMostPublishedApplications},
+              "what is adopted leaves room for one more: registryHasRoom_ begins with true");
 
 /// Unlocks a recursive mutex however often the calling thread holds it, also when it does not.
 void unlockCompletely(pthread_mutex_t& mutex) {

@@ -95,6 +95,10 @@ public:
     /// is logged and dropped. Any thread. Returns 0.
     int processRequest(const reqcmd& request);
 
+    /// As processRequest, for the request that has just been received: the client of one that is
+    /// dropped is dropped too. Main thread.
+    void processClientRequest(const reqcmd& request);
+
     /// Wakes the command thread. Returns the result of unlocking `queue_lock`.
     int notify();
 
@@ -275,6 +279,7 @@ private:
     bool waitUntilCommandThreadLeft();
     void destroyLocks();
 
+    bool queueRequest(const reqcmd& request);
     int waitForWork();
     bool drainQueue();
     bool takeRequest(reqcmd& request, std::size_t& stillQueued);

@@ -31,6 +31,18 @@ private:
 } // namespace
 
 int AppManager::processRequest(const reqcmd& request) {
+    (void)queueRequest(request); // It logs its own failure.
+    return 0;
+}
+
+void AppManager::processClientRequest(const reqcmd& request) {
+    if (!queueRequest(request)) {
+        dropClient(); // It would wait in vain.
+    }
+}
+
+/// Queues, logs and announces a copy of `request`. False when there is no memory for it.
+bool AppManager::queueRequest(const reqcmd& request) {
     bool isQueued = false;
     {
         const platform::MutexGuard lock(queue_lock);
@@ -45,7 +57,7 @@ int AppManager::processRequest(const reqcmd& request) {
                  request.name);
     }
     (void)notify(); // A request that could not be announced waits for the next one.
-    return 0;
+    return isQueued;
 }
 
 int AppManager::notify() {

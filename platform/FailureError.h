@@ -7,9 +7,13 @@
 
 namespace platform {
 
-/// The errno of an operation that has just failed, EIO where it has left none. errno has to be 0
-/// before the operation. Async-signal-safe.
-inline int failureError() {
+/// Runs `operation`, which tells whether it worked. 0 when it did; otherwise the errno that it has
+/// left, EIO where it has left none. Changes errno. Async-signal-safe where the operation is.
+template <typename Operation> int errorOf(const Operation& operation) {
+    errno = 0;
+    if (operation()) {
+        return 0;
+    }
     return errno != 0 ? errno : EIO;
 }
 

@@ -75,18 +75,27 @@ void restoreSignalMask(const void* savedMask);
 int removeFile(const char* path);
 bool pathExists(const char* path);
 
-/// What tells a file from all others that are there at the same time. Both 0: there is none.
+/// What tells a file from all others that are there at the same time. Both 0: it is not known, or
+/// there is none.
 struct FileIdentity {
     dev_t device = 0;
     ino_t number = 0;
+
+    bool isKnown() const { return device != 0 || number != 0; }
 };
 
-inline bool operator==(const FileIdentity& left, const FileIdentity& right) {
-    return left.device == right.device && left.number == right.number;
+/// Whether both are known, and the same file.
+inline bool isSameFile(const FileIdentity& left, const FileIdentity& right) {
+    return left.isKnown() && left.device == right.device && left.number == right.number;
 }
 
 /// Identity of what has that name: of a symbolic link itself, not of what it leads to.
+/// Async-signal-safe.
 FileIdentity identifyFile(const char* path);
+
+// On 32-bit machines both have 4 bytes by default, and calls fail with EOVERFLOW where a file's
+// number or size needs more. All parts of a program, the platform's library too, have to agree.
+static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8, "compile with -D_FILE_OFFSET_BITS=64");
 
 // --- the machine -------------------------------------------------------------------------------
 

@@ -4,7 +4,6 @@
 #define OVARD_PLATFORM_SYSTEM_EVENT_H
 
 #include <atomic>
-#include <cerrno>
 
 #include "platform/FailureError.h"
 #include "platform/Log.h"
@@ -20,8 +19,7 @@ inline std::atomic<int> g_eventLogError{0};
 inline void logSystemEvent(const char* text) {
     zortime8b now;
     getZortime8BFromSystem(&now);
-    errno = 0;
-    g_eventLogError = write_system_log("Ovard", now, text) == 0 ? 0 : failureError();
+    g_eventLogError = errorOf([&] { return write_system_log("Ovard", now, text) == 0; });
 }
 
 } // namespace platform

@@ -43,8 +43,11 @@ struct TimeText {
     const char* c_str() const { return text; }
 };
 
-/// Local time of `t`, in the format of ctime without its line feed; empty where it has none.
-TimeText localTimeText(std::time_t t);
+/// Format of ctime, without its line feed.
+inline constexpr const char* kCtimeFormat = "%a %b %e %H:%M:%S %Y";
+
+/// Local time of `t`, in a format of strftime; empty where it has none.
+TimeText localTimeText(std::time_t t, const char* format = kCtimeFormat);
 
 /// Sleeps for the whole span; signals only interrupt it for as long as their handlers run.
 /// Two exceptions: on the thread that called watchForTermination it ends early once such a signal

@@ -81,7 +81,7 @@ void MainLoop::serveClient() {
         platform::sleepMilliseconds(kIdlePauseMs);
         return;
     }
-    (void)manager_.processRequest(request_); // Always 0.
+    manager_.processClientRequest(request_);
     platform::sleepMilliseconds(kServedPauseMs);
 }
 

@@ -140,10 +140,12 @@ bool openWatchdog() {
 }
 
 void feedWatchdog() {
-    errno = 0;
-    const auto result = static_cast<int>(platform::writeDescriptor(wdog_fd, "w", 1));
+    int result = 0;
     // Deliberate: a device that cannot be written is kept and tried again; the main loop tells.
-    g_watchdogError = result == 1 ? 0 : platform::failureError();
+    g_watchdogError = platform::errorOf([&] {
+        result = static_cast<int>(platform::writeDescriptor(wdog_fd, "w", 1));
+        return result == 1;
+    });
     (void)platform::flushDescriptor(wdog_fd); // Devices without it are fed all the same.
     g_watchdogKickResults[g_watchdogKicks++ % std::size(g_watchdogKickResults)] = result;
 }

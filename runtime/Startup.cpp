@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 
@@ -113,11 +112,12 @@ void writePidFile() {
     const std::string path =
         std::string("/tmp/pid") + (root == nullptr ? "" : root) + "/home/kelvo/root/ovard.pid";
     int pid = platform::currentProcessId();
-    errno = 0;
-    const bool isWritten = set_pid_file_version(&pid, path.c_str(), kPidFileFlags, version) == 0;
-    const int error = isWritten ? 0 : platform::failureError();
+    const int error = platform::errorOf(
+        [&] { return set_pid_file_version(&pid, path.c_str(), kPidFileFlags, version) == 0; });
     pidfile = path + '.' + platform::formatText(kPidSuffixSize, "%d", pid);
-    FaultNotice(pidfile.c_str()).update(*appmgr, error); // Never fatal.
+    if (error != 0) {
+        logWriteFault(*appmgr, pidfile.c_str(), error); // Never fatal.
+    }
 }
 
 void startRequestFileReplay() {

@@ -21,6 +21,7 @@ namespace {
 constexpr int kAttempts = 3;
 constexpr int kBacklog = 64;
 constexpr int kClientWaitMs = 2000;
+constexpr int kSocketFileLookMs = 2000;
 
 constexpr int kLogOptions = 3;    // the pid in every line, the console as fallback
 constexpr int kLogFacility = 144; // local2
@@ -51,7 +52,7 @@ AppServer::~AppServer() {
         platform::closeDescriptor(listeningSocket_);
         listeningSocket_ = -1;
     }
-    closeConnection(connection_.exchange(-1));
+    dropClient();
     if (m_pInstance != nullptr && m_pInstance != this) {
         auto* instance = static_cast<StandaloneAppServer*>(m_pInstance);
         m_pInstance = nullptr;
@@ -128,22 +129,32 @@ int AppServer::bindToPath(int fd) {
 /// it: then nobody can connect. What is there instead is replaced, as at the start. The open socket
 /// keeps its inode, so that no other file can have its identity.
 void AppServer::keepReachable() {
-    const bool isThere = platform::identifyFile(kSocketPath) == socketFile_;
-    if (isThere && isReachable_) {
+    const std::int64_t nowMs = platform::monotonicMilliseconds();
+    if (nowMs < nextLookMs_) {
         return;
     }
-    if (isReachable_) {
-        isReachable_ = false;
-        writeLog(kLogError, "%s is not the control socket any more", kSocketPath);
+    nextLookMs_ = nowMs + kSocketFileLookMs;
+    const bool isThere = platform::isSameFile(platform::identifyFile(kSocketPath), socketFile_);
+    tellReachable(isThere);
+    if (!isThere && listenAnew()) {
+        tellReachable(true);
     }
-    if (isThere || listenAnew()) {
-        isReachable_ = true;
+}
+
+void AppServer::tellReachable(bool isReachable) {
+    if (!lossNews_.isDue(!isReachable)) {
+        return;
+    }
+    if (isReachable) {
         writeLog(kLogInfo, "%s is the control socket again", kSocketPath);
+    } else {
+        writeLog(kLogError, "%s is not the control socket any more", kSocketPath);
     }
 }
 
 /// Puts a new socket in place of the one that nobody can connect to. False when none can be had;
-/// the old one then stays, for its file may come back.
+/// the old one then stays, for its file may come back. Not by renaming: everybody finds the monitor
+/// by the path to which its socket was bound (/proc/net/unix). So a file may get in between.
 bool AppServer::listenAnew() {
     platform::UniqueFd fresh(platform::openUnixStreamSocket());
     if (!fresh.valid()) {
@@ -153,9 +164,13 @@ bool AppServer::listenAnew() {
     if (bindToPath(fresh.get()) != 0 || platform::listenOnSocket(fresh.get(), kBacklog) != 0) {
         return false;
     }
+    const platform::FileIdentity file = platform::identifyFile(kSocketPath);
+    if (!file.isKnown()) {
+        return false; // It is lost already.
+    }
     (void)platform::closeDescriptor(listeningSocket_);
     listeningSocket_ = fresh.release();
-    socketFile_ = platform::identifyFile(kSocketPath);
+    socketFile_ = file;
     return true;
 }
 
@@ -194,6 +209,7 @@ int AppServer::recvCommand(reqcmd& request) {
     }
     // Deliberate: a connection left open by an earlier request without a reply is not closed.
     connection_ = fd;
+    keepReachable(); // Not earlier: the client came by the socket that this may close.
     platform::copyToField(peerAddress_.sun_path, kSocketPath);
     return receiveRequest(own.get(), request);
 }
@@ -275,9 +291,13 @@ int AppServer::receiveOnce(int fd, char* buffer, std::size_t size) {
     return static_cast<int>(count);
 }
 
+void AppServer::dropClient() {
+    closeConnection(connection_.exchange(-1));
+}
+
 int AppServer::sendCommand(response_struct* reply) {
     displayResponseCmd(*reply);
-    int fd = connection_;
+    const int fd = connection_.exchange(-1); // The next client may come before the end of this.
     const auto* const record = reinterpret_cast<const char*>(reply);
     std::size_t done = 0;
     int error = 0;
@@ -298,10 +318,6 @@ int AppServer::sendCommand(response_struct* reply) {
     if (!answered) {
         writeLog(kLogDebug, "sendCommand(): sendto error=%d", error);
     }
-    // The word is cleared before the descriptor is closed, and only while it still names it: the
-    // main thread may have accepted the next client meanwhile.
-    int expected = fd;
-    (void)connection_.compare_exchange_strong(expected, -1);
     closeConnection(fd);
     return answered ? 0 : -1;
 }
@@ -317,7 +333,7 @@ int AppServer::closeCommunication() {
         platform::closeDescriptor(listeningSocket_);
         listeningSocket_ = -1;
     }
-    closeConnection(connection_.exchange(-1));
+    dropClient();
     if (platform::removeFile(kSocketPath) != 0 && errno != ENOENT) {
         platform::printError("closeCommunication: remove socket path error");
         writeLog(kLogError, "remove socket path error error");

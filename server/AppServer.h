@@ -6,11 +6,14 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 
 #include "platform/Log.h"
 #include "platform/System.h"
 #include "records/reqcmd.h"
 #include "records/response_struct.h"
+#include "server/FaultNotice.h"
 
 /// Owns the listening socket, the connection of the client being served, and the daemon's log
 /// handle.
@@ -19,6 +22,7 @@
 /// thread has moved on. They share the connection descriptor as one word without a lock: a
 /// connection accepted while a reply is pending replaces the older one, which is then neither
 /// answered nor closed. Deliberate: a client must not expect concurrent requests to be answered.
+/// Whoever closes a connection takes it out of the word first, so that nobody closes it twice.
 class AppServer {
 public:
     /// Path of the control socket.
@@ -46,9 +50,13 @@ public:
     /// in up to three receive calls, each of which waits for the client. Bytes that a short record
     /// does not reach keep what `request` held. Returns the bytes read (1 to 1216); 0 when the
     /// connection vanished or nothing came; -1 on time-out, error, or when the monitor is asked to
-    /// end. The connection stays open for the reply. When the time is over a socket file that has
-    /// vanished or has been replaced is made anew; the log tells when that begins and when it ends.
+    /// end. The connection stays open for the reply. Every 2 seconds at most, when the time is over
+    /// or a client has come, a socket file that has vanished or has been replaced is made anew; the
+    /// log tells when that begins and when it ends, once a minute at most.
     int recvCommand(reqcmd& request);
+
+    /// Closes the current connection, if there is one, without a reply. Any thread.
+    void dropClient();
 
     /// Shows `reply` on the console, writes it whole to the current connection and closes that.
     /// Returns 0, or -1 when it could not be written. `reply` must be valid for reading.
@@ -76,6 +84,7 @@ private:
     int bindToPath(int fd);
     bool waitForClient();
     void keepReachable();
+    void tellReachable(bool isReachable);
     bool listenAnew();
     int acceptClient();
     int receiveRequest(int fd, reqcmd& request);
@@ -89,7 +98,8 @@ private:
     int listeningSocket_ = -1;          // main thread only
     std::atomic<int> connection_{-1};   // see the class comment
     platform::FileIdentity socketFile_; // main thread only; of the listening socket
-    bool isReachable_ = true;           // main thread only; by the name of that file
+    std::int64_t nextLookMs_ = 0;       // main thread only; at that file, monotonic
+    FaultNews lossNews_;                // main thread only; of that file
 };
 
 #endif // OVARD_SERVER_APP_SERVER_H

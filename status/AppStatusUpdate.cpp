@@ -37,6 +37,8 @@ constexpr std::size_t kSystemHealthOffset = offsetof(application_segment, header
 
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
 
+constexpr const char* kStartTimeFormat = "%Y-%m-%d %H:%M:%S";
+
 /// Pause after each application, so that a large registry does not hold the processor.
 constexpr int kApplicationPauseMs = 1;
 
@@ -49,26 +51,13 @@ void takeAddress(const char* interface, int family, char (&field)[Size]) {
 
 /// Copies the whole image into the segment. 0 or errno.
 int publish(ShmUpdate& segment, const void* image, std::size_t size) {
-    errno = 0;
-    const int repairError = segment.remapShm() == 0 ? 0 : platform::failureError();
-    if (segment.writeData(image, size) == 0) {
-        return 0;
-    }
-    return repairError != 0 ? repairError : platform::failureError();
+    const int repairError = platform::errorOf([&] { return segment.remapShm() == 0; });
+    const int error = platform::errorOf([&] { return segment.writeData(image, size) == 0; });
+    return error == 0 || repairError == 0 ? error : repairError;
 }
 
 const char* portTypeName(std::int32_t type) {
     return PORT_TYPE_STR[type >= PORT_TYPE_NONE && type <= PORT_TYPE_ETH ? type : PORT_TYPE_NONE];
-}
-
-platform::TimeText localDateText(std::time_t time) {
-    platform::TimeText result;
-    std::tm parts = {};
-    if (::localtime_r(&time, &parts) == nullptr ||
-        std::strftime(result.text, sizeof result.text, "%Y-%m-%d %H:%M:%S", &parts) == 0) {
-        result.text[0] = '\0';
-    }
-    return result;
 }
 
 void traceRecord(const appinfo& app, const application_record& record) {
@@ -82,7 +71,8 @@ void traceRecord(const appinfo& app, const application_record& record) {
                         "\tuptime     = %u\n"
                         "\tstart_time = %s\n",
                         record.name, record.version, record.pid, record.nice, record.status,
-                        record.uptime, localDateText(app.start_time).c_str());
+                        record.uptime,
+                        platform::localTimeText(app.start_time, kStartTimeFormat).c_str());
     }
 }
 

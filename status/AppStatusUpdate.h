@@ -59,7 +59,8 @@ public:
     int updateSysInfo();
     int updateAppInfo();
 
-    /// Errno of the last copy into each segment, 0 when it worked or when there was none yet.
+    /// Errno of the last copy into each segment, 0 when it worked or when there was none yet. Of a
+    /// segment that is left as it is nothing new is known: its fault is not over.
     int systemSegmentError() const { return systemSegmentError_; }
     int applicationSegmentError() const { return applicationSegmentError_; }
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/System.h"
 #include "platform/UniqueFd.h"
 #include "platform/linux/CivilTime.h"
 #include "platform/linux/Files.h"
@@ -47,9 +48,7 @@ UniqueFd openEventLog(const char* path, struct stat& facts) {
 }
 
 bool isStillInPlace(const char* path, const struct stat& log) {
-    struct stat present = {};
-    return ::lstat(path, &present) == 0 && present.st_dev == log.st_dev &&
-           present.st_ino == log.st_ino;
+    return isSameFile(identifyFile(path), {log.st_dev, log.st_ino});
 }
 
 bool renameAway(const char* path) {

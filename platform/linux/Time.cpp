@@ -59,12 +59,12 @@ std::int64_t monotonicMilliseconds() {
     return monotonicNanoseconds() / kNanosecondsPerMillisecond;
 }
 
-TimeText localTimeText(std::time_t t) {
+TimeText localTimeText(std::time_t t, const char* format) {
     ::tzset();
     TimeText result;
     std::tm parts = {};
     if (::localtime_r(&t, &parts) == nullptr ||
-        std::strftime(result.text, sizeof result.text, "%a %b %e %H:%M:%S %Y", &parts) == 0) {
+        std::strftime(result.text, sizeof result.text, format, &parts) == 0) {
         result.text[0] = '\0';
     }
     return result;

@@ -82,7 +82,7 @@ bool pathExists(const char* /*path*/) {
 }
 
 FileIdentity identifyFile(const char* /*path*/) {
-    return {};
+    return {1, 1};
 }
 
 void flushFileSystems() {}

@@ -156,14 +156,23 @@ TEST(FileCalls, IdentityIsThatOfTheFileAndNotOfItsName) {
     const TemporaryDirectory directory;
     const std::string path = directory.file("x");
     const std::string moved = directory.file("y");
-    EXPECT_EQ(platform::identifyFile(path.c_str()), platform::FileIdentity{});
+    EXPECT_FALSE(platform::identifyFile(path.c_str()).isKnown());
     writeText(path, "");
     const platform::FileIdentity first = platform::identifyFile(path.c_str());
-    EXPECT_FALSE(first == platform::FileIdentity{});
+    EXPECT_TRUE(first.isKnown());
     ASSERT_EQ(std::rename(path.c_str(), moved.c_str()), 0);
     writeText(path, "");
-    EXPECT_EQ(platform::identifyFile(moved.c_str()), first);
-    EXPECT_FALSE(platform::identifyFile(path.c_str()) == first);
+    EXPECT_TRUE(platform::isSameFile(platform::identifyFile(moved.c_str()), first));
+    EXPECT_FALSE(platform::isSameFile(platform::identifyFile(path.c_str()), first));
+}
+
+TEST(FileCalls, UnknownFileIsTheSameAsNoOther) {
+    EXPECT_FALSE(platform::isSameFile({}, {}));
+    EXPECT_FALSE(platform::isSameFile({}, {1, 2}));
+    EXPECT_FALSE(platform::isSameFile({1, 2}, {}));
+    EXPECT_FALSE(platform::isSameFile({1, 2}, {1, 3}));
+    EXPECT_FALSE(platform::isSameFile({1, 2}, {3, 2}));
+    EXPECT_TRUE(platform::isSameFile({1, 2}, {1, 2}));
 }
 
 TEST(FileCalls, IdentityOfALinkIsItsOwn) {
@@ -172,8 +181,9 @@ TEST(FileCalls, IdentityOfALinkIsItsOwn) {
     const std::string link = directory.file("link");
     writeText(path, "");
     ASSERT_EQ(::symlink(path.c_str(), link.c_str()), 0);
-    EXPECT_FALSE(platform::identifyFile(link.c_str()) == platform::FileIdentity{});
-    EXPECT_FALSE(platform::identifyFile(link.c_str()) == platform::identifyFile(path.c_str()));
+    const platform::FileIdentity own = platform::identifyFile(link.c_str());
+    EXPECT_TRUE(own.isKnown());
+    EXPECT_FALSE(platform::isSameFile(own, platform::identifyFile(path.c_str())));
 }
 
 // --- the machine ---

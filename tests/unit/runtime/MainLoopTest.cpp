@@ -180,6 +180,17 @@ TEST_F(MainLoopTest, RequestIsRecordedBeforeItIsShownAndQueued) {
     EXPECT_LT(shown, queued);
 }
 
+TEST_F(MainLoopTest, ClientOfARequestWithoutMemoryIsDropped) {
+    world().onCall = [](const std::string& call) {
+        world().mallocs.failNext = call.rfind("recv ", 0) == 0 ? 1 : 0;
+    };
+    runTurns({client("meter")}, kNever);
+    world().onCall = nullptr;
+    EXPECT_THAT(AppManagerTestAccess::queue(manager_), IsEmpty());
+    EXPECT_EQ(world().count("closefd"), 1U);
+    EXPECT_THAT(world().callsOf("sleep"), ElementsAre("sleep 1000"));
+}
+
 // --- traces --------------------------------------------------------------------------------------
 
 TEST_F(MainLoopTest, RequestIsShownAboveVerbositySix) {

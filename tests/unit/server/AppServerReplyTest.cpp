@@ -144,6 +144,25 @@ TEST_F(AppServerReplyTest, ConnectionAcceptedDuringTheReplyIsKept) {
                                                         onDescriptor("closefd", kNextClient)));
 }
 
+TEST_F(AppServerReplyTest, DroppedClientGetsNothing) {
+    acceptClient();
+    server_->dropClient();
+    EXPECT_THAT(world().calls, ElementsAre(onDescriptor("closefd", kClient)));
+    expectForgottenConnection();
+}
+
+TEST_F(AppServerReplyTest, WithoutAConnectionNothingIsDropped) {
+    server_->dropClient();
+    EXPECT_THAT(world().calls, IsEmpty());
+}
+
+TEST_F(AppServerReplyTest, ConnectionThatIsBeingAnsweredIsNotDropped) {
+    acceptClient();
+    world().onSend = [this](int) { server_->dropClient(); };
+    EXPECT_EQ(answer(), 0);
+    EXPECT_THAT(world().calls, ElementsAre(sendCall(kReplySize), onDescriptor("closefd", kClient)));
+}
+
 TEST_F(AppServerReplyTest, ReplyWithoutAConnectionFailsAndClosesNothing) {
     world().sendResults = {{-1, EBADF}, {-1, EBADF}, {-1, EBADF}};
     EXPECT_EQ(answer(), -1);

@@ -21,10 +21,22 @@ class AppServerSocketFileTest : public ListeningServerTest {
 protected:
     static void removeSocketFile() { world().fileNumbers.erase(kSocketPath); }
 
+    static void removeOnceItListens(const std::string& call) {
+        if (call.rfind("listen ", 0) == 0) {
+            removeSocketFile();
+        }
+    }
+
     /// No client comes.
     void letTheTimePass() {
         world().waitResults = {WaitResult::TimedOut};
         EXPECT_EQ(receive(), -1);
+    }
+
+    /// A client comes, which is served, whatever becomes of the socket.
+    void letAClientCome() {
+        world().scriptReceive(requestFilledWith('c'));
+        EXPECT_EQ(receive(), kRequestSize);
     }
 
     static std::vector<std::string> socketCalls() { return world().callsWithout({"wait"}); }
@@ -109,14 +121,78 @@ TEST_F(AppServerSocketFileTest, ComesBackWithItsFolder) {
     EXPECT_THAT(onlyLogsOf(kLevelInfo), ElementsAre(kBack));
 }
 
-TEST_F(AppServerSocketFileTest, IsNotLookedAtWhileClientsCome) {
+TEST_F(AppServerSocketFileTest, IsMadeAnewWhileClientsCome) {
     removeSocketFile();
-    acceptClient();
+    letAClientCome();
+    const std::string fresh = std::to_string(kFresh + 1);
+    EXPECT_THAT(socketCalls(),
+                ElementsAre(onDescriptor("accept", kListener), "socket", "remove /tmp/appmon_sock",
+                            "bind " + fresh + " /tmp/appmon_sock", "listen " + fresh + " 64",
+                            onDescriptor("closefd", kListener),
+                            onDescriptor("recv", kClient) + ' ' + std::to_string(kRequestSize)));
+    EXPECT_THAT(world().logTexts(), ElementsAre(kLost, kBack));
+}
+
+TEST_F(AppServerSocketFileTest, IsLookedAtEveryTwoSecondsWhileClientsCome) {
+    letAClientCome();
+    removeSocketFile();
+    world().advance(1999);
+    letAClientCome();
+    EXPECT_EQ(world().count("bind"), 0U);
+    world().advance(1);
+    letAClientCome();
+    EXPECT_EQ(world().count("bind"), 1U);
+}
+
+TEST_F(AppServerSocketFileTest, IsNotLookedAtWhereNobodyCouldCome) {
+    removeSocketFile();
     world().waitResults = {WaitResult::Failed};
     EXPECT_EQ(receive(), -1);
     world().terminationIsPending = true;
     EXPECT_EQ(receive(), -1);
     EXPECT_EQ(world().count("socket"), 0U);
+}
+
+/// The look right after the binding finds nothing.
+TEST_F(AppServerSocketFileTest, IsMadeAnewWhereTheNewOneIsLostAtOnce) {
+    removeSocketFile();
+    world().onCall = removeOnceItListens;
+    letTheTimePass();
+    EXPECT_THAT(world().logTexts(), ElementsAre(kLost)) << "it is not there";
+    EXPECT_EQ(world().count("closefd"), 0U) << "the folder of the old one may come back";
+    world().onCall = nullptr;
+    letTheTimePass();
+    EXPECT_EQ(world().count("bind"), 2U);
+    EXPECT_THAT(world().logTexts(), ElementsAre(kLost, kBack));
+    letTheTimePass();
+    EXPECT_EQ(world().count("bind"), 2U);
+}
+
+TEST_F(AppServerSocketFileTest, IsMadeAnewWhereTheFirstOneIsLostAtOnce) {
+    world().onCall = removeOnceItListens;
+    DeletableServer server;
+    ASSERT_EQ(server.initCommunication(), 0);
+    world().onCall = nullptr;
+    world().forgetRecords();
+    world().waitResults = {WaitResult::TimedOut};
+    EXPECT_EQ(server.recvCommand(request_), -1);
+    EXPECT_EQ(world().count("bind"), 1U);
+    EXPECT_THAT(world().logTexts(), ElementsAre(kLost, kBack));
+}
+
+TEST_F(AppServerSocketFileTest, LossIsMendedEachTimeAndToldOnceAMinute) {
+    const auto lose = [this](std::size_t times) {
+        for (std::size_t time = 0; time < times; ++time) {
+            removeSocketFile();
+            letTheTimePass(); // two seconds
+        }
+    };
+    lose(30);
+    EXPECT_EQ(world().count("bind"), 30U);
+    EXPECT_THAT(world().logTexts(), ElementsAre(kLost, kBack));
+    lose(1);
+    EXPECT_EQ(world().count("bind"), 31U);
+    EXPECT_THAT(world().logTexts(), ElementsAre(kLost, kBack, kLost, kBack));
 }
 
 TEST_F(AppServerSocketFileTest, EndClosesTheNewOne) {

@@ -3,13 +3,13 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "appmanager/RequestFiles.h"
 #include "platform/Settings.h"
@@ -61,9 +61,16 @@ void examineCall(const std::string& call) {
     }
 }
 
-/// Unlocking what the thread does not hold is refused.
+/// Asked by another thread: to its owner a recursive mutex always looks free.
 bool isFree(pthread_mutex_t& mutex) {
-    return pthread_mutex_unlock(&mutex) == EPERM;
+    bool free = false;
+    std::thread([&] {
+        free = pthread_mutex_trylock(&mutex) == 0;
+        if (free) {
+            pthread_mutex_unlock(&mutex);
+        }
+    }).join();
+    return free;
 }
 
 /// A start takes the place of whatever has its name, but for names that were cut: these are found

@@ -233,7 +233,7 @@ protected:
         const float hours = publishedHours();
         ASSERT_TRUE(eventually([&] { return crowd.count(kOwnReply) >= count; }, kLongestCrowdMs))
             << crowd.count(kOwnReply);
-        EXPECT_GT(publishedHours(), hours);
+        EXPECT_TRUE(eventually([&] { return publishedHours() > hours; }));
         EXPECT_NEAR(publishedHours(), hoursNow(), 5.0 / 3600);
         expectUnharmed("among clients");
         expectLeftAlone("among clients");

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -110,6 +111,7 @@ private:
 
 /// Forks; the child runs `body` and ends with its result, without exit handlers.
 template <typename Body> pid_t startChild(Body body) {
+    (void)std::fflush(stdout); // or the child writes it, too
     const pid_t child = ::fork();
     if (child == 0) {
         ::_exit(body());

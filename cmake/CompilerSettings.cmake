@@ -2,7 +2,10 @@
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(OVARD_WARNINGS_AS_ERRORS)
+    # The linker's, too: without shared libraries, the C library has calls that need some none the
+    # less, and only the linker says so.
     add_compile_options(-Werror)
+    add_link_options(LINKER:--fatal-warnings)
 endif()
 
 # A cancelled thread unwinds through every frame, so each must carry its unwind tables.

@@ -31,10 +31,6 @@ function(ovard_link_statically program target)
         set(options)
     endif()
     target_link_options(${program} PRIVATE ${options} ${OVARD_STATIC_OPTIONS})
-    if(OVARD_WARNINGS_AS_ERRORS)
-        # The C library has calls that need its shared parts none the less.
-        target_link_options(${program} PRIVATE LINKER:--fatal-warnings)
-    endif()
 endfunction()
 
 # Links the program `target` a second time, as bin/static/target; the name of that is target_static.

@@ -1,5 +1,6 @@
 #include "platform/Thread.h"
 
+#include <atomic>
 #include <csignal>
 
 namespace platform {
@@ -15,12 +16,20 @@ void* endByUnwinding(void* /*unused*/) {
 }
 
 /// The C library loads what unwinds a cancelled thread when that is first wanted, and ends the
-/// process where there is no memory for it by then. A thread that ends itself wants it, too.
-/// 0 or an error number.
+/// process where there is no memory for it by then. A thread that ends itself wants it, too; once
+/// is enough. 0 or an error number.
 int loadUnwinder() {
+    static std::atomic<bool> isLoaded{false};
+    if (isLoaded) {
+        return 0;
+    }
     pthread_t thread = {};
-    const int error = ::pthread_create(&thread, nullptr, endByUnwinding, nullptr);
-    return error != 0 ? error : ::pthread_join(thread, nullptr);
+    int error = ::pthread_create(&thread, nullptr, endByUnwinding, nullptr);
+    if (error == 0) {
+        error = ::pthread_join(thread, nullptr);
+        isLoaded = true;
+    }
+    return error;
 }
 
 } // namespace

@@ -3,7 +3,20 @@
 // For the coverage build alone; what is linked in place of the calls allocates memory and opens
 // files, which the program itself must not do there.
 
+#include <sys/resource.h>
 #include <unistd.h>
+
+namespace {
+
+/// A process that has used up its descriptors could not open the files.
+void allowMoreDescriptors() {
+    rlimit limit = {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    (void)::setrlimit(RLIMIT_NOFILE, &limit); // Where it fails, its counters are lost.
+}
+
+} // namespace
 
 extern "C" {
 
@@ -14,6 +27,7 @@ void __gcov_reset();
 int __real_execv(const char* path, char* const argv[]);
 
 [[noreturn]] void __wrap__exit(int status) {
+    allowMoreDescriptors();
     __gcov_dump();
     __real__exit(status);
 }

@@ -20,6 +20,31 @@
 namespace supervision {
 namespace {
 
+/// Another thread that holds a lock for the scope.
+class Holder {
+public:
+    explicit Holder(pthread_mutex_t& lock)
+        : thread_([this, &lock] {
+            pthread_mutex_lock(&lock);
+            locked_ = true;
+            (void)fakes::waitUntil([this] { return done_.load(); });
+            pthread_mutex_unlock(&lock);
+        }) {
+        EXPECT_TRUE(fakes::waitUntil([this] { return locked_.load(); }));
+    }
+    ~Holder() {
+        done_ = true;
+        thread_.join();
+    }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+
+private:
+    std::atomic<bool> locked_{false};
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
+
 using SupervisionTerminationTest = SupervisionFixture;
 
 TEST_F(SupervisionTerminationTest, EndsTheWalkAtTheFirstFailure) {
@@ -59,22 +84,25 @@ TEST_F(SupervisionTerminationTest, KeepsFromARestartOfAll) {
 TEST_F(SupervisionTerminationTest, DuringTheWaitForTheRegistryEndsThePass) {
     addDied(RESTART_TYPE_SELF);
     Access::rebootRequested(manager_) = true;
-    std::atomic<bool> locked{false};
-    std::atomic<bool> done{false};
-    std::thread holder([&] {
-        pthread_mutex_lock(&Access::appLock(manager_));
-        locked = true;
-        (void)fakes::waitUntil([&] { return done.load(); });
-        pthread_mutex_unlock(&Access::appLock(manager_));
-    });
-    ASSERT_TRUE(fakes::waitUntil([&] { return locked.load(); }));
+    const Holder holder(Access::appLock(manager_));
     world().terminationIsPending = true;
     EXPECT_EQ(manager_.checkStatus(true), 0);
     EXPECT_EQ(manager_.updateStatus(), 0);
-    done = true;
-    holder.join();
     EXPECT_THAT(world().calls, IsEmpty());
     EXPECT_EQ(entry(1).status, APP_STATUS_RUNNING);
+}
+
+TEST_F(SupervisionTerminationTest, DuringTheWaitForTheRegistryEndsWhatConcernsAll) {
+    addRunning();
+    addEntry(APP_STATUS_STOPPED);
+    const Holder holder(Access::appLock(manager_));
+    world().terminationIsPending = true;
+    EXPECT_EQ(manager_.stop_allprocess(), -20);
+    EXPECT_EQ(manager_.start_allprocess(), -20);
+    EXPECT_EQ(manager_.restart_allprocess(), -20);
+    EXPECT_THAT(world().calls, IsEmpty());
+    EXPECT_EQ(entry(1).status, APP_STATUS_RUNNING);
+    EXPECT_EQ(entry(2).status, APP_STATUS_STOPPED);
 }
 
 TEST_F(SupervisionTerminationTest, StartAllStartsOnlyWhatIsStoppedOnceTerminationIsPending) {
@@ -96,6 +124,19 @@ TEST_F(SupervisionTerminationTest, StartAllStartsOnlyWhatIsStoppedOnceTerminatio
         EXPECT_EQ(std::memcmp(&applist[index], &before[index], sizeof(appinfo)), 0) << index;
     }
     EXPECT_EQ(world().count("fork"), 3U);
+}
+
+TEST_F(SupervisionTerminationTest, WithinTheLaunchesOfARestartOfAllKeepsFromARestartOfTheMachine) {
+    addRunning();
+    addRunning().cmd[0] = '\0'; // cannot be started again
+    Access::restartAllRequested(manager_) = true;
+    scriptLaunches(1);
+    onceCalled("fork", [] { world().terminationIsPending = true; });
+    EXPECT_EQ(manager_.checkStatus(false), 0);
+    EXPECT_EQ(world().count("fork"), 1U);
+    EXPECT_EQ(entry(2).status, APP_STATUS_START_FAILURE);
+    EXPECT_THAT(world().events, ElementsAre("Ovard: restart all"));
+    EXPECT_THAT(world().callsOf({"sync", "shell", "restart"}), IsEmpty());
 }
 
 TEST_F(SupervisionTerminationTest, PatienceWithAStoppedProcessLastsAlsoWhenTerminationIsPending) {

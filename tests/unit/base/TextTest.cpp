@@ -119,4 +119,8 @@ TEST(FormatTextTest, LimitOfOneLeavesNothing) {
     EXPECT_EQ(formatText(1, "%d", 5), "");
 }
 
+TEST(FormatTextTest, WhatCannotBeFormattedGivesAnEmptyText) {
+    EXPECT_EQ(formatText(100, "text %ls", L"\u20ac"), ""); // not in the C locale's characters
+}
+
 } // namespace

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -351,6 +352,23 @@ TEST(Console, EndsAtADeviceThatTakesNothing) {
                   return errno == ENOENT ? 0 : 1;
               }),
               0);
+}
+
+TEST(Console, PrintsToASocket) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const platform::UniqueFd reader(ends[0]);
+    platform::UniqueFd writer(ends[1]);
+    EXPECT_EQ(runInChild([&] {
+                  ::dup2(writer.get(), STDOUT_FILENO);
+                  platform::printConsole("text");
+                  return 0;
+              }),
+              0);
+    writer.reset();
+    char text[8] = "";
+    EXPECT_EQ(platform::readFully(reader.get(), text, sizeof text), 4);
+    EXPECT_STREQ(text, "text");
 }
 
 } // namespace

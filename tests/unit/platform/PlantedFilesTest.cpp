@@ -310,6 +310,23 @@ TEST_F(Planted, LinkOfOnesOwnLeadsToAPlainFileOnly) {
     EXPECT_FALSE(openNamedFile(at("link").c_str(), kNamedFlags[2], 0600).valid());
 }
 
+// The operator has put the link where nobody else could.
+TEST_F(Planted, LinkFromAPrivateFolderIsWhatWasNamed) {
+    const TemporaryDirectory own;
+    ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::symlink(at("fifo").c_str(), own.file("named").c_str()), 0);
+    EXPECT_TRUE(openNamedFile(own.file("named").c_str(), O_RDONLY).valid());
+    EXPECT_FALSE(openNamedFile(at("fifo").c_str(), O_RDONLY).valid());
+}
+
+TEST_F(Planted, PlainFileOfAnotherUserIsWhatWasNamed) {
+    writeText(at("named"), "text");
+    if (::chown(at("named").c_str(), kAnotherUser, kAnotherUser) != 0) {
+        GTEST_SKIP() << "takes root";
+    }
+    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
+}
+
 /// A segment's name of its own in /dev/shm, and a private file of another program there.
 class PlantedSegment : public testing::Test {
 protected:

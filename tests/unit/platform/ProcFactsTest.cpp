@@ -68,13 +68,22 @@ TEST(ProcFacts, RefusesEveryTextThatEndsBeforeTheStartTimeDoes) {
     EXPECT_TRUE(parseProcStat(whole.substr(0, needed), stat));
 }
 
+TEST(ProcFacts, ParsesAStartTimeThatEndsTheLine) {
+    const std::string whole = statLine("1204", "meter_app");
+    const std::string text = whole.substr(0, whole.find(" 6451200 ")) + "\n";
+    ProcStat stat = {};
+    ASSERT_TRUE(parseProcStat(text, stat));
+    EXPECT_EQ(stat.starttime, 4711U);
+}
+
 TEST(ProcFacts, RefusesWhatIsNoStatLine) {
     ProcStat stat = {};
     for (const std::string& text :
          {std::string("\n"), std::string("1204 meter_app S 1 2"), statLine("x", "a"),
           statLine("", "a"), statLine("99999999999", "a"), statLine("7", "a", "SS"),
           statLine("7", "a", ""), statLine("7", "a", "S", "x"), statLine("7", "a", "S", "-1"),
-          statLine("7", "a", "S", "18446744073709551616"), std::string("7) ( S ")}) {
+          statLine("7", "a", "S", "4711x"), statLine("7", "a", "S", "18446744073709551616"),
+          std::string("7) ( S ")}) {
         EXPECT_FALSE(parseProcStat(text, stat)) << text;
     }
 }

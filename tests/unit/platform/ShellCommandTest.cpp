@@ -264,4 +264,12 @@ TEST(ShellCommand, IsWaitedForASecondAtMostWhenAWatchedSignalIsPending) {
               0);
 }
 
+TEST(ShellCommand, WhoseStatusTheSystemDiscardsHasFailed) {
+    EXPECT_EQ(runInChild([] {
+                  ::signal(SIGCHLD, SIG_IGN);
+                  return run("exit 0") == Outcome{-1, ECHILD} ? 0 : 1;
+              }),
+              0);
+}
+
 } // namespace

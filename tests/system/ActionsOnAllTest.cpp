@@ -246,10 +246,7 @@ TEST_F(ActionsOnAll, RestartAllEndsUnansweredAtTheFirstFailure) {
         // The wait for the dead process to come alive takes a second.
         EXPECT_EQ(client.receive(2500).bytes, "") << action;
     }
-    EXPECT_TRUE(eventually([&] {
-        return tracedResults() ==
-               std::vector<std::string>{"0=0", "0=0", "0=0", "6=-1", "7=-1", "8=-5"};
-    })) << monitor_.console();
+    expectTracedResults({"0=0", "0=0", "0=0", "6=-1", "7=-1", "8=-5"});
     EXPECT_FALSE(isRunning(first));
     EXPECT_EQ(processesNamed("first").size(), 1U);
     EXPECT_TRUE(runsAlone("third", third));
@@ -266,9 +263,7 @@ TEST_F(ActionsOnAll, WithoutWaitingTheWorkIsDoneSilently) {
                              APPMONCTL_Restart_PortApps, APPMONCTL_Stop_PortApps}) {
         ASSERT_TRUE(sendWithoutWaiting(makeRequest(action)));
     }
-    EXPECT_TRUE(eventually([&] {
-        return tracedResults() == std::vector<std::string>{"0=0", "6=0", "7=0", "8=0", "4=0"};
-    })) << monitor_.console();
+    expectTracedResults({"0=0", "6=0", "7=0", "8=0", "4=0"});
     EXPECT_FALSE(isRunning(first));
     EXPECT_TRUE(processesNamed("first").empty());
     for (const int action : {APPMONCTL_Stop_All, APPMONCTL_Stop_All_But}) {

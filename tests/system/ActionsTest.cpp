@@ -83,7 +83,7 @@ TEST_F(Actions, StartWithoutACommandStopsWhatRanAndIsNotAnswered) {
                        {3, "one has no command line failure"},
                        {3, "one fails to start"}});
     EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "one")), replyOf(kNotFound, "one is not found\n"));
-    EXPECT_EQ(tracedResults(), (std::vector<std::string>{"0=0", "0=-3", "1=0"}));
+    expectTracedResults({"0=0", "0=-3", "1=0"});
 }
 
 TEST_F(Actions, RequestsDuringASlowStartRunAfterwardsInOrder) {
@@ -147,7 +147,7 @@ TEST_F(Actions, StopThatFailsIsNotAnsweredAndForgetsAllTheSame) {
                        {3, "one fails to stop"}});
     EXPECT_EQ(client.receive(kSilenceMs).bytes, "");
     EXPECT_EQ(askFor(request), replyOf(kNotFound, "one is not found\n"));
-    EXPECT_EQ(tracedResults(), (std::vector<std::string>{"0=0", "1=-4", "1=0"}));
+    expectTracedResults({"0=0", "1=-4", "1=0"});
     EXPECT_EQ(countOf(monitor_.console(), "stopApp failed for one\n"), 1U);
 }
 
@@ -213,9 +213,7 @@ TEST_F(Actions, RestartThatFailsIsAnswered) {
                        {7, "processCmd() request.action=APPMONCTL_Restart one"},
                        {3, "one fails to restart"}});
     EXPECT_TRUE(processesNamed("one").empty());
-    EXPECT_TRUE(eventually([&] {
-        return tracedResults() == std::vector<std::string>{"0=0", "5=-3"};
-    }));
+    expectTracedResults({"0=0", "5=-3"});
 }
 
 TEST_F(Actions, RestartOfANameWithTwoEntriesRestartsBoth) {
@@ -248,9 +246,7 @@ TEST_F(Actions, ReservedCodesDoNothing) {
         EXPECT_TRUE(staysUnanswered(request)) << action;
         EXPECT_EQ(mark.lines(1), std::vector<LogText>{queued(request)});
     }
-    EXPECT_TRUE(eventually([&] {
-        return tracedResults() == std::vector<std::string>{"0=0", "9=0", "10=0"};
-    }));
+    expectTracedResults({"0=0", "9=0", "10=0"});
     EXPECT_TRUE(runsAlone("one", pid));
     EXPECT_EQ(countLog(6, "request.action=UNKNOWN"), 0U);
 }
@@ -269,7 +265,7 @@ TEST_F(Actions, UnknownCodesAreLoggedOnly) {
         EXPECT_EQ(received.bytes, "") << action;
         EXPECT_FALSE(received.ended) << action;
     }
-    EXPECT_EQ(tracedResults(), (std::vector<std::string>{"0=0", "-1=-8", "11=-8"}));
+    expectTracedResults({"0=0", "-1=-8", "11=-8"});
     for (const char* action : {"-1", "11"}) {
         EXPECT_EQ(countOf(monitor_.console(),
                           std::string("processCmd() request.action=UNKNOWN(") + action + ")\n"),
@@ -323,9 +319,7 @@ TEST_F(Actions, WithoutWaitingFailuresAreNotLogged) {
         ASSERT_TRUE(sendWithoutWaiting(makeRequest(action, "one")));
     }
     ASSERT_TRUE(sendWithoutWaiting(makeRequest(11, "one")));
-    EXPECT_TRUE(eventually([&] {
-        return tracedResults() == std::vector<std::string>{"0=0", "5=0", "1=0", "0=0", "11=-8"};
-    })) << monitor_.console();
+    expectTracedResults({"0=0", "5=0", "1=0", "0=0", "11=-8"});
     EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{"one has no command line failure"});
 }
 

@@ -268,6 +268,11 @@ std::vector<std::string> ApplicationTest::tracedResults() const {
     return results;
 }
 
+void ApplicationTest::expectTracedResults(const std::vector<std::string>& results) const {
+    (void)eventually([&] { return tracedResults() == results; });
+    EXPECT_EQ(tracedResults(), results) << monitor_.console();
+}
+
 bool isGone(pid_t pid, int timeoutMs) {
     return eventually([pid] { return processFacts(pid).pid == 0; }, timeoutMs);
 }

@@ -153,8 +153,10 @@ protected:
     /// True when exactly this process runs with the command line of that program.
     static bool runsAlone(const std::string& name, pid_t pid, const std::string& options = "");
 
-    /// What the command thread traced about its results, at verbosity 4: "ACTION=RESULT" each.
+    /// What the command thread traced about its results, at verbosity 4: "ACTION=RESULT" each. It
+    /// does so after the reply.
     std::vector<std::string> tracedResults() const;
+    void expectTracedResults(const std::vector<std::string>& results) const;
 
     Daemon monitor_;
 };

@@ -60,6 +60,10 @@ UniqueFd openFile(const char* path, int flags, mode_t mode = 0);
 /// that everybody may write to it takes nothing but plain files without a second name: the rest
 /// could have been planted there, and is the error EACCES. The file is emptied (O_TRUNC) only once
 /// it is known to be right.
+///
+/// What counts is the folder of the name itself: a link in a private folder that leads into a
+/// public one is what the operator means, and so is a plain file there, whoever owns it. He who
+/// names such a file trusts those who can write to it, or put another one in its place.
 UniqueFd openNamedFile(const char* path, int flags, mode_t mode = 0);
 
 /// Reads until `size` bytes came, end of file or an error; restarts after signals.

@@ -1,6 +1,5 @@
 #include "tests/target/Activity.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
@@ -15,6 +14,7 @@
 #include <memory>
 
 #include "platform/UniqueFd.h"
+#include "tests/system/Datagrams.h"
 #include "tests/system/Support.h"
 
 namespace target {
@@ -25,7 +25,6 @@ namespace {
 constexpr int kPeriodMs = 200;
 
 constexpr std::size_t kPayload = 1000;
-constexpr std::uint16_t kDiscardPort = 9;
 
 constexpr const char* kFolder = "/mnt";
 
@@ -55,30 +54,16 @@ void compute() {
     }
 }
 
-sockaddr_in addressOfMachine(const std::string& text, std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    EXPECT_EQ(::inet_pton(AF_INET, text.c_str(), &address.sin_addr), 1) << text;
-    return address;
-}
-
-bool send(const platform::UniqueFd& socket, const std::string& bytes, const sockaddr_in& address) {
-    return ::sendto(socket.get(), bytes.data(), bytes.size(), 0,
-                    reinterpret_cast<const sockaddr*>(&address),
-                    sizeof address) == static_cast<ssize_t>(bytes.size());
-}
-
 /// Sends datagrams to itself, which the kernel delivers in a soft interrupt.
 std::function<void()> datagramsToItself() {
     const auto socket =
         std::make_shared<platform::UniqueFd>(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = addressOfMachine("127.0.0.1", kDiscardPort);
+    const sockaddr_in address = systemtest::internetAddress("127.0.0.1", systemtest::kDiscardPort);
     EXPECT_EQ(::bind(socket->get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
               0);
     return [=] {
         std::string bytes(kPayload, 'x');
-        (void)send(*socket, bytes, address); // that there is work is what counts
+        (void)systemtest::sendTo(*socket, bytes, address); // that there is work is what counts
         (void)::recv(socket->get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
     };
 }
@@ -159,15 +144,15 @@ PageCache::~PageCache() {
 
 Traffic talkTo(const std::string& address, int answered, int unanswered) {
     const platform::UniqueFd echoes(::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
+    const sockaddr_in machine = systemtest::internetAddress(address, 0);
     for (int count = 0; count < answered; ++count) {
-        EXPECT_TRUE(send(echoes, echoRequest(), addressOfMachine(address, 0)) &&
-                    takeEchoReply(echoes))
+        EXPECT_TRUE(systemtest::sendTo(echoes, echoRequest(), machine) && takeEchoReply(echoes))
             << address << " " << count;
     }
     const platform::UniqueFd datagrams(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in nobody = systemtest::internetAddress(address, systemtest::kDiscardPort);
     for (int count = 0; count < unanswered; ++count) {
-        EXPECT_TRUE(
-            send(datagrams, std::string(kPayload, 'x'), addressOfMachine(address, kDiscardPort)))
+        EXPECT_TRUE(systemtest::sendTo(datagrams, std::string(kPayload, 'x'), nobody))
             << address << " " << count;
     }
     return {(answered + unanswered) * kPacketBytes, answered * kPacketBytes};

@@ -102,12 +102,13 @@ TEST_F(HardwareWatchdog, MonitorThatLeavesItArmedIsReset) {
 class HeldMainLoop : public HardwareWatchdog {
 protected:
     /// Starts a monitor that feeds the device every second, and whose main loop polls of a minute
-    /// hold soon. A pass looks at the application before, which then has time.
+    /// hold soon. A pass looks at the application before, which then has time: three seconds after
+    /// the launch, by the start time of the application up to five.
     void startHeld() {
         constexpr int kPollSec = 60;
         ASSERT_NO_FATAL_FAILURE(setTimeout());
         std::vector<std::string> words = systemtest::wordsForPolls(kPollSec);
-        words.insert(words.end(), {"-w", "0", "-I", "1", "-s", "5", "-v", "7"});
+        words.insert(words.end(), {"-w", "0", "-I", "1", "-s", "8", "-v", "7"});
         ASSERT_TRUE(monitor_.startInForeground(words));
         (void)launch(systemtest::withoutRestart(makeStart(
             systemtest::kSilentName, systemtest::kSilentOptions, systemtest::kSilentPidFile)));

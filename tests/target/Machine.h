@@ -21,6 +21,13 @@ inline constexpr const char* kAddressOfEth1 = "10.0.3.15";
 /// Why tests must not run here; empty on the test machine.
 std::string reasonToRefuse();
 
+/// Tells on the console that a command of the scenario that the machine is for has done all that it
+/// had to. tests/target/machine.bash counts on it, once for each command that has to succeed.
+void sayPassed();
+
+/// Whether it has one: the machine is made without where busybox cannot be had.
+bool hasShell();
+
 /// Seconds since the machine was switched on.
 double uptimeSec();
 

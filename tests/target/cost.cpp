@@ -88,5 +88,6 @@ int main(int argc, char** argv) {
         std::printf("COST | %d | %.0f | %.0f |\n", count, pass / perInstruction,
                     cycle / perInstruction);
     }
+    target::sayPassed();
     return EXIT_SUCCESS;
 }

@@ -156,10 +156,6 @@ void setEnvironment() {
         {"CLIENT_EXAMPLE_BINARY", "/opt/ovard/client_example"},
         {"FORKING_APP_BINARY", "/opt/ovard/ovard_forking_app"},
         {"MINIMAL_APP_BINARY", "/opt/ovard/minimal_app"},
-        {"OVARD_HOSTILE_COUNT", "50000"}, // a twentieth of the default: a minute here
-        {"OVARD_MODEL_STEPS", "20"},      // a fiftieth of the default
-        {"OVARD_MODEL_WORLDS", "1"},
-        {"OVARD_SOAK_SECONDS", "20"}, // a third of the default
         {"OVARDCTL_BINARY", "/opt/ovard/ovardctl"},
         {"OVARD_BINARY", "/opt/ovard/ovard"},
         {"REFUSED_MEMORY_LIBRARY", "/opt/ovard/dynamic/libovard_refused_memory.so"},
@@ -172,6 +168,34 @@ void setEnvironment() {
     for (const auto& [name, value] : kVariables) {
         (void)::setenv(name, value, 1); // no memory: the command will not start either
     }
+}
+
+/// What scenarios do less of than the tests do natively.
+struct Reduction {
+    const char* scenario;
+    const char* what;
+    const char* variable; ///< of the environment
+    const char* value;
+    const char* natively;
+};
+
+constexpr Reduction kReductions[] = {
+    {"units", "random requests", "OVARD_HOSTILE_COUNT", "50000", "1000000"}, // a minute here
+    {"suites", "steps of Model", "OVARD_MODEL_STEPS", "20", "1000"},
+    {"suites", "monitors of Model", "OVARD_MODEL_WORLDS", "1", "16"},
+    {"suites", "seconds of Soak", "OVARD_SOAK_SECONDS", "20", "60"},
+};
+
+/// Tells on the console what the scenario does less of.
+void reduceWork() {
+    const char* const scenario = std::getenv("scenario"); // from the kernel's command line
+    for (const Reduction& one : kReductions) {
+        if (scenario != nullptr && std::strcmp(one.scenario, scenario) == 0) {
+            (void)::setenv(one.variable, one.value, 1); // no memory: nothing will start either
+            std::printf("REDUCED %s: %s instead of %s\n", one.what, one.value, one.natively);
+        }
+    }
+    (void)std::fflush(stdout);
 }
 
 /// Opened so that bytes pass as they are.
@@ -265,6 +289,7 @@ int main() {
     setClock();
     setNetworkUp();
     setEnvironment();
+    reduceWork();
     startLog();
     installTools();
     const platform::UniqueFd line = openControlLine();

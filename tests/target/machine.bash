@@ -16,11 +16,11 @@ fail() {
 }
 
 # Starts a machine and waits until it is ready: start_machine FOLDER KERNEL INITRD COMMAND
-# [QEMU-OPTION]... The folder gets its console, the events and what the emulator says. An empty
-# command is none; its words are separated by commas.
+# [QEMU-OPTION]... The folder, called as the scenario, gets its console, the events and what the
+# emulator says. An empty command is none; its words are separated by commas.
 start_machine() {
     machine=$1
-    local kernel=$2 initrd=$3 words=$kMachineMark fifo
+    local kernel=$2 initrd=$3 words="$kMachineMark scenario=${machine##*/}" fifo
     [[ -z $4 ]] || words+=" run=$4"
     shift 4
     rm -rf "$machine"
@@ -49,6 +49,7 @@ start_machine() {
     trap 'kill "$emulator" 2>/dev/null && wait "$emulator"' EXIT
     trap 'exit 143' TERM
     events_seen=0
+    passed=0
     printf '{"execute":"qmp_capabilities"}\n' >&"$events_in"
     expect READY "$kBootPatience"
 }
@@ -77,11 +78,16 @@ expect() {
 
 tell() { printf '%s\n' "$1" >&"$line_in"; }
 
+# What has happened to a machine, one word in a line: list_events FOLDER
+list_events() {
+    sed -n -e 's/.*"event": *"WATCHDOG".*/watchdog/p' \
+        -e 's/.*"reason": *"\([a-z-]*\)".*/\1/p' "$1/events.out"
+}
+
 # What has happened to the machine since the last call, into `happened`, in one word each.
 look_at_events() {
     local all
-    mapfile -t all < <(sed -n -e 's/.*"event": *"WATCHDOG".*/watchdog/p' \
-        -e 's/.*"reason": *"\([a-z-]*\)".*/\1/p' "$machine/events.out")
+    mapfile -t all < <(list_events "$machine")
     happened="${all[*]:events_seen}"
     events_seen=${#all[@]}
 }
@@ -90,6 +96,31 @@ look_at_events() {
 expect_events() {
     look_at_events
     [[ $happened == "$*" ]] || fail "happened to the machine: '$happened'; awaited: '$*'"
+}
+
+# How often a program of the machine has said on its console that the scenario passed:
+# count_passed FOLDER
+count_passed() {
+    tr -d '\r' <"$1/console" | grep -cxF "PASSED ${1##*/}"
+}
+
+# The programs of the machine have to have said so once for each command that succeeded, no more and
+# no less. The console may lag behind the line.
+expect_passed() {
+    local limit=$((SECONDS + 10))
+    until (($(count_passed "$machine") >= passed)); do
+        ((SECONDS < limit)) || break
+        sleep 0.1
+    done
+    (($(count_passed "$machine") == passed)) ||
+        fail "the console has 'PASSED ${machine##*/}' $(count_passed "$machine") times; awaited: $passed"
+}
+
+# Fails unless a scenario has come to its own end: the machine has said that it passed, and the last
+# that happened to it is that it switched itself off. check_end FOLDER
+check_end() {
+    (($(count_passed "$1") > 0)) || fail "the console has no 'PASSED ${1##*/}'"
+    list_events "$1" | tail -n 1 | grep -qx guest-shutdown || fail "it was not switched off"
 }
 
 # Runs a command, which has to succeed: run SECONDS WORD...
@@ -105,6 +136,8 @@ await_success() {
     expect "RESULT 0" "$1"
     expect READY 5
     expect_events
+    passed=$((passed + 1))
+    expect_passed
 }
 
 # Runs a command that says "MARK NAME", upon which the machine has to be reset; the command has to
@@ -118,10 +151,22 @@ run_until_reset() {
     expect READY $((most + kBootPatience))
     # shellcheck disable=SC2086  # words
     expect_events $events
+    expect_passed
     took=$(time_of_last_reset) || fail "the time of the reset is unknown"
     took=$(bc <<<"$took - $begin")
     printf '  %s: reset after %.1f s (%s to %s)\n' "$name" "$took" "$least" "$most"
     (($(bc <<<"$took >= $least && $took <= $most"))) || fail "reset at the wrong time"
+}
+
+# The console has to have these texts, in this order: expect_on_console FOLDER TEXT...
+expect_on_console() {
+    local console text
+    console=$(<"$1/console")
+    shift
+    for text in "$@"; do
+        [[ $console == *"$text"* ]] || fail "the console lacks '$text', or has it in another order"
+        console=${console#*"$text"}
+    done
 }
 
 # In seconds since the epoch.

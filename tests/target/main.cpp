@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "tests/target/Machine.h"
 #include "tests/target/MachineTest.h"
 
 int main(int argc, char** argv) {
@@ -20,6 +21,9 @@ int main(int argc, char** argv) {
     if (tests.successful_test_count() == 0 || tests.skipped_test_count() > 0) {
         (void)std::fputs("Nothing was tested, or not all that was to be.\n", stderr);
         return 1;
+    }
+    if (status == 0) {
+        target::sayPassed();
     }
     return status;
 }

@@ -50,22 +50,25 @@ reset_by_watchdog() {
     switch_off
 }
 
-# The time-out is five seconds, and the last feeding up to one second before the mark. Everything
-# takes its time on a machine that has to share.
-scenario_stopped() { reset_by_watchdog "$1" HardwareWatchdog.StoppedMonitorIsReset stopped 3.5 9; }
+# The time-out is five seconds, and the last feeding up to one second before the mark: four to five
+# seconds after it. A mark that is heard late brings the reset nearer, and a busy host puts it off:
+# bounds of a second before and three after the time-out. 5.0 and 5.1 seconds were measured.
+scenario_stopped() { reset_by_watchdog "$1" HardwareWatchdog.StoppedMonitorIsReset stopped 4 8; }
 
-scenario_killed() { reset_by_watchdog "$1" HardwareWatchdog.KilledMonitorIsReset killed 3.5 9; }
+scenario_killed() { reset_by_watchdog "$1" HardwareWatchdog.KilledMonitorIsReset killed 4 8; }
 
 scenario_left_armed() {
-    reset_by_watchdog "$1" HardwareWatchdog.MonitorThatLeavesItArmedIsReset left_armed 3.5 9
+    reset_by_watchdog "$1" HardwareWatchdog.MonitorThatLeavesItArmedIsReset left_armed 4 8
 }
 
 # The last turn of the main loop gives the feeding its budget of 25 seconds: as many ticks, of which
 # the first comes up to one second after the turn. So the last feeding is 24 to 25 seconds after it,
-# the reset, with the time-out, 29 to 30, and the mark 5. A mark that is heard late brings the reset
-# nearer, ticks that a busy host lets fall together put it off. With a budget of 20 or 30 seconds it
-# would come 19 to 20 or 29 to 30 seconds after the mark.
-scenario_held() { reset_by_watchdog "$1" HeldMainLoop.IsReset held 23 28; }
+# the reset, with the time-out, 29 to 30, and the mark 5: 24 to 25 seconds are left. A mark that is
+# heard late brings the reset nearer, a busy host puts it off, and so would ticks that fall together
+# there: a second before, two after. 24.3 to 25.2 seconds were measured, the latter beside twenty
+# programs that wanted the two processors. With a budget of 20 or 30 seconds it would be 19 to 20 or
+# 29 to 30.
+scenario_held() { reset_by_watchdog "$1" HeldMainLoop.IsReset held 23 27; }
 
 scenario_fed() {
     boot "$1" usual "${kWatchdog[@]}"
@@ -87,12 +90,18 @@ scenario_boot() {
     switch_off
 }
 
-# The restart is the kernel's, not the watchdog's.
+# The restart is the kernel's, not the watchdog's. Right before it the monitor's shell command arms
+# the watchdog and leaves it so, upon which the kernel says that it did not stop.
 scenario_restart() {
+    local remark='watchdog: watchdog0: watchdog did not stop!'
+    [[ -n $busybox ]] || {
+        not_tested "restart: the monitor's command for the watchdog; the machine needs a shell for it"
+        remark=''
+    }
     boot "$1" usual "${kWatchdog[@]}" "${kCounting[@]}"
     run_until_reset guest-reset 0 60 failure 300 "$kTests" \
         --gtest_filter=Restart.FailureUnderPolicyOneRestartsTheMachine
-    grep -q 'reboot: Restarting system' "$1/console" || fail "it was not the monitor's restart"
+    expect_on_console "$1" "$remark" 'reboot: Restarting system'
     test_inside 250 Restart.ApplicationsAreSupervisedAgainAfterwards
     switch_off
 }
@@ -109,11 +118,21 @@ scenario_requests() {
     switch_off
 }
 
+# For so many numbers of applications the console has to tell these figures:
+# expect_costs COUNT FIGURES FOLDER
+expect_costs() {
+    local count
+    count=$(tr -d '\r' <"$3/console" | grep -cE "^COST \\| [0-9]+ \\| $2 \\|\$")
+    ((count == $1)) || fail "costs of $count numbers of applications; awaited: $1 of '$2'"
+}
+
 # Emulated instructions, and memory in kB.
 scenario_cost() {
     boot "$1" usual "${kCounting[@]}"
     run 600 /opt/ovard/ovard_target_cost "$kShift"
     test_inside 600 '*Memory.*'
+    expect_costs 4 '[0-9]+ \| [0-9]+' "$1"
+    expect_costs 3 'RSS [0-9]+ kB \| PSS [0-9]+ kB' "$1"
     tr -d '\r' <"$1/console" | sed -n 's/^COST /  /p'
     switch_off
 }
@@ -126,15 +145,12 @@ require_shell() {
     exit "$kNotTested"
 }
 
-# The unit tests, all of them.
+# The unit tests, all of them, and the seeds of the fuzz targets.
 scenario_units() {
-    require_shell
-    local program
     boot "$1" units "${kCounting[@]}"
-    for program in unit platform client hostile; do
-        run 600 "/opt/ovard/ovard_${program}_tests" --gtest_brief=1
-        tr -d '\r' <"$1/console" | sed -n 's/^\[==========\] \(.*\)/  \1/p' | tail -n 1
-    done
+    test_inside 900 Units.Pass FuzzTargets.PassTheirSeeds
+    tr -d '\r' <"$1/console" | sed -n 's/^UNITS /  /p'
+    not_tested "unit.signal_safety: it traces handlers on x86-64 only"
     switch_off
 }
 
@@ -145,8 +161,8 @@ scenario_suites() {
     require_shell
     local status=0
     boot "$1" suites "${kCounting[@]}"
-    (run 1000 /opt/ovard/suites "$kSuitesAtATime") || status=$?
-    tr -d '\r' <"$1/console" | sed -n 's/.*SUITE /  /p' # behind what another suite is telling
+    (run 1000 /opt/ovard/ovard_target_suites "$kSuitesAtATime") || status=$?
+    tr -d '\r' <"$1/console" | sed -n 's/^SUITE /  /p'
     ((status == 0)) || exit "$status"
     switch_off
 }

@@ -12,8 +12,8 @@ namespace platform {
 inline constexpr std::size_t kLongestTextFile = 1048576;
 
 /// Reads the regular file `path`, those of /proc included, into `text`, whose memory is reused.
-/// False when it cannot be opened or read, or there is no memory for all of it: `text` is then
-/// unspecified. Never blocks on what only looks like a file.
+/// False when it cannot be opened: `text` is then unspecified. A file that cannot be read, or for
+/// all of which there is no memory, counts as empty. Never blocks on what only looks like a file.
 bool readTextFile(const char* path, std::string& text);
 
 } // namespace platform

@@ -34,21 +34,16 @@ bool readTextFile(const char* path, std::string& text) {
     // The size that the system states is 0 for files of /proc.
     std::size_t size = std::clamp(text.capacity(), kFirstSize, kLongestTextFile);
     std::size_t used = 0;
-    for (;;) {
-        if (!resizeText(text, size)) {
-            return false; // Half a file would pass for a whole one.
-        }
+    while (resizeText(text, size)) {
         const ssize_t count = readFully(file.get(), text.data() + used, size - used);
-        if (count < 0) {
-            return false;
-        }
-        used += static_cast<std::size_t>(count);
+        used += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
         if (used < size || size == kLongestTextFile) {
-            break; // The end was reached, or the limit.
+            text.resize(used); // The end was reached, or the limit.
+            return true;
         }
         size = std::min(2 * size, kLongestTextFile);
     }
-    text.resize(used);
+    text.clear(); // Half a file would pass for a whole one.
     return true;
 }
 

@@ -59,6 +59,9 @@ bool wasSent(const siginfo_t& info) {
 /// Does with a signal what would happen without this handler.
 void handOn(int signal, siginfo_t* info, void* context) {
     const struct sigaction own = g_ownAction;
+    if ((own.sa_flags & static_cast<int>(SA_RESETHAND)) != 0) {
+        g_ownAction = {}; // The default: that handler serves once.
+    }
     if ((own.sa_flags & SA_SIGINFO) != 0) {
         own.sa_sigaction(signal, info, context);
     } else if (own.sa_handler != SIG_DFL && own.sa_handler != SIG_IGN) {

@@ -348,6 +348,14 @@ TEST(BusError, SentToTheThreadThatTouchesIsNoFault) {
               0);
 }
 
+TEST(BusError, SentToAHandlerThatServesOnceIsTheEndTheSecondTime) {
+    EXPECT_EQ(outcomeOf([] {
+                  setAction([](int signal) { ::raise(signal); }, SA_RESETHAND);
+                  return survivesBusError([] { ::raise(SIGBUS); });
+              }),
+              kEndedBySigbus);
+}
+
 // A handler that stayed away would leave the fault that follows to the system.
 TEST(BusError, SentAndIgnoredTakesNoProtectionAway) {
     EXPECT_EQ(outcomeOf([] {

@@ -108,6 +108,7 @@ int AppServer::openListeningSocket() {
         failSetUp("listen error", "listen error, exit");
     }
     socketFile_ = platform::identifyFile(kSocketPath);
+    nextLookMs_ = platform::monotonicMilliseconds() + kSocketFileLookMs;
     return 0;
 }
 
@@ -125,16 +126,21 @@ int AppServer::bindToPath(int fd) {
     return result;
 }
 
-/// Somebody may have removed the socket file, put another one there, or mounted another folder over
-/// it: then nobody can connect. What is there instead is replaced, as at the start. The open socket
-/// keeps its inode, so that no other file can have its identity.
-void AppServer::keepReachable() {
-    const std::int64_t nowMs = platform::monotonicMilliseconds();
-    if (nowMs < nextLookMs_) {
-        return;
+/// Whether the socket file has been removed, or is another one. The open socket keeps its inode, so
+/// that no other file can have its identity.
+bool AppServer::isSocketFileLost() const {
+    const platform::FileIdentity file = platform::identifyFile(kSocketPath);
+    if (!file.isKnown()) {
+        return errno == ENOENT || errno == ENOTDIR; // Else it only cannot be told.
     }
-    nextLookMs_ = nowMs + kSocketFileLookMs;
-    const bool isThere = platform::isSameFile(platform::identifyFile(kSocketPath), socketFile_);
+    return !platform::isSameFile(file, socketFile_);
+}
+
+/// Somebody may have removed the socket file, put another one there, or mounted another folder over
+/// it: then nobody can connect. What is there instead is replaced, as at the start.
+void AppServer::keepReachable() {
+    nextLookMs_ = platform::monotonicMilliseconds() + kSocketFileLookMs;
+    const bool isThere = !isSocketFileLost();
     tellReachable(isThere);
     if (!isThere && listenAnew()) {
         tellReachable(true);
@@ -209,7 +215,9 @@ int AppServer::recvCommand(reqcmd& request) {
     }
     // Deliberate: a connection left open by an earlier request without a reply is not closed.
     connection_ = fd;
-    keepReachable(); // Not earlier: the client came by the socket that this may close.
+    if (platform::monotonicMilliseconds() >= nextLookMs_ && nobodyWaits()) {
+        keepReachable(); // Not earlier: the client came by the socket that this may close.
+    }
     platform::copyToField(peerAddress_.sun_path, kSocketPath);
     return receiveRequest(own.get(), request);
 }
@@ -228,6 +236,11 @@ bool AppServer::waitForClient() {
             return result == platform::WaitResult::Ready;
         }
     }
+}
+
+/// True when no further client has come so far.
+bool AppServer::nobodyWaits() {
+    return platform::waitReadable(listeningSocket_, 0) == platform::WaitResult::TimedOut;
 }
 
 /// The new connection, or -1 with errno; logged unless the client has just gone away.

@@ -50,9 +50,10 @@ public:
     /// in up to three receive calls, each of which waits for the client. Bytes that a short record
     /// does not reach keep what `request` held. Returns the bytes read (1 to 1216); 0 when the
     /// connection vanished or nothing came; -1 on time-out, error, or when the monitor is asked to
-    /// end. The connection stays open for the reply. Every 2 seconds at most, when the time is over
-    /// or a client has come, a socket file that has vanished or has been replaced is made anew; the
-    /// log tells when that begins and when it ends, once a minute at most.
+    /// end. The connection stays open for the reply. When the time is over, and once in 2 seconds
+    /// after a client that nobody waits behind, a socket file that has vanished or has been
+    /// replaced is made anew; the log tells when that begins, once a minute at most, and when it
+    /// ends.
     int recvCommand(reqcmd& request);
 
     /// Closes the current connection, if there is one, without a reply. Any thread.
@@ -83,6 +84,8 @@ private:
     int openListeningSocket();
     int bindToPath(int fd);
     bool waitForClient();
+    bool nobodyWaits();
+    bool isSocketFileLost() const;
     void keepReachable();
     void tellReachable(bool isReachable);
     bool listenAnew();

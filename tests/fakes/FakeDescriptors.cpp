@@ -1,5 +1,6 @@
 // Descriptors and files: numbers that no real descriptor has, and a set of paths.
 
+#include <cerrno>
 #include <cstring>
 
 #include "platform/System.h"
@@ -79,6 +80,11 @@ FileIdentity identifyFile(const char* path) {
     const Lock lock;
     const auto found = world().fileNumbers.find(path);
     if (found == world().fileNumbers.end()) {
+        errno = ENOENT;
+        return {};
+    }
+    if (found->second == 0) {
+        errno = EIO;
         return {};
     }
     return {1, found->second};

@@ -210,10 +210,11 @@ public:
     std::deque<Input> reads;         ///< empty: end of file
     std::deque<Result> writeResults; ///< empty: all bytes
     std::vector<Output> written;
-    std::map<int, int> closeErrors;           ///< descriptor to errno
-    std::set<std::string> existingPaths;      ///< beside /proc/PID; removeFile takes them away
-    std::map<std::string, ino_t> fileNumbers; ///< for identifyFile; bindSocket gives a new one
-    std::map<std::string, int> removeErrors;  ///< path to errno; a missing path fails with ENOENT
+    std::map<int, int> closeErrors;      ///< descriptor to errno
+    std::set<std::string> existingPaths; ///< beside /proc/PID; removeFile takes them away
+    /// For identifyFile, which fails at 0; bindSocket gives a new one.
+    std::map<std::string, ino_t> fileNumbers;
+    std::map<std::string, int> removeErrors; ///< path to errno; a missing path fails with ENOENT
 
     // --- memory -----------------------------------------------------------------------------
     AllocationScript mallocs;

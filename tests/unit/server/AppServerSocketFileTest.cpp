@@ -33,8 +33,10 @@ protected:
         EXPECT_EQ(receive(), -1);
     }
 
-    /// A client comes, which is served, whatever becomes of the socket.
-    void letAClientCome() {
+    /// A client comes, which is served, whatever becomes of the socket, and others behind it or
+    /// none.
+    void letAClientCome(WaitResult others = WaitResult::TimedOut) {
+        world().waitResults = {WaitResult::Ready, others};
         world().scriptReceive(requestFilledWith('c'));
         EXPECT_EQ(receive(), kRequestSize);
     }
@@ -123,6 +125,7 @@ TEST_F(AppServerSocketFileTest, ComesBackWithItsFolder) {
 
 TEST_F(AppServerSocketFileTest, IsMadeAnewWhileClientsCome) {
     removeSocketFile();
+    world().advance(2000);
     letAClientCome();
     const std::string fresh = std::to_string(kFresh + 1);
     EXPECT_THAT(socketCalls(),
@@ -133,7 +136,28 @@ TEST_F(AppServerSocketFileTest, IsMadeAnewWhileClientsCome) {
     EXPECT_THAT(world().logTexts(), ElementsAre(kLost, kBack));
 }
 
+TEST_F(AppServerSocketFileTest, StaysWhileClientsWaitAtIt) {
+    removeSocketFile();
+    world().advance(2000);
+    letAClientCome(WaitResult::Ready);
+    EXPECT_EQ(world().count("bind"), 0U);
+    letAClientCome();
+    EXPECT_EQ(world().count("bind"), 1U);
+}
+
+TEST_F(AppServerSocketFileTest, IsNotTakenForLostWhereThatCannotBeTold) {
+    const ino_t number = world().fileNumbers[kSocketPath];
+    world().fileNumbers[kSocketPath] = 0;
+    letTheTimePass();
+    EXPECT_EQ(world().count("bind"), 0U);
+    EXPECT_THAT(world().log, IsEmpty());
+    world().fileNumbers[kSocketPath] = number;
+    letTheTimePass();
+    EXPECT_EQ(world().count("bind"), 0U);
+}
+
 TEST_F(AppServerSocketFileTest, IsLookedAtEveryTwoSecondsWhileClientsCome) {
+    world().advance(2000);
     letAClientCome();
     removeSocketFile();
     world().advance(1999);

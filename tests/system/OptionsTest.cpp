@@ -68,6 +68,9 @@ TEST_F(Options, LimitOfTheFileSizeDoesNotEndIt) {
 }
 
 TEST_F(Options, LimitOfTheFileSizeDoesNotEndItBeforeItsFirstLine) {
+    if (kThreadsAreSanitized) {
+        GTEST_SKIP() << "with such a limit the thread sanitizer does not start";
+    }
     const ProgramResult result =
         runProgram("/bin/sh", {"-c", "{ ulimit -f 0; " + daemonProgram() + " '-?'; } | cat"});
     EXPECT_EQ(result.output,

@@ -25,6 +25,7 @@ constexpr std::size_t kRecordSize = sizeof(reqcmd);
 
 /// The main thread and the command thread: the replay is over.
 constexpr std::size_t kThreadsAfterReplay = 2 + kSanitizerThreads;
+constexpr int kMomentMs = 300;
 
 std::string imagesOf(const std::vector<reqcmd>& requests) {
     std::string images;
@@ -76,9 +77,20 @@ protected:
 
     void expectServing() { EXPECT_TRUE(askFor(makeRequest(APPMONCTL_Stop, "nobody")).came); }
 
+    /// Right before the replay there are as many threads as after it, for a moment.
     bool replayEnds(int timeoutMs = kPatienceMs) const {
+        const auto isOver = [this] {
+            return threadsOf(monitor_.pid()).size() == kThreadsAfterReplay;
+        };
         return eventually(
-            [this] { return threadsOf(monitor_.pid()).size() == kThreadsAfterReplay; }, timeoutMs);
+            [&] {
+                if (!isOver()) {
+                    return false;
+                }
+                sleepMs(kMomentMs);
+                return isOver();
+            },
+            timeoutMs);
     }
 
     void expectOrderlyEnd() {

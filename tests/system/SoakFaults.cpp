@@ -171,8 +171,9 @@ bool SoakFaults::kill() {
     return sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGKILL);
 }
 
+/// By the one such signal that a sanitizer does not take for a finding of its own.
 bool SoakFaults::crash() {
-    return sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGSEGV);
+    return sendSignal(settledProcess([](const reqcmd&) { return true; }), SIGABRT);
 }
 
 bool SoakFaults::pause(pid_t pid, int milliseconds) {

@@ -53,20 +53,47 @@ bool liesInPublicFolder(int directory, const char* path) {
     return ::fstatat(directory, folder, &facts, 0) != 0 || (facts.st_mode & S_IWOTH) != 0;
 }
 
-/// True for a symbolic link that is no stranger's trap. One with a second name may be root's, put
-/// here by somebody else.
+/// True for what belongs to root or to the caller.
+bool isOwn(const struct stat& facts) {
+    return facts.st_uid == 0 || facts.st_uid == ::geteuid();
+}
+
+/// True for a symbolic link that is no stranger's trap; errno is ELOOP for one that is. One with a
+/// second name may be root's, put here by somebody else.
 bool isTrustedLink(int directory, const char* path) {
     struct stat facts = {};
     if (::fstatat(directory, path, &facts, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(facts.st_mode)) {
         return false;
     }
-    const bool isOwn = facts.st_uid == 0 || facts.st_uid == ::geteuid();
-    return (isOwn && facts.st_nlink == 1) || !liesInPublicFolder(directory, path);
+    if ((isOwn(facts) && facts.st_nlink == 1) || !liesInPublicFolder(directory, path)) {
+        return true;
+    }
+    errno = ELOOP; // With O_DIRECTORY the system says ENOTDIR.
+    return false;
 }
 
 /// True for a file that can be what is meant by a name in a folder that everybody may write to.
 bool isPlainWithOneName(const struct stat& facts) {
     return S_ISREG(facts.st_mode) && facts.st_nlink == 1;
+}
+
+/// Enters a folder on the way to a file that the operator has named.
+void enterNamedFolder(Folder& folder, const char* name) {
+    const bool isInPublic = liesInPublicFolder(folder.fd.get(), name);
+    folder.fd =
+        openFileAt(folder.fd.get(), name, kFolderFlags | (folder.mayBePlanted ? O_NOFOLLOW : 0));
+    if (isInPublic && folder.fd.valid() && !isTrustedFolder(folder.fd)) {
+        folder.mayBePlanted = true;
+    }
+}
+
+/// The last component of `path`, with the slashes behind it; all of a path that is nothing else.
+const char* lastComponent(const char* path) {
+    const std::string_view text(path);
+    const std::size_t end = text.find_last_not_of('/');
+    const std::size_t slash =
+        end == std::string_view::npos ? std::string_view::npos : text.rfind('/', end);
+    return slash == std::string_view::npos ? path : path + slash + 1;
 }
 
 } // namespace
@@ -85,13 +112,42 @@ UniqueFd openFile(const char* path, int flags, mode_t mode) {
     return openFileAt(AT_FDCWD, path, flags, mode);
 }
 
+bool isTrustedFolder(const UniqueFd& folder) {
+    struct stat facts = {};
+    return ::fstatat(folder.get(), ".", &facts, 0) == 0 && isOwn(facts);
+}
+
+Folder walkToFolderOf(std::string_view path, EnterFolder enter) {
+    Folder folder;
+    folder.fd = openFile(path.substr(0, 1) == "/" ? "/" : ".", kFolderFlags);
+    for (std::size_t slash = path.find('/'); slash != std::string_view::npos && folder.fd.valid();
+         slash = path.find('/')) {
+        if (slash > 0) {
+            char name[PATH_MAX];
+            // Where a name is cut it is too long for any file system, too.
+            name[path.substr(0, slash).copy(name, sizeof name - 1)] = '\0';
+            enter(folder, name);
+        }
+        path.remove_prefix(slash + 1);
+    }
+    return folder;
+}
+
 UniqueFd openNamedFile(const char* path, int flags, mode_t mode) {
-    UniqueFd file = openFile(path, flags & ~O_TRUNC, mode);
+    const char* const name = lastComponent(path);
+    const Folder folder =
+        walkToFolderOf({path, static_cast<std::size_t>(name - path)}, enterNamedFolder);
+    if (!folder.fd.valid()) {
+        return UniqueFd();
+    }
+    const int openFlags = (flags & ~O_TRUNC) | (folder.mayBePlanted ? O_NOFOLLOW : 0);
+    UniqueFd file = openFileAt(folder.fd.get(), name, openFlags, mode);
     struct stat facts = {};
     if (!file.valid() || ::fstat(file.get(), &facts) != 0) {
         return UniqueFd();
     }
-    if (!isPlainWithOneName(facts) && liesInPublicFolder(AT_FDCWD, path)) {
+    const bool isPublic = folder.mayBePlanted || liesInPublicFolder(folder.fd.get(), name);
+    if (!isPlainWithOneName(facts) && isPublic) {
         errno = EACCES;
         return UniqueFd();
     }

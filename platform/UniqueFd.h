@@ -3,11 +3,13 @@
 #ifndef OVARD_PLATFORM_UNIQUE_FD_H
 #define OVARD_PLATFORM_UNIQUE_FD_H
 
+#include <fcntl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <string_view>
 #include <utility>
 
 namespace platform {
@@ -56,12 +58,39 @@ UniqueFd openFileAt(int directory, const char* path, int flags, mode_t mode = 0)
 /// The same for a path that is absolute or below the working directory.
 UniqueFd openFile(const char* path, int flags, mode_t mode = 0);
 
+/// Opens a folder only to reach what it holds, which needs no leave to list it; kernels before
+/// 2.6.39, which do not know O_PATH, open it for reading.
+constexpr int kFolderFlags = O_PATH | O_DIRECTORY;
+
+/// A folder that a path leads to.
+struct Folder {
+    UniqueFd fd;
+    /// Another user could have made it, or one on the way to it, in a folder that everybody may
+    /// write to. Set by who enters it.
+    bool mayBePlanted = false;
+};
+
+/// Replaces `folder` by the folder `name` that it holds; its fd is invalid, with errno, on failure.
+using EnterFolder = void (*)(Folder& folder, const char* name);
+
+/// Walks to the folder that holds what stands behind the last slash of `path`, with `enter` from
+/// each folder to the next one. Invalid with errno on failure. Async-signal-safe if `enter` is.
+Folder walkToFolderOf(std::string_view path, EnterFolder enter);
+
+/// True for a folder in which nobody but root and the caller decides what stands where, as long as
+/// not everybody may write to it.
+bool isTrustedFolder(const UniqueFd& folder);
+
 /// openFile for a path that the operator has named, who may mean a fifo or a device. In a folder
 /// that everybody may write to it takes nothing but plain files without a second name: the rest
 /// could have been planted there, and is the error EACCES. The file is emptied (O_TRUNC) only once
 /// it is known to be right.
 ///
-/// What counts is the folder of the name itself: a link in a private folder that leads into a
+/// Each folder on the way is reached from the one that holds it, by the rules of openFileAt. Below
+/// a folder of another user that is reached from one that everybody may write to, no link is
+/// followed at all, and nothing is taken that is not taken from such a folder.
+///
+/// What counts are the folders that are named: a link in a private folder that leads into a
 /// public one is what the operator means, and so is a plain file there, whoever owns it. He who
 /// names such a file trusts those who can write to it, or put another one in its place.
 UniqueFd openNamedFile(const char* path, int flags, mode_t mode = 0);

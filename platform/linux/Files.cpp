@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 
 #include "platform/linux/FixedText.h"
 
@@ -12,10 +11,6 @@ namespace platform {
 namespace {
 
 constexpr mode_t kFolderMode = 0755;
-
-/// Only to reach what it holds, which needs no leave to list it; kernels before 2.6.39, which do
-/// not know O_PATH, open it for reading.
-constexpr int kFolderFlags = O_PATH | O_DIRECTORY;
 
 /// Gives the folder its mode, of which the umask may have taken bits away. By the descriptor,
 /// because its name could lead elsewhere by now; fchmod refuses descriptors of this kind.
@@ -25,22 +20,14 @@ void settleMode(const UniqueFd& folder) {
     (void)::chmod(name.c_str(), kFolderMode); // What it lacks shows when it is used.
 }
 
-/// True for a folder in which nobody but root and the caller decides what stands where.
-bool isTrustedFolder(const UniqueFd& folder) {
-    struct stat facts = {};
-    return ::fstatat(folder.get(), ".", &facts, 0) == 0 &&
-           (facts.st_uid == 0 || facts.st_uid == ::geteuid());
-}
-
-/// Opens the folder `name` of `parent`, created if it is missing.
-UniqueFd enterFolder(const UniqueFd& parent, const char* name) {
-    const bool isNew = ::mkdirat(parent.get(), name, kFolderMode) == 0;
-    const bool mayFollow = !isNew && isTrustedFolder(parent);
-    UniqueFd folder = openFileAt(parent.get(), name, kFolderFlags | (mayFollow ? 0 : O_NOFOLLOW));
-    if (isNew && folder.valid()) {
-        settleMode(folder);
+/// Enters the folder `name`, created if it is missing.
+void enterFolder(Folder& folder, const char* name) {
+    const bool isNew = ::mkdirat(folder.fd.get(), name, kFolderMode) == 0;
+    const bool mayFollow = !isNew && isTrustedFolder(folder.fd);
+    folder.fd = openFileAt(folder.fd.get(), name, kFolderFlags | (mayFollow ? 0 : O_NOFOLLOW));
+    if (isNew && folder.fd.valid()) {
+        settleMode(folder.fd);
     }
-    return folder;
 }
 
 } // namespace
@@ -63,17 +50,7 @@ UniqueFd openPlainFile(const char* path, int flags, mode_t mode, struct stat& fa
 }
 
 UniqueFd openFolderOf(std::string_view path) {
-    UniqueFd folder = openFile(path.substr(0, 1) == "/" ? "/" : ".", kFolderFlags);
-    for (std::size_t slash = path.find('/'); slash != std::string_view::npos && folder.valid();
-         slash = path.find('/')) {
-        if (slash > 0) {
-            FixedText<PATH_MAX> name;
-            name.add(path.substr(0, slash));
-            folder = enterFolder(folder, name.c_str());
-        }
-        path.remove_prefix(slash + 1);
-    }
-    return folder;
+    return walkToFolderOf(path, enterFolder).fd;
 }
 
 ssize_t readFileOnce(const char* path, char* buffer, std::size_t size) {

@@ -112,6 +112,20 @@ TEST_F(PlantedFiles, FifoInAFolderThatIsNotEverybodysIsRead) {
     EXPECT_TRUE(eventually([this] { return hasQueued("fifo"); }));
 }
 
+TEST_F(PlantedFiles, SecondNameOfALinkLeadsNoRequestElsewhere) {
+    ASSERT_TRUE(makeDirectories("/tmp/elsewhere"));
+    ASSERT_EQ(::symlink("elsewhere", kLink), 0);
+    ASSERT_EQ(::link(kLink, kNamed), 0);
+    Daemon monitor;
+    ASSERT_TRUE(monitor.startInForeground({"-v", "0", "-f", "/tmp/named/requests"}));
+    EXPECT_TRUE(askFor(stopOf("nobody")).came);
+    const std::string failure = "Error " + std::to_string(ELOOP) +
+                                " opening /tmp/named/requests for appending REQUEST_CMD=";
+    EXPECT_EQ(countOf(monitor.console(), failure), 1U) << monitor.console();
+    EXPECT_EQ(entriesOf("/tmp/elsewhere"), std::vector<std::string>{});
+    EXPECT_EQ(monitor.terminate().text(), "status 0");
+}
+
 TEST_F(PlantedFiles, SecondNameOfALinkLeadsThePidFileNowhere) {
     ASSERT_TRUE(makeDirectories("/tmp/elsewhere"));
     ASSERT_EQ(::symlink("elsewhere", kLink), 0);

@@ -1,9 +1,8 @@
 // What another user may have planted in a folder that everybody can write to: links, fifos, devices
-// and second names of other files. Giving a file away and making a device take root.
+// and second names of other files.
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "PlantedFiles.h"
 #include "TestSupport.h"
 #include "platform/Process.h"
 #include "platform/ShmUpdate.h"
@@ -25,46 +25,6 @@ namespace {
 using namespace testsupport;
 using platform::openFile;
 using platform::openFolderOf;
-using platform::openNamedFile;
-
-constexpr uid_t kAnotherUser = 65534;
-const dev_t kZeroDevice = makedev(1, 5);
-
-/// A folder that everybody may write to, and a file worth protecting.
-class Planted : public testing::Test {
-protected:
-    Planted() {
-        writeText(victim_, "precious");
-        ::chmod(victim_.c_str(), 0600);
-        ::chmod(directory_.path().c_str(), 0777);
-    }
-
-    void TearDown() override {
-        EXPECT_EQ(readText(victim_), "precious");
-        EXPECT_EQ(modeOf(victim_), 0600U);
-    }
-
-    std::string at(const std::string& name) const { return directory_.file(name); }
-
-    /// A link to `target` that belongs to another user; false without the right to make it.
-    bool plantLink(const std::string& target, const std::string& name) const {
-        return ::symlink(target.c_str(), at(name).c_str()) == 0 &&
-               ::lchown(at(name).c_str(), kAnotherUser, kAnotherUser) == 0;
-    }
-
-    /// A device without end; false without the right to make it or to open it there.
-    bool plantDevice(const std::string& name) const {
-        return ::mknod(at(name).c_str(), S_IFCHR | 0600, kZeroDevice) == 0 &&
-               platform::UniqueFd(::open(at(name).c_str(), O_RDWR | O_CLOEXEC)).valid();
-    }
-
-    int writePidFile(int pid, const std::string& name) const {
-        return set_pid_file_version(&pid, at(name).c_str(), kCreateForWriting, "1");
-    }
-
-    const TemporaryDirectory directory_;
-    const std::string victim_ = at("victim");
-};
 
 // --- links ---------------------------------------------------------------------------------------
 
@@ -233,99 +193,7 @@ TEST_F(Planted, SecondNameOfAnotherFileTakesNoPidFile) {
     EXPECT_EQ(errno, EMLINK);
 }
 
-// --- what the operator names ---------------------------------------------------------------------
-
-/// Flags with which the monitor opens what its operator names.
-constexpr int kNamedFlags[] = {O_RDONLY, O_WRONLY | O_CREAT | O_APPEND,
-                               O_WRONLY | O_CREAT | O_TRUNC};
-
-TEST_F(Planted, PlainFileThatIsNamedIsOpened) {
-    writeText(at("named"), "text");
-    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
-    EXPECT_TRUE(openNamedFile(at("named").c_str(), kNamedFlags[1], 0640).valid());
-    EXPECT_EQ(readText(at("named")), "text");
-    EXPECT_TRUE(openNamedFile(at("named").c_str(), kNamedFlags[2], 0640).valid());
-    EXPECT_EQ(readText(at("named")), "");
-    EXPECT_TRUE(openNamedFile(at("new").c_str(), kNamedFlags[2], 0640).valid());
-    EXPECT_EQ(modeOf(at("new")), 0640U);
-    EXPECT_FALSE(openNamedFile(at("missing").c_str(), O_RDONLY).valid());
-    EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(Planted, SecondNameOfAnotherFileIsNotWhatWasNamed) {
-    ASSERT_EQ(::link(victim_.c_str(), at("named").c_str()), 0);
-    for (const mode_t mode : {0777U, 01777U}) {
-        ASSERT_EQ(::chmod(directory_.path().c_str(), mode), 0);
-        for (const int flags : kNamedFlags) {
-            errno = 0;
-            EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
-            EXPECT_EQ(errno, EACCES) << flags;
-        }
-    }
-    ASSERT_EQ(::chmod(directory_.path().c_str(), 0775), 0);
-    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
-}
-
-TEST_F(Planted, FifoIsNotWhatWasNamed) {
-    ASSERT_EQ(::mkfifo(at("named").c_str(), 0600), 0);
-    const platform::UniqueFd both(::open(at("named").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-    for (const int flags : kNamedFlags) {
-        errno = 0;
-        EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
-        EXPECT_EQ(errno, EACCES) << flags;
-    }
-    ASSERT_EQ(::chmod(directory_.path().c_str(), 0775), 0);
-    for (const int flags : kNamedFlags) {
-        EXPECT_TRUE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
-    }
-}
-
-TEST_F(Planted, DeviceIsNotWhatWasNamed) {
-    if (!plantDevice("named")) {
-        GTEST_SKIP() << "takes root";
-    }
-    for (const int flags : kNamedFlags) {
-        EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
-    }
-    EXPECT_TRUE(openNamedFile("/dev/zero", O_RDONLY).valid());
-}
-
-TEST_F(Planted, LinkIsNotWhatWasNamed) {
-    if (!plantLink("victim", "named")) {
-        GTEST_SKIP() << "takes root";
-    }
-    for (const int flags : kNamedFlags) {
-        errno = 0;
-        EXPECT_FALSE(openNamedFile(at("named").c_str(), flags, 0600).valid()) << flags;
-        EXPECT_EQ(errno, ELOOP) << flags;
-    }
-}
-
-TEST_F(Planted, LinkOfOnesOwnLeadsToAPlainFileOnly) {
-    writeText(at("target"), "text");
-    ASSERT_EQ(::symlink("target", at("named").c_str()), 0);
-    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
-    ASSERT_EQ(::link(victim_.c_str(), at("other").c_str()), 0);
-    ASSERT_EQ(::symlink("other", at("link").c_str()), 0);
-    EXPECT_FALSE(openNamedFile(at("link").c_str(), kNamedFlags[2], 0600).valid());
-}
-
-// The operator has put the link where nobody else could.
-TEST_F(Planted, LinkFromAPrivateFolderIsWhatWasNamed) {
-    const TemporaryDirectory own;
-    ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
-    ASSERT_EQ(::symlink(at("fifo").c_str(), own.file("named").c_str()), 0);
-    EXPECT_TRUE(openNamedFile(own.file("named").c_str(), O_RDONLY).valid());
-    EXPECT_FALSE(openNamedFile(at("fifo").c_str(), O_RDONLY).valid());
-}
-
-TEST_F(Planted, PlainFileOfAnotherUserIsWhatWasNamed) {
-    writeText(at("named"), "text");
-    if (::chown(at("named").c_str(), kAnotherUser, kAnotherUser) != 0) {
-        GTEST_SKIP() << "takes root";
-    }
-    EXPECT_TRUE(openNamedFile(at("named").c_str(), O_RDONLY).valid());
-}
+// --- segments ------------------------------------------------------------------------------------
 
 /// A segment's name of its own in /dev/shm, and a private file of another program there.
 class PlantedSegment : public testing::Test {

@@ -100,6 +100,9 @@ TEST_F(FaultDescriptors, NoneForAReplacement) {
 
 // --- memory --------------------------------------------------------------------------------------
 
+/// A launch of a program that cannot be executed, for which the search takes half a minute.
+constexpr int kFailedLaunchMs = 40000;
+
 /// Three launches of programs that stay in the foreground, and what comes before and after.
 constexpr int kLaunchesMs = 120000;
 
@@ -121,7 +124,14 @@ protected:
         ASSERT_TRUE(setLimit(monitorPid_, resource, 4096));
     }
 
+    /// The monitor goes on, although there is no memory to execute another program. The entry of
+    /// that has no pid file and soon goes.
     void expectEndured(const std::string& what) {
+        const Reply reply = askFor(makeStart("late"), kFailedLaunchMs);
+        const std::string pid = std::to_string(pidIn(reply.message));
+        EXPECT_EQ(reply, replyOf(0, "late [pid=" + pid + "] is started @DATE\n")) << what;
+        EXPECT_TRUE(processesNamed("late").empty()) << "there was memory";
+        EXPECT_TRUE(publishes({"data_server"})) << what;
         for (int cycle = 0; cycle < 2; ++cycle) {
             expectAllIsWell(what);
         }

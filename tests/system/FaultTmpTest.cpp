@@ -12,7 +12,51 @@
 namespace systemtest {
 namespace {
 
-using FaultTmp = FaultTest;
+const std::string kRecord = "/tmp/recorded";
+const std::string kConsole = "/mnt/console";
+
+/// Line of a script: the monitor's console is where it can be written whatever becomes of /tmp.
+const std::string kConsoleElsewhere = "exec >" + kConsole + "\n";
+
+/// What the console says of a request that cannot be recorded begins with this.
+std::string recordingError(int error, const std::string& doing) {
+    return "Error " + std::to_string(error) + " " + doing + " REQUEST_CMD={action=";
+}
+
+class FaultTmp : public FaultTest {
+protected:
+    /// As startWithOneApplication, with requests being recorded.
+    void startRecording() {
+        ASSERT_TRUE(startPublisher({"-f", kRecord}));
+        monitorPid_ = monitor_.pid();
+        request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
+        pid_ = launchUntilRunning(request_);
+        ASSERT_TRUE(publishes("data_server", pid_, "started"));
+    }
+
+    /// Requests that cannot be recorded are executed, and the console tells of each.
+    void expectServedUnrecorded(const std::string& error) {
+        const std::string recorded = readFile(kRecord);
+        const pid_t pid = launch(makeSupervised("late", kNoPolicy, "--no-pidfile"));
+        EXPECT_TRUE(isRunning(pid));
+        EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "late")).code, 0);
+        EXPECT_TRUE(isGone(pid));
+        for (const int action : {APPMONCTL_Start, APPMONCTL_Stop}) {
+            const std::string line = error + std::to_string(action) + ",late}\n";
+            EXPECT_EQ(countOf(readFile(kConsole), line), 1U) << line << readFile(kConsole);
+        }
+        EXPECT_TRUE(readFile(kRecord) == recorded);
+    }
+
+    /// The next request is recorded, right behind the whole records that were there before.
+    static void expectRecordedAgain() {
+        expectServing(); // behind who has come so far
+        const std::string recorded = readFile(kRecord);
+        EXPECT_EQ(recorded.size() % sizeof(reqcmd), 0U);
+        expectServing();
+        EXPECT_TRUE(readFile(kRecord) == recorded + bytesOf(makeRequest(APPMONCTL_Stop, "nobody")));
+    }
+};
 
 const std::string kLost = "/tmp/appmon_sock is not the control socket any more";
 const std::string kBack = "/tmp/appmon_sock is the control socket again";
@@ -122,26 +166,33 @@ TEST_F(FaultTmp, MissingAtTheStart) {
 // --- while the monitor runs ----------------------------------------------------------------------
 
 TEST_F(FaultTmp, DiskThatFillsUp) {
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    const MonitorThroughScript script(kConsoleElsewhere + "exec \"$OVARD\" \"$@\"\n");
+    ASSERT_NO_FATAL_FAILURE(startRecording());
+    ASSERT_TRUE(runShell("rm " + kRecord)); // the next record needs room of its own
     FullFolder full("/tmp");
     if (!full.isFull()) {
         GTEST_SKIP() << "/tmp is no memory disk here";
     }
     const std::size_t lines = daemonLogTexts(3).size();
+    expectServedUnrecorded(recordingError(ENOSPC, "writing to " + kRecord + ","));
     expectAllIsWell("without room");
     expectLeftAlone("without room");
     EXPECT_EQ(daemonLogTexts(3).size(), lines);
+    EXPECT_EQ(readFile(kRecord), "") << "there was room";
     full.release();
+    expectRecordedAgain();
     expectAllIsWell("with room again");
 }
 
 TEST_F(FaultTmp, DiskThatBecomesReadOnly) {
-    const OwnMounts mounts;
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    const OwnMounts mounts(kConsoleElsewhere);
+    ASSERT_NO_FATAL_FAILURE(startRecording());
     ASSERT_TRUE(OwnMounts::change(monitorPid_, readOnlyFolder("/tmp")));
+    expectServedUnrecorded(recordingError(EROFS, "opening " + kRecord + " for appending"));
     expectAllIsWell("read-only");
     expectLeftAlone("read-only");
     ASSERT_TRUE(OwnMounts::change(monitorPid_, uncovered("/tmp")));
+    expectRecordedAgain();
     expectAllIsWell("writable again");
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
     EXPECT_FALSE(fileExists(kSocketPath));

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -69,6 +70,12 @@ TEST_F(CopyToFieldTest, RestOfTheFieldIsZero) {
 
 TEST_F(CopyToFieldTest, EmptyTextClearsTheField) {
     copyToField(field_, "");
+    EXPECT_EQ(bytes(), std::string(8, '\0'));
+}
+
+// Its pointer is null: even a copy of no bytes from there is undefined.
+TEST_F(CopyToFieldTest, ViewOfNothingClearsTheField) {
+    copyToField(field_, std::string_view());
     EXPECT_EQ(bytes(), std::string(8, '\0'));
 }
 

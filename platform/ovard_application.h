@@ -5,9 +5,9 @@
 // examples/minimal_app.c; both are installed with the documentation of libovard-dev.
 //
 // None of these calls waits for another process, throws, starts a thread, leaves a descriptor open
-// or changes signal handling but for a moment: while a heartbeat is registered or dropped, SIGBUS has
-// another action, which hands on to that of the process what is not its own, and other threads that
-// do the same, or fork, wait. Each may be called from any thread, none from a signal handler.
+// or changes signal handling but for a moment: while a heartbeat is registered or dropped, SIGBUS
+// has another action, which hands on to that of the process what is not its own, and other threads
+// that do the same, or fork, wait. Each may be called from any thread, none from a signal handler.
 
 #ifndef OVARD_APPLICATION_H
 #define OVARD_APPLICATION_H

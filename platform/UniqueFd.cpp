@@ -133,20 +133,28 @@ Folder walkToFolderOf(std::string_view path, EnterFolder enter) {
     return folder;
 }
 
-UniqueFd openNamedFile(const char* path, int flags, mode_t mode) {
+NamedPlace findNamedPlace(const char* path) {
     const char* const name = lastComponent(path);
-    const Folder folder =
-        walkToFolderOf({path, static_cast<std::size_t>(name - path)}, enterNamedFolder);
-    if (!folder.fd.valid()) {
+    return {walkToFolderOf({path, static_cast<std::size_t>(name - path)}, enterNamedFolder), name};
+}
+
+UniqueFd openAt(const NamedPlace& place, int flags, mode_t mode) {
+    if (!place.folder.fd.valid()) {
         return UniqueFd();
     }
-    const int openFlags = (flags & ~O_TRUNC) | (folder.mayBePlanted ? O_NOFOLLOW : 0);
-    UniqueFd file = openFileAt(folder.fd.get(), name, openFlags, mode);
+    const int noLink = place.folder.mayBePlanted ? O_NOFOLLOW : 0;
+    return openFileAt(place.folder.fd.get(), place.name, flags | noLink, mode);
+}
+
+UniqueFd openNamedFile(const char* path, int flags, mode_t mode) {
+    const NamedPlace place = findNamedPlace(path);
+    UniqueFd file = openAt(place, flags & ~O_TRUNC, mode);
     struct stat facts = {};
     if (!file.valid() || ::fstat(file.get(), &facts) != 0) {
         return UniqueFd();
     }
-    const bool isPublic = folder.mayBePlanted || liesInPublicFolder(folder.fd.get(), name);
+    const bool isPublic =
+        place.folder.mayBePlanted || liesInPublicFolder(place.folder.fd.get(), place.name);
     if (!isPlainWithOneName(facts) && isPublic) {
         errno = EACCES;
         return UniqueFd();

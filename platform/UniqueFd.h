@@ -81,14 +81,28 @@ Folder walkToFolderOf(std::string_view path, EnterFolder enter);
 /// not everybody may write to it.
 bool isTrustedFolder(const UniqueFd& folder);
 
+/// Where a file lies that the operator has named.
+struct NamedPlace {
+    Folder folder;              ///< invalid where there is no such folder
+    const char* name = nullptr; ///< of the file there, with slashes behind it: a part of the path
+};
+
+/// Walks to the place of the file `path`; errno tells why there is no such folder. Each folder on
+/// the way is reached from the one that holds it, by the rules of openFileAt; below a folder of
+/// another user that is reached from one that everybody may write to, no link is followed at all.
+/// The path has to outlive what is returned. Async-signal-safe.
+NamedPlace findNamedPlace(const char* path);
+
+/// openFileAt for the file of a place, by the rules of findNamedPlace. Async-signal-safe.
+UniqueFd openAt(const NamedPlace& place, int flags, mode_t mode = 0);
+
 /// openFile for a path that the operator has named, who may mean a fifo or a device. In a folder
 /// that everybody may write to it takes nothing but plain files without a second name: the rest
 /// could have been planted there, and is the error EACCES. The file is emptied (O_TRUNC) only once
 /// it is known to be right.
 ///
-/// Each folder on the way is reached from the one that holds it, by the rules of openFileAt. Below
-/// a folder of another user that is reached from one that everybody may write to, no link is
-/// followed at all, and nothing is taken that is not taken from such a folder.
+/// The way to it is that of findNamedPlace. Below a folder of another user that is reached from one
+/// that everybody may write to, nothing is taken that is not taken from such a folder.
 ///
 /// What counts are the folders that are named: a link in a private folder that leads into a
 /// public one is what the operator means, and so is a plain file there, whoever owns it. He who

@@ -64,7 +64,7 @@ private:
 } // namespace
 
 EventFile::EventFile(const std::string& path)
-    : file_(platform::openFile(path.c_str(), O_RDONLY)) {
+    : file_(platform::openAt(platform::findNamedPlace(path.c_str()), O_RDONLY)) {
     struct stat facts = {};
     if (!file_.valid() || ::fstat(file_.get(), &facts) != 0) {
         error_ = errno;

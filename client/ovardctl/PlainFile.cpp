@@ -19,14 +19,6 @@ std::string failureOf(const std::string& path, const std::string& attempt, int e
     return "cannot " + attempt + " " + path + ": " + std::generic_category().message(error);
 }
 
-std::string directoryOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 bool isSameMoment(const timespec& left, const timespec& right) {
     return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
@@ -52,7 +44,8 @@ bool readAll(int fd, std::size_t size, std::size_t limit, std::string& content) 
 } // namespace
 
 std::string readPlainFile(const std::string& path, std::size_t limit, std::string& content) {
-    const platform::UniqueFd file = platform::openFile(path.c_str(), O_RDONLY);
+    const platform::UniqueFd file =
+        platform::openAt(platform::findNamedPlace(path.c_str()), O_RDONLY);
     struct stat facts = {};
     if (!file.valid() || ::fstat(file.get(), &facts) != 0) {
         return failureOf(path, "open", errno);
@@ -83,15 +76,24 @@ FileReplacement::FileReplacement(std::string path)
 
 FileReplacement::~FileReplacement() {
     if (newFile_.valid()) {
-        (void)::unlink(newPath_.c_str()); // nothing more can be done about it
+        // nothing more can be done about it
+        (void)::unlinkat(folder(), newName_.c_str(), 0);
     }
 }
 
 std::string FileReplacement::begin() {
-    // Given by hand: openFile opens what is there already.
-    newFile_.reset(::open(newPath_.c_str(),
-                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
-                          S_IRUSR | S_IWUSR));
+    place_ = platform::findNamedPlace(path_.c_str());
+    if (!place_.folder.fd.valid()) {
+        return failureOf(newPath_, "create", errno);
+    }
+    if (path_.empty() || path_.back() == '/') {
+        return path_ + " is no plain file";
+    }
+    newName_ = std::string(place_.name) + ".new";
+    // Given by hand: openAt opens what is there already.
+    newFile_.reset(::openat(folder(), newName_.c_str(),
+                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
+                            S_IRUSR | S_IWUSR));
     if (!newFile_.valid() && errno == EEXIST) {
         return newPath_ + " exists: another program is changing " + path_ +
                " at this moment, or was interrupted; remove " + newPath_ + " in that case";
@@ -103,7 +105,7 @@ std::string FileReplacement::begin() {
 }
 
 std::string FileReplacement::examine() {
-    hasOriginal_ = ::lstat(path_.c_str(), &original_) == 0;
+    hasOriginal_ = ::fstatat(folder(), place_.name, &original_, AT_SYMLINK_NOFOLLOW) == 0;
     if (!hasOriginal_) {
         return errno == ENOENT ? std::string() : failure("examine");
     }
@@ -121,7 +123,7 @@ std::string FileReplacement::commit(std::string_view content) {
     if (!isUnchanged()) {
         return "another program has just changed " + path_ + "; nothing was changed, try again";
     }
-    if (std::rename(newPath_.c_str(), path_.c_str()) != 0) {
+    if (::renameat(folder(), newName_.c_str(), folder(), place_.name) != 0) {
         return failure("replace");
     }
     newFile_.reset();
@@ -152,7 +154,7 @@ bool FileReplacement::keepOwner() const {
 
 bool FileReplacement::isUnchanged() const {
     struct stat facts = {};
-    if (::lstat(path_.c_str(), &facts) != 0) {
+    if (::fstatat(folder(), place_.name, &facts, AT_SYMLINK_NOFOLLOW) != 0) {
         return !hasOriginal_ && errno == ENOENT;
     }
     return hasOriginal_ && facts.st_dev == original_.st_dev && facts.st_ino == original_.st_ino &&
@@ -163,7 +165,7 @@ bool FileReplacement::isUnchanged() const {
 /// Makes the new name last. Some file systems have nothing to do for that and say so.
 std::string FileReplacement::syncDirectory() const {
     const platform::UniqueFd directory =
-        platform::openFile(directoryOf(path_).c_str(), O_RDONLY | O_DIRECTORY);
+        platform::openFileAt(folder(), ".", O_RDONLY | O_DIRECTORY);
     if (directory.valid() && (::fsync(directory.get()) == 0 || errno == EINVAL)) {
         return {};
     }

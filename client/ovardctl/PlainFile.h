@@ -14,14 +14,16 @@
 
 namespace ovardctl {
 
-/// Reads the plain file `path` of at most `limit` bytes. Never blocks on what only looks like one.
+/// Reads the plain file `path` of at most `limit` bytes. Never blocks on what only looks like one,
+/// and never follows what another user may have planted (platform::findNamedPlace).
 std::string readPlainFile(const std::string& path, std::size_t limit, std::string& content);
 
 /// Both paths lead to one file that exists, also through symbolic or hard links.
 bool areSameFile(const std::string& left, const std::string& right);
 
 /// Replaces a plain file by one of the same owner and permissions, or creates it with mode 0644.
-/// Readers find the old content or the new one, also after the power failed.
+/// Readers find the old content or the new one, also after the power failed. No link is followed
+/// that another user may have planted on the way to it (platform::findNamedPlace).
 ///
 /// The new content is prepared in a file beside it, PATH.new, which keeps a second replacement of
 /// the same file away. It is removed with the object.
@@ -51,8 +53,12 @@ private:
     std::string syncDirectory() const;
     std::string failure(const std::string& attempt) const;
 
-    std::string path_;
-    std::string newPath_;
+    int folder() const { return place_.folder.fd.get(); }
+
+    const std::string path_;
+    const std::string newPath_;
+    platform::NamedPlace place_; ///< of the file; what is done there does not walk the path again
+    std::string newName_;
     platform::UniqueFd newFile_; ///< open while there is a file beside it
     bool hasOriginal_ = false;
     struct stat original_ = {}; ///< meaningful where there is one

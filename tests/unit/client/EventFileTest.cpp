@@ -6,8 +6,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 #include <gtest/gtest.h>
 
@@ -41,6 +43,13 @@ protected:
     const TemporaryFolder folder_;
     const std::string path_ = folder_.file("log");
 };
+
+TEST_F(EventFileTest, PlantedLinkOnTheWayIsNotFollowed) {
+    write("one\n");
+    const std::string link = folder_.plantLink();
+    ASSERT_NE(link, "");
+    EXPECT_EQ(EventFile(link + "/log").error(), ELOOP);
+}
 
 TEST_F(EventFileTest, GoesToTheLastLines) {
     write("one\ntwo\n\nfour\n");
@@ -142,10 +151,16 @@ TEST_F(EventFileTest, TellsWhyItIsNotOpen) {
 
 TEST_F(EventFileTest, IsClosedOnExec) {
     write("one\n");
-    const int next = ::dup(0);
-    ASSERT_EQ(::close(next), 0);
     const EventFile file(path_);
-    EXPECT_EQ(::fcntl(next, F_GETFD), FD_CLOEXEC);
+    std::size_t found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error; // of the folder's own descriptor, which is closed by now
+        if (std::filesystem::read_symlink(entry, error) == path_) {
+            ++found;
+            EXPECT_EQ(::fcntl(std::stoi(entry.path().filename()), F_GETFD), FD_CLOEXEC);
+        }
+    }
+    EXPECT_EQ(found, 1u);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -152,6 +153,44 @@ TEST_F(PlainFile, LinkInTheNewOnesPlaceIsNotFollowed) {
     EXPECT_FALSE(exists(other));
     EXPECT_FALSE(exists(path_));
     ASSERT_EQ(::unlink(newPath_.c_str()), 0);
+}
+
+TEST_F(PlainFile, PlantedLinkOnTheWayIsNotFollowed) {
+    writeContent(path_, "old");
+    const std::string link = folder_.plantLink();
+    ASSERT_NE(link, "");
+    std::string content;
+    EXPECT_EQ(readPlainFile(link + "/file", kLimit, content),
+              "cannot open " + link + "/file: Too many levels of symbolic links");
+    FileReplacement replacement(link + "/file");
+    EXPECT_EQ(replacement.begin(),
+              "cannot create " + link + "/file.new: Too many levels of symbolic links");
+    EXPECT_FALSE(exists(newPath_));
+    EXPECT_EQ(contentOf(path_), "old");
+}
+
+TEST_F(PlainFile, FolderThatIsExchangedMeanwhileIsNotLookedForAgain) {
+    const std::string folder = folder_.file("inner");
+    const std::string moved = folder_.file("moved");
+    ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
+    writeContent(folder + "/file", "old");
+    FileReplacement replacement(folder + "/file");
+    ASSERT_EQ(replacement.begin(), "");
+    ASSERT_EQ(std::rename(folder.c_str(), moved.c_str()), 0);
+    ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
+    writeContent(folder + "/file", "another");
+    EXPECT_EQ(replacement.commit("new"), "");
+    EXPECT_EQ(contentOf(moved + "/file"), "new");
+    EXPECT_EQ(contentOf(folder + "/file"), "another");
+    EXPECT_FALSE(exists(moved + "/file.new"));
+}
+
+TEST_F(PlainFile, PathOfAFolderIsRefused) {
+    for (const std::string& path : {std::string(), folder_.file("")}) {
+        FileReplacement replacement(path);
+        EXPECT_EQ(replacement.begin(), path + " is no plain file");
+    }
+    EXPECT_FALSE(exists(folder_.file(".new")));
 }
 
 TEST_F(PlainFile, OnlyPlainFilesAreReplaced) {

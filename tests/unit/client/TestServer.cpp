@@ -1,18 +1,20 @@
 #include "tests/unit/client/TestServer.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -28,13 +30,18 @@ TemporaryFolder::TemporaryFolder() {
 }
 
 TemporaryFolder::~TemporaryFolder() {
-    if (DIR* folder = ::opendir(path_.c_str())) {
-        while (const dirent* entry = ::readdir(folder)) {
-            ::unlink(file(entry->d_name).c_str());
-        }
-        ::closedir(folder);
-    }
-    ::rmdir(path_.c_str());
+    std::error_code ignored; // Nothing more can be done about it.
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TemporaryFolder::plantLink() const {
+    const std::string everybodys = file("everybodys");
+    const std::string link = everybodys + "/link";
+    const bool done = ::mkdir(everybodys.c_str(), 0777) == 0 &&
+                      ::chmod(everybodys.c_str(), 0777) == 0 &&
+                      ::symlink(path_.c_str(), file("found").c_str()) == 0 &&
+                      ::link(file("found").c_str(), link.c_str()) == 0;
+    return done ? link : std::string();
 }
 
 platform::UniqueFd bindSocket(const std::string& path, int type, int backlog) {

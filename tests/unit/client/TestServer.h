@@ -28,6 +28,11 @@ public:
 
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
+    /// Makes a link to the folder itself, in a new folder in it that everybody may write to;
+    /// returns its path, empty on failure. It has a second name, as one that another user has found
+    /// and put there.
+    std::string plantLink() const;
+
 private:
     std::string path_;
 };

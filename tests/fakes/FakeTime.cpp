@@ -17,8 +17,16 @@ using fakes::world;
 
 namespace {
 
-/// Least real duration of a sleep while worker threads live.
-constexpr unsigned kWorkerMicros = 100;
+/// Real duration of a millisecond of sleep while worker threads live, and the least of a sleep:
+/// long enough for a thread that has been cancelled to end within the time that its end is waited
+/// for, on a busy machine and in an instrumented program, too.
+constexpr unsigned kWorkerMicrosPerMillisecond = 10;
+constexpr unsigned kLeastWorkerMicros = 100;
+
+unsigned realMicrosWithWorkers(int milliseconds) {
+    const unsigned slept = static_cast<unsigned>(std::clamp(milliseconds, 0, 1000));
+    return std::max(kLeastWorkerMicros, slept * kWorkerMicrosPerMillisecond);
+}
 
 /// Records the sleep and moves the clocks on; returns how long it lasts for real, in microseconds.
 unsigned passTime(int milliseconds, bool endsEarly) {
@@ -27,7 +35,7 @@ unsigned passTime(int milliseconds, bool endsEarly) {
     if (!(endsEarly && platform::terminationPending())) {
         world().advance(std::max(milliseconds, 0));
     }
-    const unsigned least = fakes::liveWorkers() > 0 ? kWorkerMicros : 0;
+    const unsigned least = fakes::liveWorkers() > 0 ? realMicrosWithWorkers(milliseconds) : 0;
     return std::max(world().realSleepMicros, least);
 }
 

@@ -37,10 +37,6 @@ constexpr int kWarningPauseMs = 100;
 constexpr int kInOrder = 1;
 constexpr int kNeedsAttention = 0;
 
-/// Results of heartbeat_check that matter; every other one is a fresh heartbeat.
-constexpr int kHeartbeatExpired = 2;
-constexpr int kHeartbeatMissing = 3;
-
 constexpr const char* kDataServerName = "data_server";
 
 int mostPolls() {
@@ -234,7 +230,7 @@ int AppManager::checkRunning(appinfo& entry, std::time_t now) {
 
 int AppManager::checkHeartbeat(appinfo& entry) {
     last_heartbeat_result = heartbeat_check(entry.pid, app_heartbeat_expire_interval);
-    if (last_heartbeat_result == kHeartbeatExpired) {
+    if (last_heartbeat_result == platform::kHeartbeatExpired) {
         entry.status = APP_STATUS_DEAD;
         entry.check_flag = 0;
         report(verbose > 2, verbose > 5,
@@ -245,7 +241,7 @@ int AppManager::checkHeartbeat(appinfo& entry) {
         }
         return kNeedsAttention;
     }
-    if (last_heartbeat_result == kHeartbeatMissing && entry.heartbeat != 0) {
+    if (last_heartbeat_result == platform::kHeartbeatNone && entry.heartbeat != 0) {
         entry.check_flag = 0;
         report(verbose > 2, verbose > 5,
                "checkAlive: %s[pid=%d] start_time=%s running, heartbeat missing", entry.name,

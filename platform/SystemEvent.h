@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include "platform/FailureError.h"
+#include "platform/ErrorOf.h"
 #include "platform/Log.h"
 #include "platform/Time.h"
 

@@ -1,7 +1,10 @@
 #include "runtime/MainLoop.h"
 
+#include <cerrno>
+
 #include "platform/Heartbeat.h"
 #include "platform/Settings.h"
+#include "platform/System.h"
 #include "platform/SystemEvent.h"
 #include "platform/Time.h"
 #include "platform/Trace.h"
@@ -18,15 +21,22 @@ constexpr int kAfterCheckPauseMs = 10;
 /// During the first seconds of the loop entries without a pid file are kept.
 constexpr int kPreloadGraceSec = 30;
 
+/// An older beat is not the one of a moment ago.
+constexpr int kBeatAgeSec = 2;
+
 } // namespace
 
-MainLoop::MainLoop(AppManager& manager, std::int32_t statusIntervalSec)
+MainLoop::MainLoop(AppManager& manager, MonitorPidFile& pidFile, std::int32_t statusIntervalSec)
     : manager_(manager)
+    , pidFile_(pidFile)
     , statusIntervalSec_(statusIntervalSec)
     , start_(platform::currentTime())
-    , lastCheck_(start_) {}
+    , lastCheck_(start_)
+    , ownPid_(platform::currentProcessId())
+    , pidFileNotice_(pidfile.c_str()) {} // It keeps that name until the shutdown.
 
 int MainLoop::run() {
+    reportFaults(); // Those of the start.
     for (bool isFirst = true;; isFirst = false) {
         // The only line at which SIGTERM has an effect. The manager may be gone after it.
         admitTerminationSignals();
@@ -41,9 +51,10 @@ int MainLoop::run() {
 }
 
 void MainLoop::turn() {
-    heartbeat_notify();
+    beat();
     serveClient();
     checkStatusWhenDue();
+    pidFile_.retry();
     reportFaults();
     if (initWatchDog) {
         reportWatchdogEvents();
@@ -51,8 +62,20 @@ void MainLoop::turn() {
     }
 }
 
+/// Beats, and looks whether that can be seen: where it cannot, nor can the applications' beats.
+void MainLoop::beat() {
+    errno = 0;
+    heartbeat_notify();
+    const int error = errno != 0 ? errno : EIO;
+    const int seen = heartbeat_check(ownPid_, kBeatAgeSec);
+    const bool isLost = seen == platform::kHeartbeatExpired || seen == platform::kHeartbeatNone;
+    beatError_ = isLost ? error : 0;
+}
+
 /// Tells of what has begun to fail, and of what works again, elsewhere than in the publishing.
 void MainLoop::reportFaults() {
+    heartbeatNotice_.update(manager_, beatError_);
+    pidFileNotice_.update(manager_, pidFile_.error());
     eventLogNotice_.update(manager_, platform::g_eventLogError);
     watchdogNotice_.update(manager_, g_watchdogError);
 }

@@ -9,7 +9,7 @@
 #include <iterator>
 
 #include "platform/Console.h"
-#include "platform/FailureError.h"
+#include "platform/ErrorOf.h"
 #include "platform/Settings.h"
 #include "platform/Signals.h"
 #include "platform/System.h"

@@ -11,24 +11,22 @@
 
 #include "appmanager/RequestFiles.h"
 #include "platform/Console.h"
-#include "platform/FailureError.h"
 #include "platform/Network.h"
 #include "platform/Process.h"
 #include "platform/Settings.h"
 #include "platform/Signals.h"
 #include "platform/System.h"
 #include "platform/SystemEvent.h"
-#include "platform/Text.h"
 #include "platform/Thread.h"
 #include "platform/Trace.h"
 #include "runtime/Footprint.h"
 #include "runtime/Globals.h"
 #include "runtime/MainLoop.h"
+#include "runtime/MonitorPidFile.h"
 #include "runtime/Options.h"
 #include "runtime/Shutdown.h"
 #include "runtime/Signals.h"
 #include "runtime/VersionInformation.h"
-#include "server/FaultNotice.h"
 
 namespace {
 
@@ -37,10 +35,6 @@ constexpr int kInitFailure = -1;
 
 constexpr int kMonitorPriority = -10;
 constexpr int kMonitorOomAdjustment = -1;
-
-/// Write-only and create, in the flags of open.
-constexpr int kPidFileFlags = 0x41;
-constexpr std::size_t kPidSuffixSize = 32;
 
 /// Occupies the standard descriptors that the monitor was started without, so that none of its own
 /// ever takes their place and receives console texts.
@@ -107,19 +101,6 @@ void startManager(bool discover) {
     }
 }
 
-void writePidFile() {
-    const char* const root = std::getenv("METER_ROOT");
-    const std::string path =
-        std::string("/tmp/pid") + (root == nullptr ? "" : root) + "/home/kelvo/root/ovard.pid";
-    int pid = platform::currentProcessId();
-    const int error = platform::errorOf(
-        [&] { return set_pid_file_version(&pid, path.c_str(), kPidFileFlags, version) == 0; });
-    pidfile = path + '.' + platform::formatText(kPidSuffixSize, "%d", pid);
-    if (error != 0) {
-        logWriteFault(*appmgr, pidfile.c_str(), error); // Never fatal.
-    }
-}
-
 void startRequestFileReplay() {
     if (pszExecuteAppConfigurationFile == nullptr) {
         return;
@@ -156,7 +137,6 @@ void startMonitor(const Options& options) {
     }
     platform::logSystemEvent("Application Monitor Initialized.");
     initialization.autoLock(nullptr);
-    writePidFile();
 }
 
 } // namespace
@@ -180,7 +160,8 @@ int runMonitor(int argc, char** argv) {
         break;
     }
     startMonitor(options);
-    MainLoop loop(*appmgr, options.statusIntervalSec);
+    MonitorPidFile pidFile;
+    MainLoop loop(*appmgr, pidFile, options.statusIntervalSec);
     startRequestFileReplay();
     return loop.run();
 }

@@ -13,7 +13,7 @@
 #include "platform/System.h"
 #include "records/reqcmd.h"
 #include "records/response_struct.h"
-#include "server/FaultNotice.h"
+#include "server/FaultNews.h"
 
 /// Owns the listening socket, the connection of the client being served, and the daemon's log
 /// handle.

@@ -2,35 +2,8 @@
 
 #include <cstring>
 
-#include "platform/Time.h"
+#include "platform/Log.h"
 #include "server/AppServer.h"
-
-namespace {
-
-constexpr std::int64_t kQuietMs = 60000;
-
-} // namespace
-
-bool FaultNews::isDue(bool isThere) {
-    if (isThere == isTold_) {
-        return false;
-    }
-    const std::int64_t nowMs = platform::monotonicMilliseconds();
-    if (isThere && nowMs < quietUntilMs_) {
-        return false;
-    }
-    if (isThere) {
-        quietUntilMs_ = nowMs + kQuietMs;
-    }
-    isTold_ = isThere;
-    return true;
-}
-
-void logWriteFault(AppServer& log, const char* path, int error) {
-    char text[128];
-    log.writeLog(kLogError, "%s cannot be written: %s", path,
-                 ::strerror_r(error, text, sizeof text));
-}
 
 void FaultNotice::update(AppServer& log, int error) {
     const bool fails = error != 0;
@@ -38,7 +11,9 @@ void FaultNotice::update(AppServer& log, int error) {
         return;
     }
     if (fails) {
-        logWriteFault(log, path_, error);
+        char text[128];
+        log.writeLog(kLogError, "%s cannot be written: %s", path_,
+                     ::strerror_r(error, text, sizeof text));
     } else {
         log.writeLog(kLogInfo, "%s is written again", path_);
     }

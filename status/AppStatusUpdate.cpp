@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "platform/FailureError.h"
+#include "platform/ErrorOf.h"
 #include "platform/MutexGuard.h"
 #include "platform/Network.h"
 #include "platform/Settings.h"

@@ -2,20 +2,16 @@
 
 #include "platform/linux/HeartbeatRegistry.h"
 
-namespace {
-
-constexpr char kSegmentName[] = "/meter_heartbeat.shared";
-
-} // namespace
+using platform::kHeartbeatSegmentName;
 
 void heartbeat_notify() {
-    platform::HeartbeatRegistry(kSegmentName).notify();
+    platform::HeartbeatRegistry(kHeartbeatSegmentName).notify();
 }
 
 int heartbeat_check(int pid, int expireSeconds) {
-    return platform::HeartbeatRegistry(kSegmentName).check(pid, expireSeconds);
+    return platform::HeartbeatRegistry(kHeartbeatSegmentName).check(pid, expireSeconds);
 }
 
 void heartbeat_cleanup(int pid) {
-    platform::HeartbeatRegistry(kSegmentName).cleanup(pid);
+    platform::HeartbeatRegistry(kHeartbeatSegmentName).cleanup(pid);
 }

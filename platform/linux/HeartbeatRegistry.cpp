@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/BusError.h"
+#include "platform/Heartbeat.h"
 #include "platform/Process.h"
 #include "platform/UniqueFd.h"
 #include "platform/linux/Clock.h"

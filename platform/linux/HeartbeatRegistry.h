@@ -43,11 +43,6 @@ static_assert(sizeof(HeartbeatSlot) == 16 && sizeof(HeartbeatTable) == 4112);
 static_assert(offsetof(HeartbeatSlot, startTime) == 4 && offsetof(HeartbeatSlot, lastBeat) == 8);
 static_assert(offsetof(HeartbeatTable, slotCount) == 4 && offsetof(HeartbeatTable, slots) == 16);
 
-/// Results of a check.
-inline constexpr int kHeartbeatFresh = 1;
-inline constexpr int kHeartbeatExpired = 2;
-inline constexpr int kHeartbeatNone = 3;
-
 /// Access to the registry in the segment `name`. The segment is opened anew for every call, so that
 /// one which was removed or shortened meanwhile is noticed. Nothing blocks; any thread.
 class HeartbeatRegistry {

@@ -91,6 +91,7 @@ constexpr const char* kAddressSocket = "socket:[N]";
 constexpr const char* kTakeSignals = "takes termination signals";
 constexpr const char* kReachable = "is its socket still where clients look?";
 constexpr const char* kOwnBeat = "its own heartbeat";
+constexpr const char* kBeatIsSeen = "does that heartbeat show?";
 constexpr const char* kWaits = "waits and deliberate pauses";
 constexpr const char* kPending = "is it asked to end? (around waits and pauses)";
 constexpr const char* kSupervises = "supervises the applications";
@@ -114,6 +115,12 @@ constexpr AccountedCall kOwnCalls[] = {
     {"open", bench::kStatFile, 1, 0, 0, kOwnBeat},
     {"read", bench::kStatFile, 1, 0, 0, kOwnBeat},
     {"close", bench::kStatFile, 1, 0, 0, kOwnBeat},
+    {"open", bench::kHeartbeats, 1, 0, 0, kBeatIsSeen},
+    {"pread", bench::kHeartbeats, 1, 0, 0, kBeatIsSeen},
+    {"close", bench::kHeartbeats, 1, 0, 0, kBeatIsSeen},
+    {"open", bench::kStatFile, 1, 0, 0, kBeatIsSeen},
+    {"read", bench::kStatFile, 1, 0, 0, kBeatIsSeen},
+    {"close", bench::kStatFile, 1, 0, 0, kBeatIsSeen},
     {"ppoll", "", 2, 1, 1, kWaits},
     {"sigpending", "", 3, 3, 3, kPending},
     {"pread", kSegments, 0, 1, 0, kHealth},

@@ -12,12 +12,6 @@ using fakes::joined;
 using fakes::Lock;
 using fakes::world;
 
-namespace {
-
-constexpr int kNoHeartbeat = 3;
-
-} // namespace
-
 namespace platform {
 
 void flushFileSystems() {
@@ -93,14 +87,20 @@ const void* get_in_addr(const sockaddr* address) {
 }
 
 void heartbeat_notify() {
+    const Lock lock;
     world().record("heartbeat_notify");
+    if (world().beatErrno == 0) {
+        world().heartbeats[world().ownPid] = platform::kHeartbeatFresh;
+    } else {
+        errno = world().beatErrno;
+    }
 }
 
 int heartbeat_check(int pid, int expireSeconds) {
     const Lock lock;
     world().record(joined("heartbeat_check", pid, expireSeconds));
     const auto found = world().heartbeats.find(pid);
-    return found != world().heartbeats.end() ? found->second : kNoHeartbeat;
+    return found != world().heartbeats.end() ? found->second : platform::kHeartbeatNone;
 }
 
 void heartbeat_cleanup(int pid) {

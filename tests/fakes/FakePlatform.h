@@ -261,6 +261,7 @@ public:
     bool remoteShellConnected = false;
     sockaddr_in6 remotePeer = {};
     std::map<int, int> heartbeats; ///< pid to the result of heartbeat_check; missing: 3
+    int beatErrno = 0;             ///< of the own beat, which is lost then; 0: it counts as fresh
 
     utsname kernel = {};
     /// Interface and family to address; missing: none.

@@ -51,7 +51,7 @@ protected:
         EXPECT_TRUE(daemon_.alive());
         EXPECT_EQ(seenLog(), before);
         EXPECT_TRUE(waitForLog(3, faultLine(kEventLogPath, error)));
-        EXPECT_EQ(daemonLogTexts(3).size(), 1U);
+        EXPECT_EQ(faultsTold(kEventLogPath), 1);
         EXPECT_EQ(countLog(6, recoveryLine(kEventLogPath)), 0U);
     }
 
@@ -61,7 +61,7 @@ protected:
         EXPECT_TRUE(waitForLog(6, recoveryLine(kEventLogPath)));
         EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
         EXPECT_EQ(countLog(6, recoveryLine(kEventLogPath)), 1U);
-        EXPECT_EQ(daemonLogTexts(3).size(), 1U);
+        EXPECT_EQ(faultsTold(kEventLogPath), 1);
     }
 
     void expectEvent(int signal) const {

@@ -12,27 +12,12 @@ namespace {
 
 constexpr const char* kHeartbeats = "/dev/shm/meter_heartbeat.shared";
 
-constexpr const char* kSegments[] = {"/meter_usr7_data.shared", "/meter_usr16_data.shared"};
-
-/// However many cycles there were, the monitor has told once that each segment cannot be written.
-void expectTold(int error) {
-    EXPECT_EQ(daemonLogTexts(3), (std::vector<std::string>{faultLine(kSegments[0], error),
-                                                           faultLine(kSegments[1], error)}));
-}
-
-/// It has told once of each that it can be written again, and nothing else.
-void expectRecoveryTold(int error) {
-    expectTold(error);
-    for (const char* segment : kSegments) {
-        EXPECT_EQ(countLog(6, recoveryLine(segment)), 1U);
-    }
-}
-
 /// A monitor that starts with this fault works all the same, and publishes once it is over.
 class FaultShmAtTheStart : public FaultTest {
 protected:
     void expectStart(const std::string& fault, const std::string& cure, int error) {
         const OwnMounts mounts(fault);
+        const LogMark mark;
         ASSERT_TRUE(startPublisher()) << monitor_.waitForEnd(0).text();
         monitorPid_ = monitor_.pid();
         expectMissingMutex(monitor_, error);
@@ -41,12 +26,12 @@ protected:
         ASSERT_TRUE(letACycleGoBy());
         expectUnharmed("with the fault");
         EXPECT_EQ(applicationSegment(), "") << "it could be written";
-        expectTold(error);
+        expectTold(mark, kSharedNames, error, 0);
         ASSERT_TRUE(OwnMounts::change(monitorPid_, cure));
         ASSERT_TRUE(duringPasses([] { return !readFile(kHeartbeats).empty(); }));
         expectAllIsWell("afterwards");
         expectLeftAlone("afterwards");
-        expectRecoveryTold(error);
+        expectTold(mark, kSharedNames, error, 1);
         EXPECT_EQ(monitor_.terminate().text(), "status 0");
     }
 };
@@ -75,6 +60,7 @@ class FaultShm : public FaultTest {
 protected:
     void expectEndured(const std::string& fault, const std::string& cure, int error) {
         const OwnMounts mounts;
+        const LogMark mark;
         ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
         ASSERT_TRUE(OwnMounts::change(monitorPid_, fault));
         ASSERT_TRUE(letACycleGoBy());
@@ -85,11 +71,11 @@ protected:
         }
         EXPECT_EQ(publishedHours(), hours) << "it could be written";
         expectServing();
-        expectTold(error);
+        expectTold(mark, kSharedNames, error, 0);
         ASSERT_TRUE(OwnMounts::change(monitorPid_, cure));
         expectAllIsWell("afterwards");
         expectLeftAlone("afterwards");
-        expectRecoveryTold(error);
+        expectTold(mark, kSharedNames, error, 1);
         EXPECT_EQ(monitor_.terminate().text(), "status 0");
     }
 };
@@ -104,6 +90,7 @@ TEST_F(FaultShm, Vanishes) {
 
 /// Nothing can be written into any file, the console's among them.
 TEST_F(FaultShm, LimitOfTheFileSize) {
+    const LogMark mark;
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     ASSERT_TRUE(setLimit(monitorPid_, RLIMIT_FSIZE, 0));
     ASSERT_TRUE(letACycleGoBy());
@@ -112,11 +99,11 @@ TEST_F(FaultShm, LimitOfTheFileSize) {
     EXPECT_EQ(publishedHours(), hours) << "it could be written";
     expectUnharmed("with the limit");
     expectServing();
-    expectTold(EFBIG);
+    expectTold(mark, kSharedNames, EFBIG, 0);
     ASSERT_TRUE(liftLimit(monitorPid_, RLIMIT_FSIZE));
     expectAllIsWell("afterwards");
     expectLeftAlone("afterwards");
-    expectRecoveryTold(EFBIG);
+    expectTold(mark, kSharedNames, EFBIG, 1);
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 

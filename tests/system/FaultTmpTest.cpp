@@ -122,7 +122,9 @@ TEST_F(FaultTmp, FullDiskAtTheStart) {
     const std::string pidFile =
         "/tmp/pid" + programPath("data_server") + ".pid." + std::to_string(pid);
     EXPECT_TRUE(eventually([&] { return !readFile(pidFile).empty(); })) << "with room again";
-    EXPECT_EQ(readFile(daemon.pidFile()), "") << "it is written at the start alone";
+    EXPECT_TRUE(waitForLog(6, recoveryLine(daemon.pidFile())));
+    EXPECT_EQ(readFile(daemon.pidFile()).find(std::to_string(daemon.pid()) + "\n"), 0U);
+    EXPECT_EQ(countLog(3, faultLine(daemon.pidFile(), ENOSPC)), 1U);
     EXPECT_EQ(daemon.terminate().text(), "status 0");
     EXPECT_FALSE(fileExists(daemon.pidFile()));
     EXPECT_FALSE(fileExists(kSocketPath));
@@ -270,6 +272,7 @@ TEST_F(FaultTmp, FolderThatIsReplacedByAnEmptyOne) {
 
 TEST_F(FaultTmp, SocketFileThatIsRemovedOrReplaced) {
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    expectServing(); // behind who has come so far
     const std::size_t descriptors = descriptorsOf(monitorPid_).size();
     for (const char* command : {"rm $S", "rm $S; echo file >$S", "rm $S; mkfifo $S",
                                 "rm $S; echo precious >/tmp/target; ln -s /tmp/target $S",

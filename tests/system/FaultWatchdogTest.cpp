@@ -109,7 +109,7 @@ TEST_F(FaultWatchdog, DeviceThatFailsForAWhileIsFedAgain) {
     EXPECT_TRUE(eventually([&] { return watchdogBytes().size() >= before + 3; }));
     EXPECT_TRUE(waitForLog(6, recoveryLine(kWatchdogPath)));
     sleepMs(3000);
-    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{faultLine(kWatchdogPath, EFBIG)});
+    EXPECT_EQ(faultsTold(kWatchdogPath), 1);
     EXPECT_EQ(countLog(6, recoveryLine(kWatchdogPath)), 1U);
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }

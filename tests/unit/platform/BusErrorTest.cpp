@@ -1,97 +1,28 @@
-// Mapped memory that is taken away while it is touched. Every case runs in a process of its own,
-// whose actions, mask and threads it may use up.
+// Mapped memory that is taken away while it is touched. What is sent meanwhile:
+// BusErrorSignalsTest.cpp.
 
 #include "platform/BusError.h"
 
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
-#include <ctime>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
-#include "platform/UniqueFd.h"
+#include "BusErrorSupport.h"
 
 namespace {
 
-using namespace testsupport;
-using platform::survivesBusError;
+using namespace buserrortest;
 
-constexpr int kEndedBySigbus = 128 + SIGBUS;
-
-/// How many times the patience of `eventually`: the machine may be busy.
-constexpr int kPatience = 6;
-
-/// A word in a mapped file that has no length until it is given one.
-class Word {
-public:
-    explicit Word(bool hasMemory)
-        : file_(::memfd_create("word", MFD_CLOEXEC))
-        , word_(static_cast<volatile int*>(
-              ::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0))) {
-        if (hasMemory) {
-            giveMemory();
-        }
-    }
-    ~Word() { ::munmap(const_cast<int*>(word_), sizeof(int)); }
-    Word(const Word&) = delete;
-    Word& operator=(const Word&) = delete;
-
-    void giveMemory() const { (void)!::ftruncate(file_.get(), sizeof(int)); }
-    void write(int value) const { *word_ = value; }
-    int read() const { return *word_; }
-
-    bool survivesWriting(int value) const {
-        return survivesBusError([this, value] { write(value); });
-    }
-
-private:
-    platform::UniqueFd file_;
-    volatile int* word_;
-};
-
-/// How a child ended: its exit status, or 128 + the signal that ended it. One that hangs is killed,
-/// because it may have all else blocked.
-int endOf(pid_t child) {
-    siginfo_t end = {};
-    bool hasEnded = false;
-    for (int patience = 0; patience < kPatience && !hasEnded; ++patience) {
-        hasEnded = eventually([&] {
-            return ::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) ==
-                       0 &&
-                   end.si_pid == child;
-        });
-    }
-    if (!hasEnded) {
-        ::kill(child, SIGKILL);
-    }
-    return awaitChild(child);
-}
-
-/// Runs `body`, which returns true when all was well, in a process of its own: 0 then, else 1 or as
-/// endOf says.
-template <typename Body> int outcomeOf(Body body) {
-    return endOf(startChild([&] {
-        (void)std::signal(SIGBUS, SIG_DFL); // a sanitizer has an action of its own
-        return body() ? 0 : 1;
-    }));
-}
-
-// What the handlers of these processes find and do.
-std::atomic<int> g_handled{0};
+// What the helpful handler finds and does.
 std::atomic<int> g_code{0};
 const Word* g_word = nullptr;
-
-void countSignal(int) {
-    ++g_handled;
-}
 
 /// A handler by which a process helps itself, and that wants to know what happened.
 void giveMemoryToTheWord(int, siginfo_t* info, void*) {
@@ -102,13 +33,6 @@ void giveMemoryToTheWord(int, siginfo_t* info, void*) {
 
 /// The change of the action before which another thread sets one, counted from now; 0: none.
 int g_changesUntilAnother = 0;
-
-void setAction(void (*handler)(int), int flags = 0) {
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    action.sa_flags = flags;
-    ::sigaction(SIGBUS, &action, nullptr);
-}
 
 void setHelpfulAction(const Word& word) {
     g_word = &word;
@@ -135,26 +59,6 @@ int __wrap_sigaction(int signal, const struct sigaction* action, struct sigactio
 } // extern "C"
 
 namespace {
-
-/// Runs `meanwhile` while another thread is within its touch, which ends well.
-template <typename Meanwhile> bool duringATouch(Meanwhile meanwhile) {
-    std::atomic<bool> isTouching{false};
-    std::atomic<bool> isOver{false};
-    std::atomic<bool> survived{false};
-    std::thread other([&] {
-        survived = survivesBusError([&] {
-            isTouching = true;
-            while (!isOver) {
-            }
-        });
-    });
-    while (!isTouching) {
-    }
-    meanwhile();
-    isOver = true;
-    other.join();
-    return survived;
-}
 
 // --- the touch -----------------------------------------------------------------------------------
 
@@ -322,101 +226,6 @@ TEST(BusError, OfAnotherThreadMeanwhileGetsTheActionOfTheProcess) {
                   const bool survived = duringATouch([&] { word.write(7); });
                   g_word = nullptr;
                   return survived && g_handled == 1 && g_code == BUS_ADRERR && word.read() == 7;
-              }),
-              0);
-}
-
-TEST(BusError, SentMeanwhileGetsTheActionOfTheProcess) {
-    EXPECT_EQ(outcomeOf([] {
-                  setAction(countSignal);
-                  return duringATouch([] { ::raise(SIGBUS); }) && g_handled == 1;
-              }),
-              0);
-    EXPECT_EQ(outcomeOf([] {
-                  setAction(SIG_IGN);
-                  return duringATouch([] { ::raise(SIGBUS); });
-              }),
-              0);
-    EXPECT_EQ(outcomeOf([] { return duringATouch([] { ::raise(SIGBUS); }); }), kEndedBySigbus);
-}
-
-TEST(BusError, SentToTheThreadThatTouchesIsNoFault) {
-    EXPECT_EQ(outcomeOf([] {
-                  setAction(countSignal);
-                  return survivesBusError([] { ::raise(SIGBUS); }) && g_handled == 1;
-              }),
-              0);
-}
-
-TEST(BusError, SentToAHandlerThatServesOnceIsTheEndTheSecondTime) {
-    EXPECT_EQ(outcomeOf([] {
-                  setAction([](int signal) { ::raise(signal); }, SA_RESETHAND);
-                  return survivesBusError([] { ::raise(SIGBUS); });
-              }),
-              kEndedBySigbus);
-}
-
-// A handler that stayed away would leave the fault that follows to the system.
-TEST(BusError, SentAndIgnoredTakesNoProtectionAway) {
-    EXPECT_EQ(outcomeOf([] {
-                  setAction(SIG_IGN);
-                  const Word word(false);
-                  return !survivesBusError([&] {
-                      ::raise(SIGBUS);
-                      word.write(1);
-                  });
-              }),
-              0);
-}
-
-void block(int signal) {
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, signal);
-    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-}
-
-/// Takes a bus error that waits for this thread; false when there is none.
-bool takeBusError() {
-    sigset_t awaited;
-    sigemptyset(&awaited);
-    sigaddset(&awaited, SIGBUS);
-    const timespec atOnce = {};
-    return ::sigtimedwait(&awaited, nullptr, &atOnce) == SIGBUS;
-}
-
-bool sendToTheThread() {
-    return ::raise(SIGBUS) == 0;
-}
-
-bool sendToTheProcess() {
-    return ::kill(::getpid(), SIGBUS) == 0;
-}
-
-TEST(BusError, SentToWhoWaitsForItIsLeftToHim) {
-    for (bool (*const send)() : {sendToTheThread, sendToTheProcess}) {
-        for (void (*const action)(int) : {SIG_DFL, SIG_IGN, countSignal}) {
-            EXPECT_EQ(outcomeOf([=] {
-                          setAction(action);
-                          block(SIGBUS);
-                          const bool beforehand = send() && Word(true).survivesWriting(1) &&
-                                                  takeBusError() && !takeBusError();
-                          const bool meanwhile = survivesBusError([=] { (void)send(); }) &&
-                                                 takeBusError() && !takeBusError();
-                          return beforehand && meanwhile && g_handled == 0;
-                      }),
-                      0);
-        }
-    }
-}
-
-TEST(BusError, SentToTheProcessIsLeftToAnotherThreadThatWaitsForIt) {
-    EXPECT_EQ(outcomeOf([] {
-                  block(SIGBUS);
-                  std::thread touches(
-                      [] { (void)survivesBusError([] { (void)sendToTheProcess(); }); });
-                  touches.join();
-                  return takeBusError();
               }),
               0);
 }

@@ -19,6 +19,7 @@
 #include "platform/Settings.h"
 #include "runtime/Globals.h"
 #include "runtime/MainLoop.h"
+#include "runtime/MonitorPidFile.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/runtime/SignalsSupport.h"
@@ -67,7 +68,7 @@ protected:
     /// says how that wait ends.
     void runTurns(std::vector<std::function<platform::WaitResult()>> steps,
                   std::int32_t intervalSec) {
-        MainLoop loop(manager_, intervalSec);
+        MainLoop loop(manager_, pidFile_, intervalSec);
         runTurns(loop, std::move(steps));
     }
 
@@ -131,6 +132,7 @@ protected:
     }
 
     FixtureManager manager_;
+    MonitorPidFile pidFile_;
     std::string folder_;
     std::string recordFile_;
 };

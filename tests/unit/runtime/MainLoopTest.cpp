@@ -25,6 +25,11 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
+// Of heartbeat_check.
+constexpr int kFreshBeat = 1;
+constexpr int kOldBeat = 2;
+constexpr int kNoBeat = 3;
+
 // --- faults that the loop tells of ---------------------------------------------------------------
 
 TEST_F(MainLoopTest, LostEventsAreToldOnceAndSoIsTheirEnd) {
@@ -61,18 +66,100 @@ TEST_F(MainLoopTest, WatchdogThatIsNotFedIsToldOnceAndSoIsItsEnd) {
     EXPECT_THAT(world().log, SizeIs(2));
 }
 
+TEST_F(MainLoopTest, HeartbeatsThatCannotBeWrittenAreToldOnceAndSoIsTheirEnd) {
+    const auto beats = [](int seen, int error) { // the beats from the next turn on
+        return [=] {
+            world().heartbeats[world().ownPid] = seen;
+            world().beatErrno = error;
+            return WaitResult::TimedOut;
+        };
+    };
+    runTurns({nobody, beats(kNoBeat, ENOSPC), nobody, beats(kNoBeat, EROFS), beats(kOldBeat, EROFS),
+              beats(kFreshBeat, 0), nobody, nobody},
+             kNever);
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/meter_heartbeat.shared cannot be written: No space left on device"));
+    EXPECT_THAT(world().logTexts(kLevelInfo),
+                ElementsAre("/meter_heartbeat.shared is written again"));
+    EXPECT_THAT(world().log, SizeIs(2));
+}
+
+TEST_F(MainLoopTest, ReasonOfALostHeartbeatIsThatOfTheBeat) {
+    world().beatErrno = EROFS;
+    world().onCall = [](const std::string& call) {
+        errno = call == "heartbeat_check 4321 2" ? ENOENT : errno; // it is not there to be read
+    };
+    runTurns({nobody}, kNever);
+    world().onCall = nullptr;
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/meter_heartbeat.shared cannot be written: Read-only file system"));
+}
+
+TEST_F(MainLoopTest, HeartbeatThatStaysAnOldOneIsLost) {
+    world().beatErrno = EFBIG;
+    world().heartbeats[world().ownPid] = kOldBeat;
+    runTurns({nobody}, kNever);
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/meter_heartbeat.shared cannot be written: File too large"));
+}
+
+TEST_F(MainLoopTest, HeartbeatThatIsLostWithoutAReasonIsToldToo) {
+    world().onCall = [](const std::string& call) {
+        if (call == "heartbeat_check 4321 2") {
+            world().heartbeats.clear();
+        }
+    };
+    runTurns({nobody}, kNever);
+    world().onCall = nullptr;
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/meter_heartbeat.shared cannot be written: Input/output error"));
+}
+
+TEST_F(MainLoopTest, PidFileThatCouldNotBeWrittenIsWrittenLater) {
+    world().setPidFileErrno = ENOSPC;
+    MonitorPidFile pidFile;
+    MainLoop loop(manager_, pidFile, kNever);
+    const auto told = [] {
+        EXPECT_THAT(world().logTexts(), SizeIs(1)) << "before the first client";
+        return WaitResult::TimedOut;
+    };
+    const auto withRoom = [] {
+        world().setPidFileErrno = 0;
+        return WaitResult::TimedOut;
+    };
+    world().forgetRecords();
+    world().pidFiles.clear();
+    runTurns(loop, {told, nobody, withRoom, nobody, nobody});
+    const std::string path = "/tmp/pid/home/kelvo/root/ovard.pid";
+    EXPECT_EQ(world().pidFiles[path + ".4321"], "4321\n\n");
+    EXPECT_EQ(world().callsOf("pidfile"),
+              std::vector<std::string>(3, "pidfile 4321 " + path + " 65 "));
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre(path + ".4321 cannot be written: No space left on device"));
+    EXPECT_THAT(world().logTexts(kLevelInfo), ElementsAre(path + ".4321 is written again"));
+}
+
+// Who has removed it may have a reason.
+TEST_F(MainLoopTest, PidFileThatWasWrittenIsNotWrittenAgain) {
+    world().pidFiles.clear();
+    runTurns({nobody, nobody}, kNever);
+    EXPECT_EQ(world().count("pidfile"), 0U);
+    EXPECT_THAT(world().pidFiles, IsEmpty());
+}
+
 // --- the turn ------------------------------------------------------------------------------------
 
 TEST_F(MainLoopTest, ReturnsZeroAtOnceWhenShutDown) {
     g_bDaemonShutdown = 1;
-    MainLoop loop(manager_, 5);
+    MainLoop loop(manager_, pidFile_, 5);
     EXPECT_EQ(loop.run(), 0);
     EXPECT_THAT(world().calls, IsEmpty());
 }
 
 TEST_F(MainLoopTest, TurnWithoutAClientBeatsWaitsAndSleeps) {
     runTurns({nobody}, kNever);
-    EXPECT_THAT(world().calls, ElementsAre("heartbeat_notify", "wait 100000 2000", "sleep 100"));
+    EXPECT_THAT(world().calls, ElementsAre("heartbeat_notify", "heartbeat_check 4321 2",
+                                           "wait 100000 2000", "sleep 100"));
     EXPECT_EQ(world().consoleText(), "");
     EXPECT_THAT(world().log, IsEmpty());
 }

@@ -16,6 +16,7 @@
 #include "platform/Wait.h"
 #include "runtime/Globals.h"
 #include "runtime/MainLoop.h"
+#include "runtime/MonitorPidFile.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/ExitStatus.h"
 #include "tests/unit/runtime/RuntimeSupport.h"
@@ -131,7 +132,8 @@ protected:
                 g_bDaemonShutdown = -1;
             }
         };
-        EXPECT_EQ(MainLoop(*appmgr, kNever).run(), 0);
+        MonitorPidFile pidFile;
+        EXPECT_EQ(MainLoop(*appmgr, pidFile, kNever).run(), 0);
         return feeds;
     }
 };

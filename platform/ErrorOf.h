@@ -1,7 +1,7 @@
-// The error number of a failed operation of the instrument, whoever provides that.
+// Why an operation of the instrument has failed, whoever provides that.
 
-#ifndef OVARD_PLATFORM_FAILURE_ERROR_H
-#define OVARD_PLATFORM_FAILURE_ERROR_H
+#ifndef OVARD_PLATFORM_ERROR_OF_H
+#define OVARD_PLATFORM_ERROR_OF_H
 
 #include <cerrno>
 
@@ -19,4 +19,4 @@ template <typename Operation> int errorOf(const Operation& operation) {
 
 } // namespace platform
 
-#endif // OVARD_PLATFORM_FAILURE_ERROR_H
+#endif // OVARD_PLATFORM_ERROR_OF_H

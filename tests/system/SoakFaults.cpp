@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstring>
@@ -77,24 +78,27 @@ SoakFaults::SoakFaults(std::uint64_t seed, pid_t monitor, std::vector<reqcmd> ap
     , monitor_(monitor)
     , applications_(std::move(applications))
     , beforeChange_(std::move(beforeChange)) {
-    std::vector<int> weights;
     for (const Kind& kind : kKinds) {
-        weights.push_back(kind.weight);
+        round_.insert(round_.end(), static_cast<std::size_t>(kind.weight), &kind);
         counts_[kind.name] = 0;
     }
-    choice_ = std::discrete_distribution<std::size_t>(weights.begin(), weights.end());
 }
 
 void SoakFaults::inject() {
+    const std::size_t turn = tried_ % round_.size();
     std::seed_seq sequence{static_cast<std::uint32_t>(seed_ >> 32),
                            static_cast<std::uint32_t>(seed_), ++tried_};
     random_.seed(sequence);
+    if (turn == 0) {
+        std::shuffle(round_.begin(), round_.end(), random_);
+    }
+    const Kind* kind = round_[turn];
     for (int tries = 0; tries < kMostTries; ++tries) {
-        const Kind& kind = kKinds[choice_(random_)];
-        if ((this->*kind.inject)()) {
-            ++counts_[kind.name];
+        if ((this->*kind->inject)()) {
+            ++counts_[kind->name];
             return;
         }
+        kind = pickFrom(round_);
     }
 }
 

@@ -1,4 +1,4 @@
-// The faults of the soak, chosen at random. Each is over after three seconds at most, a lost
+// The faults of the soak, in a random order. Each is over after three seconds at most, a lost
 // heartbeat after fifteen; of those that take something away there is one at a time.
 
 #ifndef OVARD_TESTS_SYSTEM_SOAK_FAULTS_H
@@ -29,9 +29,10 @@ public:
     SoakFaults(std::uint64_t seed, pid_t monitor, std::vector<reqcmd> applications,
                std::function<void()> beforeChange);
 
-    /// Brings about one fault. Does not wait for the monitor. What is tried for the n-th one hangs
-    /// on the seed and on n alone; what cannot be brought about now, for example because no pid
-    /// file is there, is passed over for another one.
+    /// Brings about one fault. Does not wait for the monitor. Each kind has its turns within a
+    /// round, whose order hangs on the seed, as what is tried for the n-th fault hangs on the seed
+    /// and on n alone; what cannot be brought about now, for example because no pid file is there,
+    /// is passed over for another one.
     void inject();
 
     /// Ends the faults whose time is over, and takes in the replies that have come.
@@ -48,6 +49,9 @@ public:
 
     /// Faults that were brought about so far, by kind.
     const std::map<std::string, int>& counts() const { return counts_; }
+
+    /// Every kind has had its turns twice: one that could never be brought about has no excuse.
+    bool hadTwoRounds() const { return tried_ >= 2 * round_.size(); }
     int total() const;
 
     const SoakDisturbances& disturbances() const { return disturbances_; }
@@ -59,7 +63,7 @@ public:
 private:
     struct Kind {
         const char* name;
-        int weight;
+        int weight; ///< turns in a round
         bool (SoakFaults::*inject)();
     };
     static const std::vector<Kind> kKinds;
@@ -132,7 +136,7 @@ private:
     std::uint64_t seed_;
     std::uint32_t tried_ = 0; ///< calls of inject
     std::mt19937_64 random_;
-    std::discrete_distribution<std::size_t> choice_;
+    std::vector<const Kind*> round_; ///< the turns of a round, in their order
     pid_t monitor_;
     std::vector<reqcmd> applications_;
     std::function<void()> beforeChange_;

@@ -202,6 +202,16 @@ SoakSample sampleOf(pid_t pid) {
     return sample;
 }
 
+SoakSample sampleWithoutMoments(pid_t pid) {
+    constexpr int kMomentMs = 50;
+    SoakSample sample = sampleOf(pid);
+    for (int look = 1; look < 3; ++look) {
+        sleepMs(kMomentMs);
+        sample.descriptors = std::min(sample.descriptors, sampleOf(pid).descriptors);
+    }
+    return sample;
+}
+
 std::string textOf(const SoakSample& sample) {
     std::ostringstream text;
     text << sample.descriptors << " descriptors + " << sample.connections << " connections, "

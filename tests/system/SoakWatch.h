@@ -90,6 +90,9 @@ struct SoakSample {
 /// Looks at a process.
 SoakSample sampleOf(pid_t pid);
 
+/// The same, without the descriptors that it has open for a moment only.
+SoakSample sampleWithoutMoments(pid_t pid);
+
 /// One line for people.
 std::string textOf(const SoakSample& sample);
 

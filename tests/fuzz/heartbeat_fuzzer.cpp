@@ -13,6 +13,7 @@
 #include <iterator>
 #include <string>
 
+#include "platform/Heartbeat.h"
 #include "platform/Process.h"
 #include "platform/UniqueFd.h"
 #include "platform/linux/HeartbeatRegistry.h"

@@ -2,12 +2,12 @@
 
 #include <csignal>
 #include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
 #include "tests/system/FaultSupport.h"
 #include "tests/system/SettableClock.h"
+#include "tests/system/Watchdog.h"
 
 namespace systemtest {
 namespace {
@@ -25,10 +25,12 @@ protected:
         ASSERT_TRUE(SettableClock::set(0));
     }
 
-    /// The clock of the monitor, by the date of an event that it logs now, less the real one.
+    /// The clock of the monitor, by the date of an event that it logs now, less the right time.
     static std::int64_t offsetOfEvents() {
         const std::vector<EventLine> events = eventLog();
-        return events.empty() ? 0 : timeOf(events.back().time.substr(0, 19)) - std::time(nullptr);
+        return events.empty()
+                   ? 0
+                   : timeOf(events.back().time.substr(0, 19)) - SettableClock::rightTime();
     }
 
     SettableClock clock_;
@@ -132,6 +134,21 @@ TEST_F(FaultClock, EventsHaveTheTimeThatIsSet) {
         ASSERT_TRUE(eventually([&] { return eventLog().size() == events; }));
         EXPECT_NEAR(static_cast<double>(offsetOfEvents()), static_cast<double>(setting), 2);
     }
+}
+
+/// The timer of the feeding is one of the wall clock. Where a setting starved the watchdog, the
+/// machine would be reset.
+TEST_F(FaultClock, WatchdogIsFedOn) {
+    ASSERT_TRUE(startMonitorInForeground({"-w", "0", "-I", "1"}));
+    ASSERT_TRUE(eventually([] { return !watchdogBytes().empty(); }));
+    for (const std::int64_t setting : kSettings) {
+        ASSERT_TRUE(SettableClock::set(setting));
+        FeedWatcher feeds;
+        feeds.watchFor(3000);
+        EXPECT_GE(feeds.count(), 2U) << setting;
+        EXPECT_LE(feeds.count(), 5U) << setting << ": what was skipped is not made up for";
+    }
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 
 } // namespace

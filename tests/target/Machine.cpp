@@ -30,7 +30,7 @@ void sayPassed() {
 }
 
 bool hasShell() {
-    return ::access("/bin/sh", X_OK) == 0;
+    return ::access(kShellProgram, F_OK) == 0;
 }
 
 double uptimeSec() {

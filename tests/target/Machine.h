@@ -25,7 +25,11 @@ std::string reasonToRefuse();
 /// had to. tests/target/machine.bash counts on it, once for each command that has to succeed.
 void sayPassed();
 
-/// Whether it has one: the machine is made without where busybox cannot be had.
+/// Where the machine has busybox, which tests/target/machine puts there.
+inline constexpr const char* kShellProgram = "/bin/busybox";
+
+/// Whether it was made with a shell: it is made without where busybox cannot be had. One that does
+/// not work is there all the same, so that what needs it fails and is not left out.
 bool hasShell();
 
 /// Seconds since the machine was switched on.

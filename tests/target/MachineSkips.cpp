@@ -20,7 +20,8 @@ bool endsWith(const std::string& text, const std::string& end) {
 
 constexpr std::pair<const char*, Skip::Kind> kKinds[] = {{"left-out", Skip::Kind::LeftOut},
                                                          {"needs-shell", Skip::Kind::NeedsShell},
-                                                         {"skips-itself", Skip::Kind::SkipsItself}};
+                                                         {"skips-itself", Skip::Kind::SkipsItself},
+                                                         {"no-suite", Skip::Kind::NoSuite}};
 
 Skip parseSkip(const std::string& line) {
     std::istringstream words(line);
@@ -84,9 +85,10 @@ std::vector<std::string> namesOf(const std::vector<Skip>& skips, Skip::Kind kind
 }
 
 std::string describe(const Skip& skip) {
-    const bool skipsItself = skip.kind == Skip::Kind::SkipsItself;
-    return (skipsItself ? "expected to skip itself: " : "left out: ") + skip.name + ": " +
-           skip.reason;
+    if (skip.kind == Skip::Kind::SkipsItself) {
+        return "expected to skip itself: " + skip.name + ": " + skip.reason;
+    }
+    return "left out (" + skip.reason + "): " + skip.name;
 }
 
 std::string filterFor(const std::string& tests, const std::vector<Skip>& skips) {
@@ -119,6 +121,9 @@ void requireTests(const std::vector<Skip>& skips, const std::vector<std::string>
         throw std::invalid_argument("there are no tests");
     }
     for (const Skip& skip : skips) {
+        if (skip.kind == Skip::Kind::NoSuite) {
+            continue;
+        }
         const bool isThere = std::any_of(tests.begin(), tests.end(), [&](const std::string& test) {
             return isAbout(skip, test);
         });

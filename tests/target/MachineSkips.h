@@ -14,6 +14,7 @@ struct Skip {
         LeftOut,     ///< is not started
         NeedsShell,  ///< is not started where the machine has no shell
         SkipsItself, ///< finds out by itself
+        NoSuite,     ///< is a test of CTest with no suite that could be started
     };
     Kind kind;
     std::string name; ///< "Suite.Test"; but for SkipsItself also "Suite.*", all of a suite
@@ -30,7 +31,7 @@ std::vector<Skip> applySkips(const std::vector<Skip>& skips, bool hasShell);
 /// The names of one kind.
 std::vector<std::string> namesOf(const std::vector<Skip>& skips, Skip::Kind kind);
 
-/// In one line, such as "left out: Lease.*: needs a server".
+/// In one line, such as "left out (needs a server): Lease.*".
 std::string describe(const Skip& skip);
 
 /// The option for a program of GoogleTest that runs these tests, a pattern, but for those that are
@@ -40,7 +41,8 @@ std::string filterFor(const std::string& tests, const std::vector<Skip>& skips);
 /// The tests, as "Suite.Test", in what --gtest_list_tests prints.
 std::vector<std::string> parseTestList(const std::string& text);
 
-/// Throws std::invalid_argument when there are no tests, or when a line names none of them.
+/// Throws std::invalid_argument when there are no tests, or when a line names none of them. Lines
+/// about what is no suite do not count: tests/target/test_skips judges them.
 void requireTests(const std::vector<Skip>& skips, const std::vector<std::string>& tests);
 
 } // namespace target

@@ -85,10 +85,22 @@ TEST(MachineSkips, LeaveOutWhatNeedsAShellOnlyWhereThereIsNone) {
     }
     const std::vector<Skip> applied = applySkips(skips, false);
     ASSERT_EQ(applied.size(), 3U);
-    EXPECT_EQ(describe(applied[0]), "left out: Lease.*: needs a server");
+    EXPECT_EQ(describe(applied[0]), "left out (needs a server): Lease.*");
     EXPECT_EQ(describe(applied[1]),
-              "left out: LeaseText.IsCut: there is no shell; it starts scripts");
+              "left out (there is no shell; it starts scripts): LeaseText.IsCut");
     EXPECT_EQ(describe(applied[2]), "expected to skip itself: Publishing.Application: no IPv6");
+}
+
+TEST(MachineSkips, SayWhatIsNoSuiteAndLeaveTheSuitesAlone) {
+    const std::string list = "no-suite packaging.* installs packages\n";
+    for (const bool hasShell : {false, true}) {
+        const std::vector<Skip> applied = applySkips(parseSkips(list), hasShell);
+        ASSERT_EQ(applied.size(), 1U);
+        EXPECT_EQ(describe(applied[0]), "left out (installs packages): packaging.*");
+        EXPECT_THAT(namesOf(applied, Skip::Kind::LeftOut), IsEmpty());
+        EXPECT_EQ(filterFor("*", applied), "--gtest_filter=*");
+    }
+    EXPECT_EQ(complaintAbout(list, kTests), "");
 }
 
 TEST(MachineSkips, MakeAFilter) {

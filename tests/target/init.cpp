@@ -136,11 +136,11 @@ void startLog() {
 
 /// Has the shell's program appear under the names of all its tools, where the machine has it.
 void installTools() {
-    constexpr const char* kShell = "/bin/busybox";
-    const pid_t child = ::access(kShell, X_OK) == 0 ? ::fork() : -1;
+    using target::kShellProgram;
+    const pid_t child = target::hasShell() ? ::fork() : -1;
     if (child == 0) {
-        (void)::execl(kShell, kShell, "--install", "-s", "/bin", nullptr);
-        complain(kShell);
+        (void)::execl(kShellProgram, kShellProgram, "--install", "-s", "/bin", nullptr);
+        complain(kShellProgram);
         ::_exit(kNotStarted);
     }
     if (child > 0) {

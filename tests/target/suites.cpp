@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "platform/UniqueFd.h"
+#include "tests/system/SettableClock.h"
 #include "tests/system/Support.h"
 #include "tests/target/Machine.h"
 #include "tests/target/MachineSkips.h"
@@ -117,7 +118,9 @@ std::vector<Suite> chooseSuites(const char* const* names) {
 
 /// Suites that have the monitor load a library first, which one without shared libraries does not.
 bool preloads(const std::string& suite) {
-    return suite == "FaultClock" || suite == "FaultRefusedMemory" || suite == "Model";
+    const bool setsClock = suite == "FaultClock" || suite == "Model";
+    return suite == "FaultRefusedMemory" ||
+           (setsClock && !systemtest::SettableClock::isMachineWide());
 }
 
 void useSharedPrograms() {

@@ -1,5 +1,5 @@
-// A wall clock that a test can set, for programs that load this library before all others: the
-// machine's own must never be set. Every reading of the real one is moved by the seconds that
+// A wall clock that a test can set, for programs that load this library before all others, where
+// the machine's own must not be set. Every reading of the real one is moved by the seconds that
 // stand, as one 64-bit number, in the file that OVARD_TEST_CLOCK names.
 
 #include <dlfcn.h>

@@ -92,9 +92,11 @@ int RegistryModel::launch(ModelEntry& entry) {
         oldest([&](const ModelProcess& other) { return other.command == process.command; });
     entry.startSetting = bootSetting_; // It is reckoned from the boot on, whatever time it is now.
     entry.status = APP_STATUS_STARTING0;
-    if (process.byConvention &&
-        (entry.restartType == RESTART_TYPE_SELF || entry.restartType == RESTART_TYPE_ALL) &&
-        !isInGrace(entry)) {
+    const bool isRestarted =
+        entry.restartType == RESTART_TYPE_SELF || entry.restartType == RESTART_TYPE_ALL;
+    // Where its promise to beat is enough it is never confirmed, which has the boot reckoned anew.
+    const bool tellsTheBoot = entry.name == "data_server" && !hasDataServerRun_ && entry.heartbeat;
+    if (process.byConvention && (isRestarted || tellsTheBoot) && !isInGrace(entry)) {
         isPredictable_ = false; // Does the monitor learn the name before the grace is over?
     }
     if (entry.process != launched) {

@@ -55,7 +55,9 @@ inline std::string logLine(const char* data, std::size_t size) {
     return line + '\n';
 }
 
-/// Appends every datagram that waits at the socket to the file. False with errno when it cannot.
+/// Appends every datagram that waits at the socket to the file, each before the next one is read.
+/// One without any bytes leaves nothing: who sees it read knows that those before it are in the
+/// file. False with errno when it cannot.
 inline bool captureLog(int socketFd, int fileFd) {
     static std::array<char, 65536> buffer;
     for (;;) {
@@ -65,6 +67,9 @@ inline bool captureLog(int socketFd, int fileFd) {
         }
         if (size == -1) {
             return true;
+        }
+        if (size == 0) {
+            continue;
         }
         const std::string line = logLine(buffer.data(), static_cast<std::size_t>(size));
         if (::write(fileFd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {

@@ -108,7 +108,12 @@ protected:
         EXPECT_EQ(runProgram(path, {}).ending.text(), "status 0") << path;
         const std::vector<pid_t> found = processesWithCommandLine(path);
         EXPECT_EQ(found.size(), 1U) << path;
-        return found.empty() ? 0 : found[0];
+        const pid_t pid = found.empty() ? 0 : found[0];
+        // One that is adopted without it is not looked at during the first half minute.
+        EXPECT_TRUE(eventually([&] {
+            return fileExists("/tmp/pid" + path + ".pid." + std::to_string(pid));
+        })) << path;
+        return pid;
     }
 
     /// What a monitor publishes about such a process.

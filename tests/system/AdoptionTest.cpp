@@ -268,7 +268,7 @@ TEST_F(AdoptionOfMany, AllThatCanBePublished) {
     ASSERT_EQ(publishedNames(), names);
     ASSERT_NO_FATAL_FAILURE(killMonitor());
     const auto processes = published();
-    ASSERT_TRUE(startSupervisor({"-v", "8", "-s", "3"}));
+    ASSERT_TRUE(startSupervisor({"-v", "8", "-s", "6"}));
     // The first pass takes a tenth of a second for each. Who talks to the monitor meanwhile has to
     // be served later.
     ASSERT_TRUE(eventually(

@@ -29,6 +29,21 @@ std::string withoutLineEnd(const std::string& text) {
     return !text.empty() && text.back() == '\n' ? text.substr(0, text.size() - 1) : text;
 }
 
+/// The lines of the daemon log from that number on. A killed process that takes its time to go is
+/// found, and stopped, once more.
+std::vector<LogText> linesFrom(std::size_t first) {
+    const std::vector<LogLine> all = daemonLog();
+    std::vector<LogText> texts;
+    for (std::size_t index = first; index < all.size(); ++index) {
+        const LogText line = {all[index].level, withoutDates(all[index].text)};
+        const bool isStop = line.text.find("] is stopped") != std::string::npos;
+        if (!isStop || texts.empty() || !(texts.back() == line)) {
+            texts.push_back(line);
+        }
+    }
+    return texts;
+}
+
 } // namespace
 
 const std::vector<std::string> kWithoutSupervision = {"-i", "3600"};
@@ -128,17 +143,13 @@ LogMark::LogMark()
     : before_(daemonLog().size()) {}
 
 std::vector<LogText> LogMark::lines(std::size_t count, int timeoutMs) const {
-    std::vector<LogLine> all;
+    std::vector<LogText> texts;
     (void)eventually( // the caller looks at the lines
         [&] {
-            all = daemonLog();
-            return all.size() >= before_ + count;
+            texts = linesFrom(before_);
+            return texts.size() >= count;
         },
         timeoutMs);
-    std::vector<LogText> texts;
-    for (std::size_t index = before_; index < all.size(); ++index) {
-        texts.push_back({all[index].level, withoutDates(all[index].text)});
-    }
     return texts;
 }
 

@@ -77,7 +77,7 @@ class LogMark {
 public:
     LogMark();
 
-    /// Waits until there are that many lines and returns them all.
+    /// Waits until there are that many lines and returns all, a stop told twice in a row only once.
     std::vector<LogText> lines(std::size_t count, int timeoutMs = kPatienceMs) const;
 
     /// There is a line with that text by now.

@@ -26,7 +26,7 @@ TEST_F(Cadence, IntervalOfZeroOrLessChecksInEveryTurn) {
     for (const char* interval : {"0", "-5", "text"}) {
         Daemon daemon;
         ASSERT_TRUE(daemon.startInForeground({"-v", "8", "-i", interval}));
-        EXPECT_GE(checksWithin(1500), 8U) << interval;
+        EXPECT_GE(checksWithin(3000), 8U) << interval;
         daemon.kill();
         cleanMachine();
     }
@@ -65,7 +65,7 @@ TEST_F(Cadence, WithoutClientsOneTurnTakesTwoSeconds) {
     ASSERT_TRUE(eventually([] { return checks() == 1; }));
     const std::int64_t begin = monotonicMs();
     ASSERT_TRUE(eventually([] { return checks() == 3; }));
-    EXPECT_GE(monotonicMs() - begin, 4100);
+    EXPECT_GE(monotonicMs() - begin, 3600); // the first one is seen late
     EXPECT_LE(monotonicMs() - begin, 5500);
 }
 
@@ -74,7 +74,7 @@ TEST_F(Cadence, TracesOfTheStatusCheckAtTheirThresholds) {
     for (const int verbosity : {6, 7, 8}) {
         Daemon daemon;
         ASSERT_TRUE(daemon.startInForeground({"-i", "0", "-v", std::to_string(verbosity)}));
-        (void)checksWithin(500); // how many does not matter here
+        (void)checksWithin(1500); // how many does not matter here
         const std::string console = daemon.console();
         EXPECT_EQ(countOf(console, check) > 0, verbosity > 7) << verbosity;
         EXPECT_EQ(checks() > 0, verbosity > 7) << verbosity;

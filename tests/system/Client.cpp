@@ -1,8 +1,6 @@
 #include "tests/system/Client.h"
 
-#include <linux/sockios.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -16,8 +14,29 @@
 namespace systemtest {
 namespace {
 
-/// __SO_ACCEPTCON in the flags of /proc/net/unix.
-constexpr unsigned long kListening = 0x10000;
+/// __SO_ACCEPTCON in the flags of /proc/net/unix, and SS_CONNECTING among its states.
+constexpr const char* kListening = "00010000";
+constexpr const char* kConnecting = "02";
+
+/// /proc/net/unix shows a socket of the control socket's path of which that holds.
+template <typename Predicate> bool anyControlSocket(Predicate holds) {
+    for (const std::string& line : linesOf(readFile("/proc/net/unix"))) {
+        std::istringstream fields(line);
+        std::string number;
+        std::string references;
+        std::string protocol;
+        std::string flags;
+        std::string type;
+        std::string state;
+        std::string inode;
+        std::string path;
+        fields >> number >> references >> protocol >> flags >> type >> state >> inode >> path;
+        if (path == kSocketPath && holds(flags, state)) {
+            return true;
+        }
+    }
+    return false;
+}
 
 template <std::size_t Size> void fill(char (&field)[Size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(text.size(), Size - 1));
@@ -72,12 +91,7 @@ bool Client::send(const std::string& bytes) {
 }
 
 bool Client::waitUntilRead(int timeoutMs) const {
-    return eventually(
-        [this] {
-            int unread = -1;
-            return ::ioctl(fd_, SIOCOUTQ, &unread) == 0 && unread == 0;
-        },
-        timeoutMs);
+    return eventually([this] { return isAllRead(fd_); }, timeoutMs);
 }
 
 Received Client::receive(int timeoutMs, std::size_t limit) {
@@ -149,22 +163,13 @@ std::string messageOf(const response_struct& reply) {
 }
 
 bool socketListens() {
-    for (const std::string& line : linesOf(readFile("/proc/net/unix"))) {
-        std::istringstream fields(line);
-        std::string number;
-        std::string references;
-        std::string protocol;
-        std::string flags;
-        std::string type;
-        std::string state;
-        std::string inode;
-        std::string path;
-        fields >> number >> references >> protocol >> flags >> type >> state >> inode >> path;
-        if (path == kSocketPath && std::strtoul(flags.c_str(), nullptr, 16) == kListening) {
-            return true;
-        }
-    }
-    return false;
+    return anyControlSocket(
+        [](const std::string& flags, const std::string&) { return flags == kListening; });
+}
+
+bool clientWaits() {
+    return anyControlSocket(
+        [](const std::string&, const std::string& state) { return state == kConnecting; });
 }
 
 } // namespace systemtest

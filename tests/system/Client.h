@@ -77,6 +77,9 @@ std::string messageOf(const response_struct& reply);
 /// Somebody listens on the control socket. Does not disturb who does.
 bool socketListens();
 
+/// Somebody has connected to it, and may have gone again, and is not accepted yet.
+bool clientWaits();
+
 } // namespace systemtest
 
 #endif // OVARD_TESTS_SYSTEM_CLIENT_H

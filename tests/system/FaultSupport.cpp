@@ -2,6 +2,7 @@
 
 #include <sys/statfs.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -60,22 +61,11 @@ std::string devicesWithoutShm() {
 FullFolder::FullFolder(const std::string& folder)
     : folder_(folder)
     , filler_(folder + "/filler") {
-    const struct statfs facts = factsOf(folder_);
-    if (facts.f_type != kTmpfsMagic) {
-        return;
-    }
-    const std::uint64_t used =
-        (facts.f_blocks - facts.f_bfree) * static_cast<std::uint64_t>(facts.f_bsize);
-    EXPECT_TRUE(runShell("mount -o remount,size=" + std::to_string(used + kRoomForTheTest) + " " +
-                         folder_));
     fill();
 }
 
 FullFolder::~FullFolder() {
     release();
-    if (factsOf(folder_).f_type == kTmpfsMagic) {
-        EXPECT_TRUE(runShell("mount -o remount,size=50% " + folder_));
-    }
 }
 
 bool FullFolder::isFull() const {
@@ -84,14 +74,29 @@ bool FullFolder::isFull() const {
 }
 
 void FullFolder::fill() const {
+    const struct statfs facts = factsOf(folder_);
+    if (facts.f_type != kTmpfsMagic) {
+        return;
+    }
+    const std::uint64_t used =
+        (facts.f_blocks - facts.f_bfree) * static_cast<std::uint64_t>(facts.f_bsize);
+    limitTo(std::to_string(used + kRoomForTheTest));
     std::ofstream file(filler_, std::ios::binary | std::ios::app);
     const std::string block(1024, 'x');
     while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
     }
 }
 
-void FullFolder::release() {
+void FullFolder::release() const {
     (void)std::remove(filler_.c_str()); // it may be gone
+    // The thread sanitizer takes half a megabyte in /tmp for each program that it runs.
+    if (factsOf(folder_).f_type == kTmpfsMagic) {
+        limitTo("50%");
+    }
+}
+
+void FullFolder::limitTo(const std::string& size) const {
+    EXPECT_TRUE(runShell("mount -o remount,size=" + size + " " + folder_));
 }
 
 void expectMissingMutex(const Daemon& daemon, int error) {
@@ -102,6 +107,38 @@ void expectMissingMutex(const Daemon& daemon, int error) {
     EXPECT_EQ(countOf(console, "\nError 22 locking named mutex: /ovard.initialization\n"), 1U)
         << console;
     EXPECT_EQ(countOf(console, "named mutex"), 2U) << console;
+}
+
+std::ptrdiff_t faultsTold(const std::string& path) {
+    const std::vector<std::string> texts = daemonLogTexts(3);
+    return std::count_if(texts.begin(), texts.end(), [&](const std::string& text) {
+        return text.rfind(path + " cannot be written: ", 0) == 0;
+    });
+}
+
+const std::vector<std::string> kSegmentNames = {"/meter_usr7_data.shared",
+                                                "/meter_usr16_data.shared"};
+const std::vector<std::string> kSharedNames = {kSegmentNames[0], kSegmentNames[1],
+                                               "/meter_heartbeat.shared"};
+
+void expectTold(const LogMark& mark, const std::vector<std::string>& names, int error,
+                std::size_t recoveries) {
+    const auto count = [&](const LogText& line) {
+        const std::vector<LogText> lines = mark.lines(0);
+        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
+    };
+    for (const std::string& name : names) {
+        const LogText fault = {3, faultLine(name, error)};
+        const LogText recovery = {6, recoveryLine(name)};
+        // A beat is told of at the end of its turn.
+        (void)eventually([&] { return count(fault) >= 1 && count(recovery) >= recoveries; });
+        EXPECT_EQ(count(fault), 1U) << fault;
+        EXPECT_EQ(count(recovery), recoveries) << recovery;
+    }
+    const std::vector<LogText> lines = mark.lines(0);
+    const auto faults = std::count_if(lines.begin(), lines.end(),
+                                      [](const LogText& line) { return line.level == 3; });
+    EXPECT_EQ(static_cast<std::size_t>(faults), names.size());
 }
 
 bool setLimit(pid_t pid, __rlimit_resource resource, rlim_t limit) {

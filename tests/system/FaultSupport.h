@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -39,7 +40,7 @@ std::string uncovered(const std::string& folder);
 /// Lines for OwnMounts: /dev with its usual devices and the log, but without /dev/shm.
 std::string devicesWithoutShm();
 
-/// While it lives, a folder that is a memory disk has no block left; `release` gives some back, and
+/// While it lives, a folder that is a memory disk has no block left; `release` gives room back, and
 /// `fill` takes what is free by then.
 class FullFolder {
 public:
@@ -52,11 +53,13 @@ public:
     bool isFull() const;
 
     void fill() const;
-    void release();
+    void release() const;
 
 private:
-    std::string folder_;
-    std::string filler_;
+    void limitTo(const std::string& size) const;
+
+    const std::string folder_;
+    const std::string filler_;
 };
 
 /// The monitor has said, once each, that there is no initialization mutex, for want of which it
@@ -71,6 +74,19 @@ inline std::string faultLine(const std::string& path, int error) {
 inline std::string recoveryLine(const std::string& path) {
     return path + " is written again";
 }
+
+/// How often the log has told that `path` cannot be written, for whatever reason.
+std::ptrdiff_t faultsTold(const std::string& path);
+
+/// Names in /dev/shm, as the log has them: of the segments, and of all that the monitor writes into
+/// all the time, which are the heartbeats, too.
+extern const std::vector<std::string> kSegmentNames;
+extern const std::vector<std::string> kSharedNames;
+
+/// Since then the log has told once of each of `names` that it cannot be written, however often
+/// that was tried, and `recoveries` times that it can be again; it has told of no other fault.
+void expectTold(const LogMark& mark, const std::vector<std::string>& names, int error,
+                std::size_t recoveries);
 
 /// Sets a limit of a running process, for it and for what it starts. False when that fails.
 bool setLimit(pid_t pid, __rlimit_resource resource, rlim_t limit);

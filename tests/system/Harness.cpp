@@ -16,7 +16,6 @@ namespace systemtest {
 namespace {
 
 constexpr const char* kInitialPidNamespace = "pid:[4026531836]";
-constexpr const char* kLogSocket = "/dev/log";
 constexpr pid_t kKernelThreads = 2;
 
 std::set<pid_t>& rememberedProcesses() {
@@ -132,6 +131,7 @@ void cleanMachine() {
     }
     for (const std::string& path : entriesOf("/var/log")) {
         if (path == kDaemonLogPath) {
+            awaitDaemonLog(); // nothing of an earlier test is to follow
             truncateFile(path);
         } else if (path.find("meter_events.log") != std::string::npos) {
             (void)std::remove(path.c_str()); // a test would show it

@@ -8,10 +8,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "tests/system/Support.h"
+
 namespace systemtest {
 namespace {
 
-constexpr const char* kLogSocket = "/dev/log";
 constexpr const char* kAside = "/dev/log.aside";
 
 sockaddr_un logAddress() {

@@ -1,11 +1,34 @@
 #include "tests/system/Logs.h"
 
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <regex>
+
+#include "platform/UniqueFd.h"
 
 namespace systemtest {
 namespace {
+
+/// How long the log's queue may be full, in microseconds, and how long its reader may take to come
+/// to the end of it, in milliseconds.
+constexpr long kFullQueueUs = 100000;
+constexpr int kLateReaderMs = 1000;
+
+/// Sends a datagram without any bytes to the log, of which its file shows nothing.
+bool sendNothing(int socket) {
+    const timeval patience = {0, kFullQueueUs};
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, kLogSocket, std::strlen(kLogSocket));
+    return ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0 &&
+           ::sendto(socket, "", 0, 0, reinterpret_cast<const sockaddr*>(&address),
+                    sizeof address) == 0;
+}
 
 bool parseLogLine(const std::string& line, LogLine& parsed) {
     static const std::regex form(
@@ -39,7 +62,16 @@ std::size_t countLines(const std::vector<Line>& lines, const Line& wanted) {
 
 } // namespace
 
+void awaitDaemonLog() {
+    const platform::UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (sendNothing(socket.get())) {
+        // The reader has written what it read before. A line that is late shows in the tests.
+        (void)eventually([&] { return isAllRead(socket.get()); }, kLateReaderMs);
+    }
+}
+
 std::vector<LogLine> daemonLog() {
+    awaitDaemonLog();
     std::vector<LogLine> lines;
     for (const std::string& text : linesOf(readFile(kDaemonLogPath))) {
         LogLine line;

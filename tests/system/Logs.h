@@ -26,7 +26,11 @@ struct EventLine {
     std::string text;
 };
 
-/// All lines of the daemon log that have its form.
+/// Waits until what was sent to the daemon log so far is in its file. It is not waited for while
+/// there is no log, or one that nobody reads.
+void awaitDaemonLog();
+
+/// All lines of the daemon log that have its form, those included that were just sent.
 std::vector<LogLine> daemonLog();
 
 /// Texts of the daemon log of one level, or of all with -1.

@@ -247,7 +247,8 @@ TEST_F(Options, NamedFileIsReplayed) {
     ASSERT_TRUE(writeFile("/tmp/replayed", bytesOf(makeRequest(APPMONCTL_Stop, "filed", "/x y"))));
     Daemon daemon;
     ASSERT_TRUE(daemon.startInForeground({"-x", "/tmp/replayed"}));
-    EXPECT_EQ(threadsOf(daemon.pid()).size(), 3U + kSanitizerThreads);
+    EXPECT_TRUE(
+        eventually([&] { return threadsOf(daemon.pid()).size() == 3U + kSanitizerThreads; }));
     EXPECT_TRUE(waitForLog(7, "processRequest: action=1 name=filed, cmd=/x y"));
 }
 

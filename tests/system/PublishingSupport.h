@@ -3,10 +3,8 @@
 #ifndef OVARD_TESTS_SYSTEM_PUBLISHING_SUPPORT_H
 #define OVARD_TESTS_SYSTEM_PUBLISHING_SUPPORT_H
 
-#include <csignal>
 #include <cstddef>
 #include <cstdlib>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -76,14 +74,6 @@ protected:
     static bool reachesTheEndOfACycle() {
         const float before = publishedHours();
         return duringPasses([&] { return publishedHours() != before; });
-    }
-
-    /// Does something while the monitor stands still.
-    void whileTheMonitorStands(const std::function<void()>& action) const {
-        ASSERT_TRUE(monitor_.signal(SIGSTOP));
-        ASSERT_TRUE(eventually([this] { return processFacts(monitor_.pid()).state == 'T'; }));
-        action();
-        ASSERT_TRUE(monitor_.signal(SIGCONT));
     }
 
     reqcmd request_ = {};

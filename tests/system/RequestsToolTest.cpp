@@ -33,12 +33,13 @@ protected:
 
     /// The monitor has executed the request for which it logs that text.
     static bool isLogged(const std::string& text) {
-        return eventually([&text] {
+        const auto isThere = [&text] {
             const std::vector<std::string> texts = daemonLogTexts(6);
             return std::any_of(texts.begin(), texts.end(), [&text](const std::string& line) {
                 return withoutDates(line) == text;
             });
-        });
+        };
+        return eventually(isThere, 2 * kPatienceMs); // a replay pauses before each of its requests
     }
 
     /// The programs of these names are installed.

@@ -170,8 +170,9 @@ TEST_F(ShutdownAtWork, ReadingOfALargeRequestFileDoesNotHoldItUp) {
 
 TEST_F(ShutdownAtWork, ReplayOfALargeRequestFileDoesNotHoldItUp) {
     ASSERT_TRUE(writeManyRequests("/tmp/large", 60000));
-    start({"-x", "/tmp/large"});
-    ASSERT_TRUE(waitForLog(7, "processCmd() request.action=APPMONCTL_Stop filed1"));
+    ASSERT_TRUE(daemon_.spawn({"-d", "-x", "/tmp/large"})); // reading it takes longer than a start
+    ASSERT_TRUE(
+        waitForLog(7, "processCmd() request.action=APPMONCTL_Stop filed1", 3 * kPatienceMs));
     expectCleanEnd();
     EXPECT_EQ(countLog(7, "processCmd() request.action=APPMONCTL_Stop filed3"), 0U);
 }

@@ -141,7 +141,7 @@ TEST_F(Shutdown, OwnHeartbeatIsTakenBack) {
 }
 
 TEST_F(Shutdown, WatchdogIsDisarmed) {
-    start({"-w", "0", "-I", "1"});
+    start({"-w", "0", "-I", "4"});
     ASSERT_TRUE(eventually([] { return readFile(kWatchdogPath) == "w"; }));
     expectCleanEnd();
     EXPECT_EQ(readFile(kWatchdogPath), "wwV");
@@ -149,7 +149,7 @@ TEST_F(Shutdown, WatchdogIsDisarmed) {
 
 TEST_F(Shutdown, WatchdogStaysArmedWhereSomebodyElseFeedsIt) {
     ASSERT_TRUE(writeFile("/tmp/watchdog_kick", ""));
-    start({"-w", "0", "-I", "1"});
+    start({"-w", "0", "-I", "4"});
     ASSERT_TRUE(eventually([] { return readFile(kWatchdogPath) == "w"; }));
     expectCleanEnd();
     EXPECT_EQ(readFile(kWatchdogPath), "ww");

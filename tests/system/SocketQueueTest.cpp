@@ -94,7 +94,7 @@ TEST_F(SocketQueue, RequestsOfClientsAndOfAFileAreExecutedInTheOrderOfTheirQueue
     ASSERT_TRUE(writeFile("/tmp/replayed", requests));
     start({"-x", "/tmp/replayed"});
     // It keeps the command thread busy until all the others are queued.
-    const std::string command = installSample("slow") + " --daemonize-after 7000";
+    const std::string command = installSample("slow") + " --daemonize-after 9000";
     Client slow;
     ASSERT_TRUE(sendRequest(slow, makeRequest(APPMONCTL_Start, "slow", command)));
     std::vector<std::unique_ptr<Client>> clients;

@@ -33,6 +33,13 @@ protected:
         EXPECT_EQ(messageOf(*reply), "nobody is not found\n");
     }
 
+    /// What is open while the main loop rests after a request, for a second.
+    std::size_t descriptorsAtRest() {
+        expectServing();
+        EXPECT_TRUE(waitForLog(6, "nobody is not found")); // it follows the end of the connection
+        return descriptors();
+    }
+
     std::size_t consoleHas(const std::string& text) const {
         return countOf(daemon_.console(), text);
     }

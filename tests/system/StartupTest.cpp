@@ -108,6 +108,7 @@ TEST_F(Startup, NothingButTheVersionAtTheDefaultVerbosity) {
     Daemon daemon;
     ASSERT_TRUE(daemon.startInForeground());
     ASSERT_TRUE(ask(makeRequest(APPMONCTL_Reserved9 + 100), 0) == std::nullopt);
+    ASSERT_TRUE(waitForLog(6, "request.action=UNKNOWN"));
     EXPECT_EQ(linesOf(daemon.console()).size(), 1U) << daemon.console();
 }
 
@@ -319,6 +320,9 @@ TEST_F(Startup, VersionBlockStandsInTheProgram) {
 TEST_F(Startup, DescriptorsDoNotGrowWhileServing) {
     Daemon daemon;
     ASSERT_TRUE(daemon.startInForeground());
+    ASSERT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    // It follows the end of the connection. Then the main loop rests.
+    ASSERT_TRUE(waitForLog(6, "nobody is not found"));
     const std::size_t before = descriptorsOf(daemon.pid()).size();
     for (int request = 0; request < 3; ++request) {
         ASSERT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));

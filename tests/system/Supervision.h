@@ -3,6 +3,7 @@
 #ifndef OVARD_TESTS_SYSTEM_SUPERVISION_H
 #define OVARD_TESTS_SYSTEM_SUPERVISION_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -45,6 +46,9 @@ protected:
 
     /// Lets passes go by for a while.
     static void letPassesGoBy(int milliseconds);
+
+    /// Does something while the monitor stands still.
+    void whileTheMonitorStands(const std::function<void()>& action) const;
 
     /// The daemon log's verdicts on an application since the monitor was started.
     std::vector<std::string> verdictsOn(const std::string& name) const;

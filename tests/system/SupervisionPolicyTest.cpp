@@ -190,7 +190,7 @@ TEST_F(SupervisionReboot, DeathWithoutALimitRestartsTheMachine) {
 TEST_F(SupervisionReboot, StartFailureRestartsTheMachineWhateverTheLimit) {
     ASSERT_TRUE(startWithoutTheRightToReboot({"-s", "3"}));
     const pid_t pid =
-        pidIn(askFor(makeDemanding("weak", kLongLimitSec, "--crash-after 100")).message);
+        pidIn(askFor(makeDemanding("weak", kLongLimitSec, "--crash-after 800")).message);
     ASSERT_TRUE(waitForEvent(kReboot));
     const std::string request = failed("weak", pid, "start failure, reboot request");
     EXPECT_TRUE(waitForLog(6, request));
@@ -262,7 +262,7 @@ ProgramResult runAnotherMachine(const std::string& control, const std::string& o
         "'" +
         daemonProgram() +
         "' -d -i 0 -s 2 -p 1 -v 4 >/tmp/console 2>&1 &\n"
-        "until [ -S /tmp/appmon_sock ]; do sleep 0.05; done\n"
+        "until [ -S /tmp/appmon_sock ]; do sleep 0.05; done; sleep 0.5\n"
         "'" +
         controlProgram() +
         "' start first --cmd /home/kelvo/root/first\n"
@@ -324,7 +324,7 @@ TEST_F(SupervisionReboot, KernelRestartsTheMachineAfterADeath) {
 
 TEST_F(SupervisionReboot, KernelRestartsTheMachineAfterAStartFailure) {
     const ProgramResult result =
-        runAnotherMachine("--restart all --life-limit 600", "--crash-after 100");
+        runAnotherMachine("--restart all --life-limit 600", "--crash-after 500");
     expectRestart(result);
     EXPECT_EQ(countOf(Remains(result.errors).of(kDaemonLogPath), "start failure, reboot request\n"),
               1U);

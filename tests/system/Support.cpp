@@ -2,6 +2,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -160,6 +162,11 @@ bool eventually(const std::function<bool()>& condition, int timeoutMs) {
         sleepMs(kPollMs);
     }
     return true;
+}
+
+bool isAllRead(int socket) {
+    int unread = -1;
+    return ::ioctl(socket, SIOCOUTQ, &unread) == 0 && unread == 0;
 }
 
 bool fileExists(const std::string& path) {

@@ -15,6 +15,7 @@ namespace systemtest {
 inline constexpr const char* kSocketPath = "/tmp/appmon_sock";
 inline constexpr const char* kEventLogPath = "/var/log/meter_events.log";
 inline constexpr const char* kDaemonLogPath = "/var/log/daemon.log";
+inline constexpr const char* kLogSocket = "/dev/log";
 inline constexpr const char* kWatchdogPath = "/dev/watchdog";
 inline constexpr const char* kSemaphorePath = "/dev/shm/sem.ovard.initialization";
 
@@ -52,6 +53,9 @@ void sleepMs(int milliseconds);
 /// Asks every few milliseconds until `condition` holds; false when it does not within the time.
 /// It is asked at least once.
 bool eventually(const std::function<bool()>& condition, int timeoutMs = kPatienceMs);
+
+/// The other side has read, or thrown away, all that was sent over that socket.
+bool isAllRead(int socket);
 
 bool fileExists(const std::string& path);
 

@@ -390,7 +390,7 @@ TEST_F(WatchdogTicks, IdleTurnsLastTheirTime) {
     const std::size_t first = turns();
     const std::int64_t begin = monotonicMs();
     ASSERT_TRUE(eventually([&] { return turns() >= first + 2; }));
-    EXPECT_GE(monotonicMs() - begin, 2 * kIdleTurnMs - 100);
+    EXPECT_GE(monotonicMs() - begin, 2 * kIdleTurnMs - 1000); // the first one may be seen late
     EXPECT_GT(flood.sent(), 500);
 }
 
@@ -418,7 +418,7 @@ TEST_F(WatchdogTicks, PollsOfAPassLastTheirTime) {
     (void)launch(
         withoutRestart(makeStart(kSilentName, kSilentOptions, kSilentPidFile))); // it checks itself
     const SignalFlood flood(monitor_.pid(), SIGUSR1);
-    EXPECT_GE(durationOfPollsMs(monitor_), kShortPollSec * 1000 - 100);
+    EXPECT_GE(durationOfPollsMs(monitor_), kShortPollSec * 1000 - 1000); // seen late, too
     EXPECT_GT(flood.sent(), 500);
 }
 

@@ -16,9 +16,9 @@
 extern "C" {
 #endif
 
-/// Refreshes the calling process's heartbeat; the first call registers the process. Never blocks; a
-/// failure is silent. A child made by fork is another process: it has no heartbeat until it calls
-/// this itself.
+/// Refreshes the calling process's heartbeat; the first call registers the process. Never blocks. A
+/// failure is silent, but for its reason in errno: EUSERS where all places are taken. A child made
+/// by fork is another process: it has no heartbeat until it calls this itself.
 void heartbeat_notify(void);
 
 /// The heartbeat of `pid`: 1 fresh, 2 older than `expireSeconds` seconds, 3 none. What an earlier

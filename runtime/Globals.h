@@ -29,7 +29,7 @@ extern bool block_signal;
 /// The manager; null before it is created and after shutdown.
 extern AppManager* appmgr;
 
-/// Path of the pid file that was written; empty when there is none.
+/// Name of the monitor's own pid file, whether it could be written or not; empty before and after.
 extern std::string pidfile;
 
 /// File version and file date of this program, without their keys.

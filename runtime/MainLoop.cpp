@@ -1,6 +1,7 @@
 #include "runtime/MainLoop.h"
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/Heartbeat.h"
 #include "platform/Settings.h"
@@ -33,10 +34,11 @@ MainLoop::MainLoop(AppManager& manager, MonitorPidFile& pidFile, std::int32_t st
     , start_(platform::currentTime())
     , lastCheck_(start_)
     , ownPid_(platform::currentProcessId())
-    , pidFileNotice_(pidfile.c_str()) {} // It keeps that name until the shutdown.
+    , pidFileNotice_(pidFile.name()) {
+    reportFaults(); // Those of the start.
+}
 
 int MainLoop::run() {
-    reportFaults(); // Those of the start.
     for (bool isFirst = true;; isFirst = false) {
         // The only line at which SIGTERM has an effect. The manager may be gone after it.
         admitTerminationSignals();
@@ -62,14 +64,27 @@ void MainLoop::turn() {
     }
 }
 
-/// Beats, and looks whether that can be seen: where it cannot, nor can the applications' beats.
+/// Deliberate: the check, and the pid file's second attempts, tell of what stays hidden otherwise.
+/// A beat that does not show may have met somebody who works on the registry, or a standstill of
+/// this process.
 void MainLoop::beat() {
+    beatError_ = errorOfBeat();
+    if (beatError_ != 0) {
+        beatError_ = errorOfBeat();
+    }
+}
+
+/// Beats, and looks whether that shows. Errno of what has failed, EIO where that is unknown; or 0.
+int MainLoop::errorOfBeat() const {
     errno = 0;
     heartbeat_notify();
-    const int error = errno != 0 ? errno : EIO;
+    const int error = std::exchange(errno, 0);
     const int seen = heartbeat_check(ownPid_, kBeatAgeSec);
-    const bool isLost = seen == platform::kHeartbeatExpired || seen == platform::kHeartbeatNone;
-    beatError_ = isLost ? error : 0;
+    if (seen != platform::kHeartbeatExpired && seen != platform::kHeartbeatNone) {
+        return 0;
+    }
+    const int errorOfLook = errno;
+    return error != 0 ? error : errorOfLook != 0 ? errorOfLook : EIO;
 }
 
 /// Tells of what has begun to fail, and of what works again, elsewhere than in the publishing.

@@ -18,7 +18,8 @@
 /// Main thread only. A turn without a client takes about 2.1 seconds.
 class MainLoop {
 public:
-    /// Time counts from here. `statusIntervalSec` is the time between two supervision passes.
+    /// Time counts from here. `statusIntervalSec` is the time between two supervision passes. Tells
+    /// of the faults of the start.
     MainLoop(AppManager& manager, MonitorPidFile& pidFile, std::int32_t statusIntervalSec);
 
     /// Turns until the monitor is shut down. Returns the exit status of the process, 0.
@@ -27,6 +28,7 @@ public:
 private:
     void turn();
     void beat();
+    int errorOfBeat() const;
     void reportFaults();
     void serveClient();
     void checkStatusWhenDue();

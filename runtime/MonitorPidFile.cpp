@@ -26,7 +26,8 @@ MonitorPidFile::MonitorPidFile()
     : path_(pathWithoutPid()) {
     int pid = platform::currentProcessId();
     write(pid);
-    pidfile = path_ + '.' + platform::formatText(kPidTextSize, "%d", pid);
+    name_ = path_ + '.' + platform::formatText(kPidTextSize, "%d", pid);
+    pidfile = name_;
 }
 
 void MonitorPidFile::retry() {
@@ -36,7 +37,7 @@ void MonitorPidFile::retry() {
     }
 }
 
-/// The platform may change `pid` to the number by which it names the file.
+/// The platform may change `pid` to the number by which it names the file, the same each time.
 void MonitorPidFile::write(int& pid) {
     error_ = platform::errorOf(
         [&] { return set_pid_file_version(&pid, path_.c_str(), kFlags, version) == 0; });

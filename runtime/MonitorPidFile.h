@@ -18,10 +18,14 @@ public:
     /// Errno of the last attempt; 0 when it worked.
     int error() const { return error_; }
 
+    /// As `pidfile`, for as long as this object lives.
+    const char* name() const { return name_.c_str(); }
+
 private:
     void write(int& pid);
 
     const std::string path_; // what the pid is appended to
+    std::string name_;
     int error_ = 0;
 };
 

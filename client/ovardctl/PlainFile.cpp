@@ -41,11 +41,9 @@ bool readAll(int fd, std::size_t size, std::size_t limit, std::string& content) 
     return true;
 }
 
-} // namespace
-
-std::string readPlainFile(const std::string& path, std::size_t limit, std::string& content) {
-    const platform::UniqueFd file =
-        platform::openAt(platform::findNamedPlace(path.c_str()), O_RDONLY);
+/// Reads the plain file `file`, which was opened as `path`; errno tells why there is none.
+std::string readOpened(const platform::UniqueFd& file, const std::string& path, std::size_t limit,
+                       std::string& content) {
     struct stat facts = {};
     if (!file.valid() || ::fstat(file.get(), &facts) != 0) {
         return failureOf(path, "open", errno);
@@ -61,6 +59,13 @@ std::string readPlainFile(const std::string& path, std::size_t limit, std::strin
         return path + " has more than " + std::to_string(limit) + " bytes and is not read";
     }
     return {};
+}
+
+} // namespace
+
+std::string readPlainFile(const std::string& path, std::size_t limit, std::string& content) {
+    return readOpened(platform::openAt(platform::findNamedPlace(path.c_str()), O_RDONLY), path,
+                      limit, content);
 }
 
 bool areSameFile(const std::string& left, const std::string& right) {
@@ -113,6 +118,10 @@ std::string FileReplacement::examine() {
         return path_ + " is a symbolic link, which is not replaced; name the file itself";
     }
     return S_ISREG(original_.st_mode) ? std::string() : path_ + " is no plain file";
+}
+
+std::string FileReplacement::readOriginal(std::size_t limit, std::string& content) const {
+    return readOpened(platform::openAt(place_, O_RDONLY | O_NOFOLLOW), path_, limit, content);
 }
 
 std::string FileReplacement::commit(std::string_view content) {

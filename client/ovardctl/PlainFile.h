@@ -15,7 +15,7 @@
 namespace ovardctl {
 
 /// Reads the plain file `path` of at most `limit` bytes. Never blocks on what only looks like one,
-/// and never follows what another user may have planted (platform::findNamedPlace).
+/// and follows no link that another user may have planted on the way (platform::findNamedPlace).
 std::string readPlainFile(const std::string& path, std::size_t limit, std::string& content);
 
 /// Both paths lead to one file that exists, also through symbolic or hard links.
@@ -40,6 +40,9 @@ public:
 
     /// There is a file to be replaced. Call after `begin`.
     bool hasOriginal() const { return hasOriginal_; }
+
+    /// Reads the file that is replaced, as readPlainFile does. Call after `begin`.
+    std::string readOriginal(std::size_t limit, std::string& content) const;
 
     /// Puts the content in the place of the file. Refuses when another program has changed the file
     /// since `begin`.

@@ -137,13 +137,14 @@ std::string reasonToRefuse(const RequestFile& file) {
 template <typename Edit> Report change(const RequestsCommand& command, bool mayCreate, Edit edit) {
     FileReplacement replacement(command.path);
     std::string problem = replacement.begin();
-    RequestFile file;
+    std::string image;
     if (problem.empty() && (replacement.hasOriginal() || !mayCreate)) {
-        problem = readRequestFile(command.path, file);
+        problem = replacement.readOriginal(kLargestImage, image);
     }
     if (!problem.empty()) {
         return systemFailure(problem);
     }
+    RequestFile file = decodeRequests(image, nativeByteOrder());
     problem = reasonToRefuse(file);
     if (!problem.empty()) {
         return failed(command.path + " is not changed: " + problem);

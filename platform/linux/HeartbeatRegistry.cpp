@@ -214,7 +214,7 @@ std::size_t claimSlot(const UniqueFd& segment, const HeartbeatTable& copy, const
     return free != kNoSlot ? free : claimSlotIf(segment, copy, table, pid, isAbandoned);
 }
 
-/// Gives `self` a slot with a first beat, if there is one to be had.
+/// Gives `self` a slot with a first beat, if there is one to be had; errno is EUSERS otherwise.
 void takeSlot(const UniqueFd& segment, pid_t self) {
     HeartbeatTable copy = {};
     if (!copyTable(segment, copy) || !hasHeader(copy)) {
@@ -222,11 +222,16 @@ void takeSlot(const UniqueFd& segment, pid_t self) {
     }
     const std::uint32_t startTime = startTimeOf(self); // Beforehand, so that a claim is short.
     const MappedTable table(segment);
-    const std::size_t index = table.isMapped() ? claimSlot(segment, copy, table, self) : kNoSlot;
-    if (index != kNoSlot) {
-        const bool hasBeat = writeBeat(segment, index, startTime);
-        (void)table.exchangePid(index, claimMark(self), hasBeat ? self : 0); // The next beat may.
+    if (!table.isMapped()) {
+        return;
     }
+    const std::size_t index = claimSlot(segment, copy, table, self);
+    if (index == kNoSlot) {
+        errno = EUSERS;
+        return;
+    }
+    const bool hasBeat = writeBeat(segment, index, startTime);
+    (void)table.exchangePid(index, claimMark(self), hasBeat ? self : 0); // The next beat may.
 }
 
 } // namespace

@@ -61,9 +61,10 @@ private:
         }
     }
 
-    /// A terminal passes its text on a moment later and then takes more.
+    /// A terminal passes its text on a moment later, by a thread of the kernel's, and then takes
+    /// more.
     void fill() const {
-        constexpr int kRoundsWithoutRoom = 10;
+        constexpr int kRoundsWithoutRoom = 60;
         for (int quiet = 0; writer_ >= 0 && quiet < kRoundsWithoutRoom; ++quiet) {
             const std::string text(4096, 'x');
             while (::write(writer_, text.data(), text.size()) > 0) {

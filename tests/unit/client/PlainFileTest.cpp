@@ -179,6 +179,9 @@ TEST_F(PlainFile, FolderThatIsExchangedMeanwhileIsNotLookedForAgain) {
     ASSERT_EQ(std::rename(folder.c_str(), moved.c_str()), 0);
     ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
     writeContent(folder + "/file", "another");
+    std::string content;
+    EXPECT_EQ(replacement.readOriginal(kLimit, content), "");
+    EXPECT_EQ(content, "old");
     EXPECT_EQ(replacement.commit("new"), "");
     EXPECT_EQ(contentOf(moved + "/file"), "new");
     EXPECT_EQ(contentOf(folder + "/file"), "another");

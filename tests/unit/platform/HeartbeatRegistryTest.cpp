@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -212,7 +213,9 @@ TEST_F(Heartbeat, TakesNothingFromTheLiving) {
         return 0;
     }));
     fillTable(alive.pid(), startTimeOf(alive.pid()));
+    errno = 0;
     registry_.notify();
+    EXPECT_EQ(errno, EUSERS);
     EXPECT_EQ(registry_.check(self_, 30), kNone);
     EXPECT_EQ(slotsOf(alive.pid()), static_cast<int>(kSlots));
 }

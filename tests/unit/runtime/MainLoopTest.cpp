@@ -103,6 +103,34 @@ TEST_F(MainLoopTest, HeartbeatThatStaysAnOldOneIsLost) {
                 ElementsAre("/meter_heartbeat.shared cannot be written: File too large"));
 }
 
+/// Somebody has come between the beat and the look, or the process stood still.
+TEST_F(MainLoopTest, HeartbeatThatTheSecondLookShowsIsNotLost) {
+    bool isFirst = true;
+    world().onCall = [&isFirst](const std::string& call) {
+        if (call == "heartbeat_check 4321 2" && isFirst) {
+            isFirst = false;
+            world().heartbeats.clear();
+        }
+    };
+    runTurns({nobody, nobody}, kNever);
+    world().onCall = nullptr;
+    EXPECT_THAT(world().log, IsEmpty());
+    EXPECT_EQ(world().count("heartbeat_notify"), 3U);
+}
+
+TEST_F(MainLoopTest, ReasonOfALookThatFailsIsToldWhereTheBeatHasNone) {
+    world().onCall = [](const std::string& call) {
+        if (call == "heartbeat_check 4321 2") {
+            world().heartbeats.clear();
+            errno = EMFILE;
+        }
+    };
+    runTurns({nobody}, kNever);
+    world().onCall = nullptr;
+    EXPECT_THAT(world().logTexts(kLevelError),
+                ElementsAre("/meter_heartbeat.shared cannot be written: Too many open files"));
+}
+
 TEST_F(MainLoopTest, HeartbeatThatIsLostWithoutAReasonIsToldToo) {
     world().onCall = [](const std::string& call) {
         if (call == "heartbeat_check 4321 2") {
@@ -118,16 +146,16 @@ TEST_F(MainLoopTest, HeartbeatThatIsLostWithoutAReasonIsToldToo) {
 TEST_F(MainLoopTest, PidFileThatCouldNotBeWrittenIsWrittenLater) {
     world().setPidFileErrno = ENOSPC;
     MonitorPidFile pidFile;
+    world().forgetRecords();
     MainLoop loop(manager_, pidFile, kNever);
     const auto told = [] {
-        EXPECT_THAT(world().logTexts(), SizeIs(1)) << "before the first client";
+        EXPECT_THAT(world().logTexts(), SizeIs(1)) << "before the replay and the first client";
         return WaitResult::TimedOut;
     };
     const auto withRoom = [] {
         world().setPidFileErrno = 0;
         return WaitResult::TimedOut;
     };
-    world().forgetRecords();
     world().pidFiles.clear();
     runTurns(loop, {told, nobody, withRoom, nobody, nobody});
     const std::string path = "/tmp/pid/home/kelvo/root/ovard.pid";

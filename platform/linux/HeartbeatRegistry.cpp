@@ -214,7 +214,8 @@ std::size_t claimSlot(const UniqueFd& segment, const HeartbeatTable& copy, const
     return free != kNoSlot ? free : claimSlotIf(segment, copy, table, pid, isAbandoned);
 }
 
-/// Gives `self` a slot with a first beat, if there is one to be had; errno is EUSERS otherwise.
+/// Gives `self` a slot with a first beat; where none is to be had errno tells why, EUSERS for want
+/// of a free one.
 void takeSlot(const UniqueFd& segment, pid_t self) {
     HeartbeatTable copy = {};
     if (!copyTable(segment, copy) || !hasHeader(copy)) {
@@ -225,13 +226,12 @@ void takeSlot(const UniqueFd& segment, pid_t self) {
     if (!table.isMapped()) {
         return;
     }
+    errno = EUSERS; // A place that cannot be written has a reason of its own.
     const std::size_t index = claimSlot(segment, copy, table, self);
-    if (index == kNoSlot) {
-        errno = EUSERS;
-        return;
+    if (index != kNoSlot) {
+        const bool hasBeat = writeBeat(segment, index, startTime);
+        (void)table.exchangePid(index, claimMark(self), hasBeat ? self : 0); // The next beat may.
     }
-    const bool hasBeat = writeBeat(segment, index, startTime);
-    (void)table.exchangePid(index, claimMark(self), hasBeat ? self : 0); // The next beat may.
 }
 
 } // namespace

@@ -64,9 +64,8 @@ void MainLoop::turn() {
     }
 }
 
-/// Deliberate: the check, and the pid file's second attempts, tell of what stays hidden otherwise.
-/// A beat that does not show may have met somebody who works on the registry, or a standstill of
-/// this process.
+/// Deliberate: a second attempt. A beat that does not show may have met somebody who works on the
+/// registry, or a standstill of this process.
 void MainLoop::beat() {
     beatError_ = errorOfBeat();
     if (beatError_ != 0) {

@@ -31,12 +31,6 @@ constexpr std::size_t kUsualApplications = 128;
 static_assert(kUsualApplications > std::size_t{kMostPublishedApplications},
               "what is adopted leaves room for one more: registryHasRoom_ begins with true");
 
-/// Unlocks a recursive mutex however often the calling thread holds it, also when it does not.
-void unlockCompletely(pthread_mutex_t& mutex) {
-    while (pthread_mutex_unlock(&mutex) == 0) {
-    }
-}
-
 } // namespace
 
 void errExit(const char* message) {
@@ -56,13 +50,7 @@ AppManager* AppManager::Instance(int verbosity) {
 
 AppManager::AppManager() {
     applist.reserve(kUsualApplications);
-    pthread_mutexattr_t recursive;
-    pthread_mutexattr_init(&recursive);
-    pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);
     pthread_cond_init(&queue_cond, nullptr);
-    pthread_mutex_init(&queue_lock, &recursive);
-    pthread_mutex_init(&app_lock, &recursive);
-    pthread_mutexattr_destroy(&recursive);
 }
 
 AppManager::~AppManager() noexcept(false) {
@@ -132,13 +120,13 @@ void AppManager::destroyLocks() {
         return;
     }
     pthread_cond_signal(&queue_cond);
-    unlockCompletely(app_lock);
-    unlockCompletely(queue_lock);
+    app_lock.unlockCompletely();
+    queue_lock.unlockCompletely();
     if (!waitUntilCommandThreadLeft()) {
         return; // A thread that is still there keeps its locks; the process is about to end.
     }
-    pthread_mutex_destroy(&app_lock);
-    pthread_mutex_destroy(&queue_lock);
+    app_lock.destroy();
+    queue_lock.destroy();
     pthread_cond_destroy(&queue_cond);
     locksDestroyed_ = true;
 }

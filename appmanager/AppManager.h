@@ -37,6 +37,7 @@
 #include "appmanager/RequestQueue.h"
 #include "platform/Process.h"
 #include "platform/ProcessScan.h"
+#include "platform/RecursiveMutex.h"
 #include "platform/UniqueFd.h"
 #include "records/appinfo.h"
 #include "records/reqcmd.h"
@@ -354,8 +355,8 @@ private:
     std::atomic<pthread_t> commandThread_{0}; // 0: none
     RequestQueue reqlist;                     // guarded by queue_lock
     pthread_cond_t queue_cond;                // paired with queue_lock
-    pthread_mutex_t queue_lock;
-    pthread_mutex_t app_lock;
+    platform::RecursiveMutex queue_lock;
+    platform::RecursiveMutex app_lock;
     std::atomic<bool> restart_all_requested{false};
     bool reboot_requested = false;          // main thread only
     std::int32_t last_heartbeat_result = 3; // main thread only

@@ -3,12 +3,12 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <mutex>
 #include <string_view>
 
 #include "appmanager/AppManager.h"
 #include "appmanager/DateText.h"
 #include "platform/Memory.h"
-#include "platform/MutexGuard.h"
 #include "platform/Settings.h"
 #include "platform/Text.h"
 #include "platform/Time.h"
@@ -193,7 +193,7 @@ int AppManager::startApp(const reqcmd& request, appinfo& info) {
         platform::trace(verbose >= 2, "startApp failed for %s\n", info.name);
         return result;
     }
-    const platform::MutexGuard lock(app_lock);
+    const std::lock_guard lock(app_lock);
     applist.push_back(info);
     registryHasRoom_ = applist.size() < applist.capacity();
     return 0;
@@ -202,7 +202,7 @@ int AppManager::startApp(const reqcmd& request, appinfo& info) {
 /// Lets the registry grow where it is full. False, and a line in the log, when there is no memory
 /// for that.
 bool AppManager::makeRoomInRegistry() {
-    const platform::MutexGuard lock(app_lock);
+    const std::lock_guard lock(app_lock);
     if (applist.size() < applist.capacity()) {
         return true;
     }
@@ -217,7 +217,7 @@ bool AppManager::makeRoomInRegistry() {
 
 int AppManager::stopApp(const reqcmd& request, appinfo& info) {
     (void)prepareAppInfo(request, info);
-    const platform::MutexGuard lock(app_lock);
+    const std::lock_guard lock(app_lock);
     int result = kResultNotFound;
     for (auto entry = applist.begin(); entry != applist.end();) {
         if (!isNamed(*entry, request)) {
@@ -236,7 +236,7 @@ int AppManager::stopApp(const reqcmd& request, appinfo& info) {
 
 int AppManager::restartApp(const reqcmd& request, appinfo& info) {
     (void)prepareAppInfo(request, info);
-    const platform::MutexGuard lock(app_lock);
+    const std::lock_guard lock(app_lock);
     int result = 0;
     for (appinfo& entry : applist) {
         if (!isNamed(entry, request)) {
@@ -278,7 +278,7 @@ int AppManager::executeOnAll(const reqcmd& request, const StopMany& what, std::t
 /// Stops the chosen entries, last to first. False when the registry is empty; `result` is that of
 /// the last stop made.
 bool AppManager::stopMany(const StopMany& what, int& result) {
-    const platform::MutexGuard lock(app_lock);
+    const std::lock_guard lock(app_lock);
     if (applist.empty()) {
         return false;
     }
@@ -315,7 +315,7 @@ int AppManager::executeOnAll(const reqcmd& request, const RestartMany& what, std
 /// Restarts the chosen entries, first to last, up to the first failure. False when the registry is
 /// empty; `restarted` tells whether all went well.
 bool AppManager::restartMany(const RestartMany& what, bool& restarted) {
-    const platform::MutexGuard lock(app_lock);
+    const std::lock_guard lock(app_lock);
     if (applist.empty()) {
         return false;
     }

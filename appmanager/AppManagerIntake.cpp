@@ -3,9 +3,9 @@
 #include <pthread.h>
 
 #include <cstddef>
+#include <mutex>
 
 #include "appmanager/AppManager.h"
-#include "platform/MutexGuard.h"
 #include "platform/Settings.h"
 #include "platform/Thread.h"
 #include "platform/Time.h"
@@ -45,7 +45,7 @@ void AppManager::processClientRequest(const reqcmd& request) {
 bool AppManager::queueRequest(const reqcmd& request) {
     bool isQueued = false;
     {
-        const platform::MutexGuard lock(queue_lock);
+        const std::lock_guard lock(queue_lock);
         isQueued = reqlist.push_back(request);
         platform::trace(isQueued && verbose > 7, "processRequest(cmd=%.1024s)\n", request.cmd);
     }
@@ -61,14 +61,14 @@ bool AppManager::queueRequest(const reqcmd& request) {
 }
 
 int AppManager::notify() {
-    pthread_mutex_lock(&queue_lock);
+    queue_lock.lock();
     for (int attempt = 0; attempt < kSignalAttempts; ++attempt) {
         if (pthread_cond_signal(&queue_cond) == 0) {
             break;
         }
         platform::yieldProcessor();
     }
-    return pthread_mutex_unlock(&queue_lock);
+    return queue_lock.unlock();
 }
 
 void* AppManager::cmd_process_thread(void* manager) {
@@ -99,9 +99,9 @@ void AppManager::process_command_thread(int /*unused*/) {
 /// One wait for a signal. Deliberate: the queue is not looked at first, so a request that was
 /// signalled while the thread was busy may wait for the next one.
 int AppManager::waitForWork() {
-    const platform::MutexGuard lock(queue_lock);
+    const std::lock_guard lock(queue_lock);
     const platform::CancellationWindow window;
-    return pthread_cond_wait(&queue_cond, &queue_lock);
+    return queue_lock.waitFor(queue_cond);
 }
 
 /// Executes queued requests until there are none; false when the manager is shut down.
@@ -128,7 +128,7 @@ bool AppManager::drainQueue() {
 }
 
 bool AppManager::takeRequest(reqcmd& request, std::size_t& stillQueued) {
-    const platform::MutexGuard lock(queue_lock);
+    const std::lock_guard lock(queue_lock);
     if (reqlist.empty()) {
         return false;
     }

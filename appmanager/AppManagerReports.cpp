@@ -3,11 +3,11 @@
 #include <fcntl.h>
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 
 #include "appmanager/AppManager.h"
 #include "appmanager/DateText.h"
-#include "platform/MutexGuard.h"
 #include "platform/Settings.h"
 #include "platform/Text.h"
 #include "platform/Time.h"
@@ -84,7 +84,7 @@ void AppManager::updateJsonFile(const char* path) {
     }
     std::string text = kJsonHead;
     {
-        const platform::MutexGuard lock(app_lock);
+        const std::lock_guard lock(app_lock);
         text += jsonRows(applist);
     }
     text += kJsonTail;

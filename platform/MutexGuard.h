@@ -1,16 +1,17 @@
-// Scoped locking of the manager's recursive mutexes.
+// Scoped locking of mutexes.
 
 #ifndef OVARD_PLATFORM_MUTEX_GUARD_H
 #define OVARD_PLATFORM_MUTEX_GUARD_H
 
 #include <pthread.h>
 
+#include "platform/RecursiveMutex.h"
 #include "platform/Wait.h"
 
 namespace platform {
 
-/// Holds a pthread mutex from construction to destruction. Also unlocks when a cancelled thread
-/// unwinds through it.
+/// Holds a plain mutex from construction to destruction, as std::lock_guard does a RecursiveMutex.
+/// Also unlocks when a cancelled thread unwinds through it.
 class MutexGuard {
 public:
     explicit MutexGuard(pthread_mutex_t& mutex)
@@ -25,11 +26,11 @@ private:
     pthread_mutex_t& mutex_;
 };
 
-/// As MutexGuard, for a lock that others may hold for long: on the main thread it gives up when the
-/// monitor is asked to end. Test `held()` before touching what the mutex guards.
+/// Holds a lock that others may hold for long: on the main thread it gives up when the monitor is
+/// asked to end. Test `held()` before touching what the mutex guards.
 class PatientGuard {
 public:
-    explicit PatientGuard(pthread_mutex_t& mutex)
+    explicit PatientGuard(RecursiveMutex& mutex)
         : mutex_(mutex)
         , held_(lockUnlessTerminating(mutex)) {}
     ~PatientGuard() { (void)release(); }
@@ -44,11 +45,11 @@ public:
             return 0;
         }
         held_ = false;
-        return pthread_mutex_unlock(&mutex_);
+        return mutex_.unlock();
     }
 
 private:
-    pthread_mutex_t& mutex_;
+    RecursiveMutex& mutex_;
     bool held_;
 };
 

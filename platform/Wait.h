@@ -3,9 +3,9 @@
 #ifndef OVARD_PLATFORM_WAIT_H
 #define OVARD_PLATFORM_WAIT_H
 
-#include <pthread.h>
-
 #include <csignal>
+
+#include "platform/RecursiveMutex.h"
 
 namespace platform {
 
@@ -41,7 +41,7 @@ WaitResult waitReadable(int fd, int timeoutMs);
 /// Locks `mutex` for the main thread, at once when it is free. False when a watched signal is
 /// pending before it becomes free: the mutex is then not held. On a thread that does not watch it
 /// is a plain lock.
-bool lockUnlessTerminating(pthread_mutex_t& mutex);
+bool lockUnlessTerminating(RecursiveMutex& mutex);
 
 } // namespace platform
 

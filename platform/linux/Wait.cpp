@@ -171,14 +171,14 @@ WaitResult waitReadable(int fd, int timeoutMs) {
     }
 }
 
-bool lockUnlessTerminating(pthread_mutex_t& mutex) {
+bool lockUnlessTerminating(RecursiveMutex& mutex) {
     if (!threadWatch.active) {
-        return ::pthread_mutex_lock(&mutex) == 0;
+        return mutex.lock() == 0;
     }
-    int result = ::pthread_mutex_trylock(&mutex);
+    int result = mutex.lockIfFree();
     while (result == EBUSY && !terminationPending()) {
         pauseUntil(deadlineAfter(kLockRetryMs));
-        result = ::pthread_mutex_trylock(&mutex);
+        result = mutex.lockIfFree();
     }
     return result == 0;
 }

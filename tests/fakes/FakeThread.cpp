@@ -152,12 +152,12 @@ WaitResult waitReadable(int fd, int timeoutMs) {
     return result;
 }
 
-bool lockUnlessTerminating(pthread_mutex_t& mutex) {
+bool lockUnlessTerminating(RecursiveMutex& mutex) {
     if (!fakes::onMainThread()) {
-        return pthread_mutex_lock(&mutex) == 0;
+        return mutex.lock() == 0;
     }
     for (int polls = 0;; ++polls) {
-        const int result = pthread_mutex_trylock(&mutex);
+        const int result = mutex.lockIfFree();
         if (result != EBUSY || mainThreadShallEnd()) {
             return result == 0;
         }

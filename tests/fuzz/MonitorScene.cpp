@@ -1,7 +1,5 @@
 #include "tests/fuzz/MonitorScene.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -9,7 +7,6 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "appmanager/RequestFiles.h"
 #include "platform/Settings.h"
@@ -19,12 +16,14 @@
 #include "tests/fuzz/Require.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/RequestSupport.h"
+#include "tests/unit/support/LockState.h"
 
 namespace fuzz {
 namespace {
 
 using Access = AppManagerTestAccess;
 using fakes::world;
+using locks::isFree;
 
 constexpr std::size_t kLongestLogLine = 2047;
 
@@ -59,18 +58,6 @@ void examineCall(const std::string& call) {
         require(pid > 0, "signals go to single processes");
         require(pid != world().ownPid, "the monitor signals itself never");
     }
-}
-
-/// Asked by another thread: to its owner a recursive mutex always looks free.
-bool isFree(pthread_mutex_t& mutex) {
-    bool free = false;
-    std::thread([&] {
-        free = pthread_mutex_trylock(&mutex) == 0;
-        if (free) {
-            pthread_mutex_unlock(&mutex);
-        }
-    }).join();
-    return free;
 }
 
 /// A start takes the place of whatever has its name, but for names that were cut: these are found

@@ -54,9 +54,6 @@ TEST_F(StartupFailures, SocketPathThatCannotBeRemovedEndsTheStart) {
 }
 
 TEST_F(StartupFailures, LauncherEndsWithTheStatusOfAFailedStart) {
-    if (kThreadsAreSanitized) {
-        GTEST_SKIP() << "the monitor's end takes longer than the launcher looks";
-    }
     ASSERT_NO_FATAL_FAILURE(blockSocketPath());
     const ProgramResult result = runProgram(daemonProgram(), {});
     EXPECT_EQ(result.ending.text(), "status 1");

@@ -233,7 +233,7 @@ TEST_F(CommandThreadTest, CancelledInItsWaitLeavesTheQueueUnlocked) {
     startThread();
     Access::cancelCommandThread(manager_);
     EXPECT_TRUE(fakes::waitForWorkersToEnd());
-    EXPECT_FALSE(requests::isHeld(&Access::queueLock(manager_)));
+    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
     EXPECT_EQ(Access::commandThread(manager_), 0U);
     EXPECT_TRUE(manager_.commandThreadHasLeft());
 }
@@ -278,7 +278,7 @@ protected:
     bool reachesWait(std::size_t count) {
         return fakes::waitUntil([this, count] {
             return world().count("condWait") == count &&
-                   !requests::isHeld(&Access::queueLock(manager_));
+                   !requests::isHeld(Access::queueLock(manager_));
         });
     }
 

@@ -167,11 +167,11 @@ TEST_F(StartAppTest, DoesNotHoldTheRegistryWhileTheLaunchWaits) {
 
 TEST_F(StartAppTest, WaitsForTheRegistryBeforeItAppends) {
     scriptLaunch(801);
-    pthread_mutex_lock(&Access::appLock(manager_));
+    Access::appLock(manager_).lock();
     std::thread starter([this] { EXPECT_EQ(start("/bin/app"), 0); });
     EXPECT_TRUE(fakes::waitUntil([] { return !world().logTexts(kLevelInfo).empty(); }));
     EXPECT_THAT(applist, IsEmpty());
-    pthread_mutex_unlock(&Access::appLock(manager_));
+    (void)Access::appLock(manager_).unlock();
     starter.join();
     EXPECT_THAT(registeredNames(), ElementsAre("app"));
 }

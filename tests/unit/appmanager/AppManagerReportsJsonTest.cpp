@@ -23,6 +23,7 @@
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/ReportSupport.h"
+#include "tests/unit/appmanager/RequestSupport.h"
 
 namespace {
 
@@ -74,17 +75,7 @@ protected:
         return text.substr(head, text.size() - head - tail);
     }
 
-    bool registryIsFree() {
-        pthread_mutex_t& lock = Access::appLock(manager_);
-        bool locked = false;
-        std::thread([&] {
-            locked = pthread_mutex_trylock(&lock) == 0;
-            if (locked) {
-                pthread_mutex_unlock(&lock);
-            }
-        }).join();
-        return locked;
-    }
+    bool registryIsFree() { return !requests::isHeld(Access::appLock(manager_)); }
 
     FixtureManager manager_;
     std::string folder_;
@@ -271,7 +262,7 @@ TEST_F(JsonFileTest, IsSilentAtVerbositySeven) {
 
 /// The rows are made once the registry is free.
 TEST_F(JsonFileTest, WaitsForTheRegistry) {
-    pthread_mutex_lock(&Access::appLock(manager_));
+    Access::appLock(manager_).lock();
     std::atomic<bool> done{false};
     std::thread writer([&] {
         update();
@@ -282,7 +273,7 @@ TEST_F(JsonFileTest, WaitsForTheRegistry) {
     ::usleep(20000);
     EXPECT_FALSE(done);
     applist.push_back(makeRecord("late"));
-    pthread_mutex_unlock(&Access::appLock(manager_));
+    (void)Access::appLock(manager_).unlock();
     writer.join();
     EXPECT_THAT(content(), testing::HasSubstr("\"late\""));
     EXPECT_TRUE(registryIsFree());
@@ -290,10 +281,10 @@ TEST_F(JsonFileTest, WaitsForTheRegistry) {
 
 TEST_F(JsonFileTest, MayBeAskedForWithTheRegistryHeld) {
     applist.push_back(makeRecord());
-    pthread_mutex_lock(&Access::appLock(manager_));
+    Access::appLock(manager_).lock();
     EXPECT_NE(rows(), "");
     EXPECT_FALSE(registryIsFree());
-    pthread_mutex_unlock(&Access::appLock(manager_));
+    (void)Access::appLock(manager_).unlock();
     EXPECT_TRUE(registryIsFree());
 }
 

@@ -23,12 +23,12 @@ namespace {
 /// Another thread that holds a lock for the scope.
 class Holder {
 public:
-    explicit Holder(pthread_mutex_t& lock)
+    explicit Holder(platform::RecursiveMutex& lock)
         : thread_([this, &lock] {
-            pthread_mutex_lock(&lock);
+            lock.lock();
             locked_ = true;
             (void)fakes::waitUntil([this] { return done_.load(); });
-            pthread_mutex_unlock(&lock);
+            (void)lock.unlock();
         }) {
         EXPECT_TRUE(fakes::waitUntil([this] { return locked_.load(); }));
     }

@@ -226,11 +226,11 @@ TEST_F(SupervisionTest, PassWaitsForTheRegistry) {
     std::atomic<bool> locked{false};
     std::atomic<bool> released{false};
     std::thread holder([&] {
-        pthread_mutex_lock(&Access::appLock(manager_));
+        Access::appLock(manager_).lock();
         locked = true;
         ::usleep(5000);
         released = true;
-        pthread_mutex_unlock(&Access::appLock(manager_));
+        (void)Access::appLock(manager_).unlock();
     });
     ASSERT_TRUE(fakes::waitUntil([&] { return locked.load(); }));
     onceCalled("yield", [&] { EXPECT_TRUE(released); });

@@ -77,9 +77,9 @@ TEST_F(AppManagerTerminationTest, MayRunAnyNumberOfTimes) {
 TEST_F(AppManagerTerminationTest, UnlocksWhatItsCallerHolds) {
     ASSERT_EQ(manager_.init(false), 0);
     for (int count = 0; count < 3; ++count) {
-        pthread_mutex_lock(&Access::appLock(manager_));
+        Access::appLock(manager_).lock();
     }
-    pthread_mutex_lock(&Access::queueLock(manager_));
+    Access::queueLock(manager_).lock();
     manager_.processTermination(&manager_);
     EXPECT_TRUE(manager_.commandThreadHasLeft());
     EXPECT_TRUE(fakes::waitForWorkersToEnd());
@@ -88,7 +88,7 @@ TEST_F(AppManagerTerminationTest, UnlocksWhatItsCallerHolds) {
 TEST_F(AppManagerTerminationTest, FreesACommandThatWaitsForWhatItsCallerHolds) {
     ASSERT_EQ(manager_.init(false), 0);
     applist.push_back(requests::makeApp("app", 0));
-    pthread_mutex_lock(&Access::appLock(manager_));
+    Access::appLock(manager_).lock();
     manager_.processRequest(makeRequest(APPMONCTL_Stop, "app"));
     ASSERT_TRUE(fakes::waitUntil([this] {
         (void)manager_.notify();

@@ -111,14 +111,15 @@ TEST_F(AppManagerTest, IsNotTheInstanceByItself) {
 }
 
 TEST_F(AppManagerTest, BothLocksAreRecursive) {
-    for (pthread_mutex_t* mutex : {&Access::appLock(manager_), &Access::queueLock(manager_)}) {
-        ASSERT_EQ(pthread_mutex_trylock(mutex), 0);
-        ASSERT_EQ(pthread_mutex_trylock(mutex), 0);
-        EXPECT_TRUE(requests::isHeld(mutex));
-        EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
-        EXPECT_TRUE(requests::isHeld(mutex));
-        EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
-        EXPECT_FALSE(requests::isHeld(mutex));
+    for (platform::RecursiveMutex* mutex :
+         {&Access::appLock(manager_), &Access::queueLock(manager_)}) {
+        ASSERT_EQ(mutex->lockIfFree(), 0);
+        ASSERT_EQ(mutex->lockIfFree(), 0);
+        EXPECT_TRUE(requests::isHeld(*mutex));
+        EXPECT_EQ(mutex->unlock(), 0);
+        EXPECT_TRUE(requests::isHeld(*mutex));
+        EXPECT_EQ(mutex->unlock(), 0);
+        EXPECT_FALSE(requests::isHeld(*mutex));
     }
 }
 

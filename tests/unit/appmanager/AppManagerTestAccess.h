@@ -27,8 +27,8 @@ public:
         }
         return requests;
     }
-    static pthread_mutex_t& queueLock(AppManager& manager) { return manager.queue_lock; }
-    static pthread_mutex_t& appLock(AppManager& manager) { return manager.app_lock; }
+    static platform::RecursiveMutex& queueLock(AppManager& manager) { return manager.queue_lock; }
+    static platform::RecursiveMutex& appLock(AppManager& manager) { return manager.app_lock; }
     static bool drainQueue(AppManager& manager) { return manager.drainQueue(); }
     static appinfo& workRecord(AppManager& manager) { return manager.workRecord_; }
     static std::atomic<bool>& restartAllRequested(AppManager& manager) {

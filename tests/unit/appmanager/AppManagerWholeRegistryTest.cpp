@@ -77,7 +77,7 @@ protected:
         }
     }
 
-    bool registryIsHeld() { return isHeld(&AppManagerTestAccess::appLock(manager_)); }
+    bool registryIsHeld() { return isHeld(AppManagerTestAccess::appLock(manager_)); }
 
     FixtureManager manager_;
     std::vector<appinfo> before_;
@@ -360,8 +360,8 @@ TEST_F(WholeRegistryTest, RestartAllEndsEarlyWhenTheMonitorIsAskedToEnd) {
 
 TEST_F(WholeRegistryTest, LockMayBeHeldByTheCallerAlready) {
     registerApps(2);
-    pthread_mutex_t& lock = AppManagerTestAccess::appLock(manager_);
-    ASSERT_EQ(pthread_mutex_lock(&lock), 0);
+    platform::RecursiveMutex& lock = AppManagerTestAccess::appLock(manager_);
+    lock.lock();
     EXPECT_EQ(manager_.stop_allprocess(), 0);
     scriptLaunches(2);
     EXPECT_EQ(manager_.start_allprocess(), 0);
@@ -370,7 +370,7 @@ TEST_F(WholeRegistryTest, LockMayBeHeldByTheCallerAlready) {
     app(2).status = APP_STATUS_DEAD;
     EXPECT_EQ(manager_.restart_allprocess(), 0);
     EXPECT_TRUE(registryIsHeld());
-    pthread_mutex_unlock(&lock);
+    EXPECT_EQ(lock.unlock(), 0);
     EXPECT_FALSE(registryIsHeld());
 }
 

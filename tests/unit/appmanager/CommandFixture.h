@@ -100,12 +100,12 @@ protected:
     /// registers `app`, running, and releases the registry.
     int processWhileRegistering(int action, const appinfo& app) {
         int result = kNoResult;
-        pthread_mutex_lock(&Access::appLock(manager_));
+        Access::appLock(manager_).lock();
         std::thread commander([&] { result = process(action); });
         EXPECT_TRUE(fakes::waitUntil([] { return !world().logTexts(kLevelDebug).empty(); }));
         EXPECT_TRUE(intake::keeps([] { return replies().empty(); }));
         addRunning(app);
-        pthread_mutex_unlock(&Access::appLock(manager_));
+        (void)Access::appLock(manager_).unlock();
         commander.join();
         return result;
     }
@@ -181,7 +181,7 @@ protected:
         EXPECT_EQ(world().count("send"), 0U);
     }
 
-    bool registryIsHeld() { return requests::isHeld(&Access::appLock(manager_)); }
+    bool registryIsHeld() { return requests::isHeld(Access::appLock(manager_)); }
 
     /// For hooks: the registry is held whenever one runs.
     void lookAtTheHeldRegistry() {

@@ -4,13 +4,9 @@
 #ifndef OVARD_TESTS_UNIT_APPMANAGER_REQUEST_SUPPORT_H
 #define OVARD_TESTS_UNIT_APPMANAGER_REQUEST_SUPPORT_H
 
-#include <pthread.h>
-
-#include <cerrno>
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -20,6 +16,7 @@
 #include "records/reqcmd.h"
 #include "records/response_struct.h"
 #include "tests/fakes/FakePlatform.h"
+#include "tests/unit/support/LockState.h"
 
 namespace requests {
 
@@ -103,15 +100,8 @@ inline std::vector<std::string> registeredNames() {
 }
 
 /// Whether a thread other than a new one holds `mutex`.
-inline bool isHeld(pthread_mutex_t* mutex) {
-    int result = 0;
-    std::thread([&] {
-        result = pthread_mutex_trylock(mutex);
-        if (result == 0) {
-            pthread_mutex_unlock(mutex);
-        }
-    }).join();
-    return result == EBUSY;
+inline bool isHeld(platform::RecursiveMutex& mutex) {
+    return !locks::isFree(mutex);
 }
 
 } // namespace requests

@@ -100,7 +100,7 @@ protected:
         };
     }
 
-    bool registryIsHeld() { return isHeld(&Access::appLock(manager_)); }
+    bool registryIsHeld() { return isHeld(Access::appLock(manager_)); }
 
     /// Pids that were looked at, in order.
     static Texts probes() { return world().callsOf("probe"); }

@@ -38,7 +38,7 @@ TEST(BusError, SentToTheThreadThatTouchesIsNoFault) {
 
 TEST(BusError, SentToAHandlerThatServesOnceIsTheEndTheSecondTime) {
     EXPECT_EQ(outcomeOf([] {
-                  setAction([](int signal) { ::raise(signal); }, SA_RESETHAND);
+                  setAction([](int signal) { ::raise(signal); }, static_cast<int>(SA_RESETHAND));
                   return survivesBusError([] { ::raise(SIGBUS); });
               }),
               kEndedBySigbus);

@@ -385,37 +385,24 @@ TEST(EndWatchedWaits, DoesNotOutliveTheWatching) {
 // --- locks ---
 
 TEST(LockUnlessTerminating, IsAPlainLockOnOtherThreads) {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    ::pthread_mutex_lock(&mutex);
+    platform::RecursiveMutex mutex;
+    mutex.lock();
     std::atomic<bool> locked{false};
     std::thread other([&] {
         EXPECT_TRUE(platform::lockUnlessTerminating(mutex));
         locked = true;
-        ::pthread_mutex_unlock(&mutex);
+        EXPECT_EQ(mutex.unlock(), 0);
     });
     ::usleep(10000);
     EXPECT_FALSE(locked);
-    ::pthread_mutex_unlock(&mutex);
+    EXPECT_EQ(mutex.unlock(), 0);
     other.join();
     EXPECT_TRUE(locked);
 }
 
-TEST(LockUnlessTerminating, ReportsALockThatFails) {
-    pthread_mutexattr_t attributes;
-    ::pthread_mutexattr_init(&attributes);
-    ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutex_t mutex;
-    ::pthread_mutex_init(&mutex, &attributes);
-    EXPECT_TRUE(platform::lockUnlessTerminating(mutex));
-    EXPECT_FALSE(platform::lockUnlessTerminating(mutex));
-    ::pthread_mutex_unlock(&mutex);
-    ::pthread_mutex_destroy(&mutex);
-    ::pthread_mutexattr_destroy(&attributes);
-}
-
 TEST(LockUnlessTerminating, WaitsOnTheWatchingThreadToo) {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    ::pthread_mutex_lock(&mutex);
+    platform::RecursiveMutex mutex;
+    mutex.lock();
     std::atomic<bool> locked{false};
     std::thread watcher([&] {
         platform::watchForTermination(setOf(SIGUSR2));
@@ -425,17 +412,17 @@ TEST(LockUnlessTerminating, WaitsOnTheWatchingThreadToo) {
     });
     ::usleep(15000);
     EXPECT_FALSE(locked);
-    ::pthread_mutex_unlock(&mutex);
+    EXPECT_EQ(mutex.unlock(), 0);
     watcher.join();
     EXPECT_TRUE(locked);
-    EXPECT_EQ(::pthread_mutex_trylock(&mutex), 0) << "the guard released it";
-    ::pthread_mutex_unlock(&mutex);
+    ASSERT_EQ(mutex.lockIfFree(), 0) << "the guard released it";
+    EXPECT_EQ(mutex.unlock(), 0);
 }
 
 TEST(LockUnlessTerminating, GivesUpWhenAWatchedSignalIsPending) {
     const sigset_t watched = setOf(SIGUSR2);
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    ::pthread_mutex_lock(&mutex);
+    platform::RecursiveMutex mutex;
+    mutex.lock();
     std::atomic<bool> watching{false};
     bool held = true;
     std::thread watcher([&] {
@@ -452,17 +439,17 @@ TEST(LockUnlessTerminating, GivesUpWhenAWatchedSignalIsPending) {
     ASSERT_EQ(::pthread_kill(watcher.native_handle(), SIGUSR2), 0);
     watcher.join();
     EXPECT_FALSE(held);
-    EXPECT_EQ(::pthread_mutex_unlock(&mutex), 0);
+    EXPECT_EQ(mutex.unlock(), 0);
 }
 
 TEST(LockUnlessTerminating, TakesAFreeLockAlsoWhenASignalIsPending) {
     EXPECT_EQ(runWatching([] {
-                  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+                  platform::RecursiveMutex mutex;
                   ::raise(SIGALRM);
                   if (!platform::lockUnlessTerminating(mutex)) {
                       return 1;
                   }
-                  return ::pthread_mutex_trylock(&mutex) == EBUSY ? 0 : 2;
+                  return mutex.unlock();
               }),
               0);
 }

@@ -45,8 +45,8 @@ private:
 };
 
 /// Whether `mutex`, which nobody holds, exists.
-inline bool isUsable(pthread_mutex_t& mutex) {
-    return pthread_mutex_trylock(&mutex) == 0 && pthread_mutex_unlock(&mutex) == 0;
+inline bool isUsable(platform::RecursiveMutex& mutex) {
+    return mutex.lockIfFree() == 0 && mutex.unlock() == 0;
 }
 
 #endif // OVARD_TESTS_UNIT_SUPPORT_HANGING_MANAGER_H

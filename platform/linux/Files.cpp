@@ -1,9 +1,14 @@
 #include "platform/linux/Files.h"
 
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+#if __has_include(<linux/openat2.h>)
+#include <linux/openat2.h>
+#endif
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/linux/FixedText.h"
 
@@ -30,11 +35,8 @@ void enterFolder(Folder& folder, const char* name) {
     }
 }
 
-} // namespace
-
-UniqueFd openPlainFileAt(int directory, const char* path, int flags, mode_t mode,
-                         struct stat& facts) {
-    UniqueFd file = openFileAt(directory, path, flags, mode);
+/// `file` with its facts; invalid for everything but a plain one.
+UniqueFd onlyPlain(UniqueFd file, struct stat& facts) {
     if (file.valid() && ::fstat(file.get(), &facts) != 0) {
         file.reset();
     }
@@ -45,8 +47,44 @@ UniqueFd openPlainFileAt(int directory, const char* path, int flags, mode_t mode
     return file;
 }
 
+#if defined(RESOLVE_NO_SYMLINKS) && defined(SYS_openat2)
+
+/// Opens `path` for reading if there is no link in it. Invalid else, and on every kernel that
+/// cannot tell.
+UniqueFd openWithoutLinks(const char* path) {
+    open_how how = {};
+    how.flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    return UniqueFd(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how)));
+}
+
+#else
+
+/// Neither the kernel's headers nor the C library know how.
+UniqueFd openWithoutLinks(const char* /*path*/) {
+    errno = ENOSYS;
+    return UniqueFd();
+}
+
+#endif
+
+} // namespace
+
+UniqueFd openPlainFileAt(int directory, const char* path, int flags, mode_t mode,
+                         struct stat& facts) {
+    return onlyPlain(openFileAt(directory, path, flags, mode), facts);
+}
+
 UniqueFd openPlainFile(const char* path, int flags, mode_t mode, struct stat& facts) {
     return openPlainFileAt(AT_FDCWD, path, flags, mode, facts);
+}
+
+UniqueFd openNamedPlainFile(const char* path, struct stat& facts) {
+    UniqueFd file = openWithoutLinks(path);
+    if (!file.valid() && errno != ENOENT) {
+        file = openAt(findNamedPlace(path), O_RDONLY);
+    }
+    return onlyPlain(std::move(file), facts);
 }
 
 UniqueFd openFolderOf(std::string_view path) {

@@ -20,6 +20,11 @@ UniqueFd openPlainFileAt(int directory, const char* path, int flags, mode_t mode
 /// The same for a path that is absolute or below the working directory.
 UniqueFd openPlainFile(const char* path, int flags, mode_t mode, struct stat& facts);
 
+/// openPlainFile for reading, where somebody else may have put a link on the way: by the rules of
+/// findNamedPlace. Kernels from 5.6 on open a path without links in one call; before them, each
+/// folder on the way takes its own.
+UniqueFd openNamedPlainFile(const char* path, struct stat& facts);
+
 /// Opens the folder that holds the last component of `path`, for openFileAt. Folders that are
 /// missing are created with mode 0755 whatever the umask is. Each is reached from the one that
 /// holds it, by the rules of openFileAt, and past no link in a folder of another user. Invalid

@@ -126,7 +126,7 @@ int read_pid_file_version(const appinfo& record, const char* path, const char* v
         return -1;
     }
     struct stat facts = {};
-    const platform::UniqueFd file = platform::openPlainFile(path, O_RDONLY, 0, facts);
+    const platform::UniqueFd file = platform::openNamedPlainFile(path, facts);
     if (!file.valid()) {
         return -1;
     }

@@ -51,6 +51,9 @@ constexpr KnownCall kKnownCalls[] = {
 #ifdef SYS_poll
     {SYS_poll, "poll", kNoArgument, kNoArgument},
 #endif
+#ifdef SYS_openat2
+    {SYS_openat2, "open", 1, kNoArgument},
+#endif
     {SYS_openat, "open", 1, kNoArgument},
     {SYS_faccessat, "access", 1, kNoArgument},
     {SYS_readlinkat, "readlink", 1, kNoArgument},

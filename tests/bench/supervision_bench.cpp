@@ -148,23 +148,26 @@ bench::SystemCallCounts withoutMeterRoot(const bench::SystemCallCounts& counts) 
     return result;
 }
 
-/// Sets METER_ROOT for as long as it lives.
+/// Sets METER_ROOT for as long as it lives, with the applications' pid files below it.
 class MeterRoot {
 public:
     MeterRoot() {
-        const std::string folder = std::string(kPidFileFolder) + kMeterRoot;
-        const std::string home = std::string(kPidFileFolder) + "/home";
-        ready_ = ::mkdir(folder.c_str(), 0755) == 0 &&
-                 ::symlink(home.c_str(), (folder + "/home").c_str()) == 0 &&
+        ready_ = ::mkdir(root_.c_str(), 0755) == 0 &&
+                 ::rename(home_.c_str(), (root_ + "/home").c_str()) == 0 &&
                  ::setenv("METER_ROOT", kMeterRoot, 1) == 0;
     }
-    ~MeterRoot() { ::unsetenv("METER_ROOT"); }
+    ~MeterRoot() {
+        ::unsetenv("METER_ROOT");
+        (void)::rename((root_ + "/home").c_str(), home_.c_str()); // The passes that follow tell.
+    }
     MeterRoot(const MeterRoot&) = delete;
     MeterRoot& operator=(const MeterRoot&) = delete;
 
     bool ready() const { return ready_; }
 
 private:
+    const std::string root_ = std::string(kPidFileFolder) + kMeterRoot;
+    const std::string home_ = std::string(kPidFileFolder) + "/home";
     bool ready_;
 };
 

@@ -3,9 +3,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -88,16 +90,163 @@ TEST_F(Planted, LinkToAFolderWithASecondNameLeadsNoPidFileElsewhere) {
     EXPECT_FALSE(exists(at("elsewhere/app.pid.6")));
 }
 
-TEST_F(Planted, LinkConfirmsNoPidFile) {
-    writeText(at("real"), "77\n1\n");
-    appinfo record = {};
-    record.pid = 77;
-    ASSERT_EQ(read_pid_file_version(record, at("real").c_str(), "1"), 0);
-    if (!plantLink("real", "app.pid.77")) {
+/// A folder with the pid file of a process, to which links may lead.
+class PlantedPidFile : public Planted {
+protected:
+    PlantedPidFile() {
+        ::mkdir(at("elsewhere").c_str(), 0755);
+        writeText(at("elsewhere/app.pid"), "77\n1\n");
+    }
+
+    bool confirms(const std::string& name) const {
+        appinfo record = {};
+        record.pid = 77;
+        return read_pid_file_version(record, at(name).c_str(), "1") == 0;
+    }
+};
+
+TEST_F(PlantedPidFile, IsNotReachedByALinkInItsPlace) {
+    ASSERT_TRUE(confirms("elsewhere/app.pid"));
+    if (!plantLink("elsewhere/app.pid", "app.pid")) {
         GTEST_SKIP() << "takes root";
     }
-    EXPECT_LT(read_pid_file_version(record, at("app.pid.77").c_str(), "1"), 0);
+    EXPECT_FALSE(confirms("app.pid"));
 }
+
+TEST_F(PlantedPidFile, IsNotReachedByALinkOnTheWay) {
+    if (!plantLink("elsewhere", "way")) {
+        GTEST_SKIP() << "takes root";
+    }
+    EXPECT_FALSE(confirms("way/app.pid"));
+    EXPECT_FALSE(confirms("elsewhere/../way/app.pid"));
+    ASSERT_EQ(::chmod(directory_.path().c_str(), 0775), 0);
+    EXPECT_TRUE(confirms("way/app.pid"));
+}
+
+TEST_F(PlantedPidFile, IsReachedByLinksOfOnesOwn) {
+    ASSERT_EQ(::symlink("elsewhere", at("way").c_str()), 0);
+    ASSERT_EQ(::symlink("way/app.pid", at("app.pid").c_str()), 0);
+    EXPECT_TRUE(confirms("way/app.pid"));
+    EXPECT_TRUE(confirms("app.pid"));
+    ASSERT_EQ(::link(at("way").c_str(), at("second").c_str()), 0);
+    EXPECT_FALSE(confirms("second/app.pid")) << "anybody may have given it that name";
+}
+
+TEST_F(PlantedPidFile, IsReachedByNoLinkInAFolderOfAnotherUser) {
+    ASSERT_EQ(::mkdir(at("theirs").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("../elsewhere", at("theirs/way").c_str()), 0);
+    ASSERT_EQ(::symlink("../elsewhere/app.pid", at("theirs/link").c_str()), 0);
+    writeText(at("theirs/app.pid"), "77\n1\n");
+    if (::chown(at("theirs").c_str(), kAnotherUser, kAnotherUser) != 0) {
+        GTEST_SKIP() << "takes root";
+    }
+    EXPECT_FALSE(confirms("theirs/way/app.pid"));
+    EXPECT_FALSE(confirms("theirs/link"));
+    EXPECT_TRUE(confirms("theirs/app.pid")) << "applications of that user write there";
+}
+
+// --- without openat2 -----------------------------------------------------------------------------
+
+#ifdef SYS_openat2
+constexpr long kOpenat2 = SYS_openat2;
+#else
+constexpr long kOpenat2 = -1; // no call has this number
+#endif
+
+/// The error with which openat2 is refused to this process; 0: it is not.
+int g_refusal = 0;
+int g_refusedCalls = 0;
+
+} // namespace
+
+// What stands between the program and the system's call.
+extern "C" {
+
+long __real_syscall(long number, ...);
+
+long __wrap_syscall(long number, ...) {
+    if (number == kOpenat2 && g_refusal != 0) {
+        ++g_refusedCalls;
+        errno = g_refusal;
+        return -1;
+    }
+    long arguments[6] = {}; // as many as a call can have
+    va_list list;
+    va_start(list, number);
+    for (long& argument : arguments) {
+        argument = va_arg(list, long);
+    }
+    va_end(list);
+    return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3],
+                          arguments[4], arguments[5]);
+}
+
+} // extern "C"
+
+namespace {
+
+bool systemHasOpenat2() {
+    return __real_syscall(kOpenat2, AT_FDCWD, "", nullptr, 0) != -1 || errno != ENOSYS;
+}
+
+/// A process to which openat2 is refused: kernels before 5.6 do not know it (ENOSYS), and there are
+/// containers whose filters forbid what they do not know (EPERM).
+class PlantedPidFileWithoutOpenat2 : public PlantedPidFile,
+                                     public testing::WithParamInterface<int> {
+protected:
+    enum Outcome { kConfirmed, kNotConfirmed, kUnsteady, kNotRefused };
+
+    /// What such a process makes of the pid file at its first look and the next one.
+    int outcome(const std::string& name) const {
+        return runInChild([&] {
+            const bool asksForIt = systemHasOpenat2(); // One that lacks it is asked just once.
+            g_refusal = GetParam();
+            const bool first = confirms(name);
+            const bool second = confirms(name);
+            if (asksForIt && g_refusedCalls == 0) {
+                return kNotRefused;
+            }
+            return first != second ? kUnsteady : first ? kConfirmed : kNotConfirmed;
+        });
+    }
+};
+
+TEST_P(PlantedPidFileWithoutOpenat2, IsReachedWhereNoLinkIsOnTheWay) {
+    writeText(at("app.pid"), "77\n1\n");
+    EXPECT_EQ(outcome("app.pid"), kConfirmed);
+    EXPECT_EQ(outcome("elsewhere/app.pid"), kConfirmed);
+    writeText(at("app.pid"), "78\n1\n");
+    EXPECT_EQ(outcome("app.pid"), kNotConfirmed);
+}
+
+TEST_P(PlantedPidFileWithoutOpenat2, IsReachedByLinksOfOnesOwn) {
+    ASSERT_EQ(::symlink("elsewhere", at("way").c_str()), 0);
+    ASSERT_EQ(::symlink("way/app.pid", at("app.pid").c_str()), 0);
+    EXPECT_EQ(outcome("way/app.pid"), kConfirmed);
+    EXPECT_EQ(outcome("app.pid"), kConfirmed);
+}
+
+TEST_P(PlantedPidFileWithoutOpenat2, IsNotReachedByALinkOfAnotherUser) {
+    if (!plantLink("elsewhere", "way") || !plantLink("elsewhere/app.pid", "app.pid")) {
+        GTEST_SKIP() << "takes root";
+    }
+    EXPECT_EQ(outcome("app.pid"), kNotConfirmed);
+    EXPECT_EQ(outcome("way/app.pid"), kNotConfirmed);
+    EXPECT_EQ(outcome("elsewhere/../way/app.pid"), kNotConfirmed);
+}
+
+TEST_P(PlantedPidFileWithoutOpenat2, IsNoFifoOrDevice) {
+    ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
+    EXPECT_EQ(outcome("fifo"), kNotConfirmed);
+    if (!plantDevice("device")) {
+        GTEST_SKIP() << "takes root";
+    }
+    EXPECT_EQ(outcome("device"), kNotConfirmed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Refusals, PlantedPidFileWithoutOpenat2, testing::Values(ENOSYS, EPERM));
+
+// --- pid files that are written ------------------------------------------------------------------
 
 TEST_F(Planted, LinkToAFolderLeadsNoPidFileElsewhere) {
     ASSERT_EQ(::mkdir(at("elsewhere").c_str(), 0755), 0);

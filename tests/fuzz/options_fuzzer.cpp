@@ -15,6 +15,7 @@
 #include "runtime/Options.h"
 #include "tests/fuzz/Input.h"
 #include "tests/fuzz/Require.h"
+#include "tests/unit/InitialSettings.h"
 
 using fuzz::require;
 using Purpose = Options::Purpose;
@@ -29,17 +30,8 @@ namespace {
 
 constexpr std::size_t kLongestWord = 4096;
 
-void resetSettings() {
-    g_verbose = 3;
-    app_pidfile_minimum_start_time = 7;
-    app_heartbeat_minimum_start_time = 30;
-    app_heartbeat_expire_interval = 30;
-    pszExecuteAppConfigurationFile = nullptr;
-    pszAppendToAppConfigurationFile = nullptr;
-    initWatchDog = false;
-    watchdog_timer_inteval = 5;
-    watchdogDeferTime = 120;
-    block_signal = false;
+void beginAnew() {
+    resetOptionSettings();
     ::opterr = 0; // no complaints
     ::optind = 0; // from the beginning
 }
@@ -147,7 +139,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
-    resetSettings();
+    beginAnew();
     const Options options = parseOptions(static_cast<int>(own.size()) + 1, arguments.data());
 
     require(options.purpose == line.purpose, "what the command line is for");

@@ -39,23 +39,14 @@ void saveSettings() {
 }
 
 void resetSettings() {
-    g_verbose = 3;
+    resetOptionSettings();
     verbose = 0;
-    app_pidfile_minimum_start_time = 7;
-    app_heartbeat_minimum_start_time = 30;
-    app_heartbeat_expire_interval = 30;
-    pszExecuteAppConfigurationFile = nullptr;
-    pszAppendToAppConfigurationFile = nullptr;
     g_bDaemonShutdown = 0;
     g_releaseResources = nullptr;
     g_exitMonitor = nullptr;
 }
 
 void resetRuntime() {
-    initWatchDog = false;
-    watchdog_timer_inteval = 5;
-    watchdogDeferTime = 120;
-    block_signal = false;
     appmgr = nullptr;
     pidfile.clear();
     version[0] = '\0';

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kPrograms[] = {"unit_tests", "platform_tests", "client_tests",
-                                     "packaging_tests", "hostile_tests"};
+constexpr const char* kPrograms = "/opt/ovard/unit-programs";
 constexpr const char* kSkips = "/opt/ovard/unit-skips";
 constexpr const char* kCorpus = "/opt/ovard/corpus";
 constexpr int kPatienceMs = 600000;
@@ -40,12 +40,38 @@ std::string withoutSuccesses(const std::string& output) {
 }
 
 /// Runs a program of the project to its end, which has to be a good one; returns what it printed.
-std::string runToSuccess(const std::string& name, const std::vector<std::string>& arguments) {
+std::string runToSuccess(const std::string& path, const std::vector<std::string>& arguments) {
     const systemtest::ProgramResult result =
-        systemtest::runProgram("/opt/ovard/ovard_" + name, arguments, {}, kPatienceMs);
-    EXPECT_EQ(result.ending.text(), "status 0") << name << '\n'
+        systemtest::runProgram(path, arguments, {}, kPatienceMs);
+    EXPECT_EQ(result.ending.text(), "status 0") << path << '\n'
                                                 << withoutSuccesses(result.output) << result.errors;
     return result.output;
+}
+
+/// A line of the list of programs, "WHERE PROGRAM".
+struct UnitProgram {
+    std::string where;
+    std::string name;
+};
+
+std::vector<UnitProgram> readPrograms() {
+    std::vector<UnitProgram> programs;
+    for (const std::string& line : systemtest::linesOf(systemtest::readFile(kPrograms))) {
+        UnitProgram program;
+        std::istringstream(line) >> program.where >> program.name;
+        if (program.where != "#") {
+            programs.push_back(program);
+        }
+    }
+    return programs;
+}
+
+std::string runToSuccess(const UnitProgram& program, const std::string& option) {
+    if (program.where == "sandbox") {
+        return runToSuccess("/opt/ovard/ovard_target_sandbox",
+                            {"/opt/ovard/dynamic/" + program.name, option});
+    }
+    return runToSuccess("/opt/ovard/" + program.name, {option});
 }
 
 void append(std::vector<std::string>& names, const std::vector<std::string>& more) {
@@ -58,13 +84,15 @@ TEST(Units, Pass) {
     for (const Skip& skip : skips) {
         std::printf("UNITS %s\n", describe(skip).c_str());
     }
+    const std::vector<UnitProgram> programs = readPrograms();
+    ASSERT_FALSE(programs.empty());
     std::vector<std::string> tests;
     std::vector<std::string> skipped;
-    for (const char* const program : kPrograms) {
-        append(tests, parseTestList(runToSuccess(program, {"--gtest_list_tests"})));
-        const SuiteLog log = parseSuiteLog(runToSuccess(program, {filterFor("*", skips)}));
-        EXPECT_GT(log.passed, 0) << program;
-        std::printf("UNITS %s: %d passed\n", program, log.passed);
+    for (const UnitProgram& program : programs) {
+        append(tests, parseTestList(runToSuccess(program, "--gtest_list_tests")));
+        const SuiteLog log = parseSuiteLog(runToSuccess(program, filterFor("*", skips)));
+        EXPECT_GT(log.passed, 0) << program.name;
+        std::printf("UNITS %s: %d passed\n", program.name.c_str(), log.passed);
         append(skipped, log.skipped);
     }
     EXPECT_NO_THROW(requireTests(listed, tests));
@@ -85,9 +113,9 @@ TEST(FuzzTargets, PassTheirSeeds) {
     const std::vector<std::string> corpora = entriesOf(kCorpus);
     ASSERT_FALSE(corpora.empty());
     for (const std::string& corpus : corpora) {
-        const std::string program = "fuzz_" + fs::path(corpus).filename().string();
+        const std::string program = "ovard_fuzz_" + fs::path(corpus).filename().string();
         const std::vector<std::string> seeds = entriesOf(corpus);
-        (void)runToSuccess(program, seeds); // it says which seed was the last one
+        (void)runToSuccess("/opt/ovard/" + program, seeds); // it says which seed was the last one
         std::printf("UNITS %s: %zu seeds\n", program.c_str(), seeds.size());
     }
 }

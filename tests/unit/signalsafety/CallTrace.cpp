@@ -4,20 +4,18 @@
 #include <link.h>
 #include <sys/ptrace.h>
 #include <sys/types.h>
-#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
-#include <cstdint>
 #include <vector>
+
+#include "tests/unit/signalsafety/Stepping.h"
 
 namespace signalsafety {
 namespace {
-
-using Address = std::uintptr_t;
 
 /// More than any traced code takes: a loop that never ends must not hold the test.
 constexpr long kMostSteps = 2000000;
@@ -84,19 +82,6 @@ private:
     std::vector<Range> ranges_;
 };
 
-Address instructionPointer(pid_t child) {
-    errno = 0;
-    return static_cast<Address>(
-        ::ptrace(PTRACE_PEEKUSER, child, offsetof(user, regs.rip), nullptr));
-}
-
-/// Executes one instruction; false when the child has ended or stopped for another reason.
-bool step(pid_t child, int& status) {
-    return ::ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr) == 0 &&
-           ::waitpid(child, &status, 0) == child && WIFSTOPPED(status) &&
-           WSTOPSIG(status) == SIGTRAP;
-}
-
 /// The function that begins at an address. The form that the library has chosen of one that has
 /// several goes by none of the names in its tables, but is found by the name of the function.
 std::string nameOf(Address address, const std::set<std::string>& knownNames) {
@@ -123,8 +108,7 @@ void follow(pid_t child, const std::set<std::string>& knownNames, CallTrace& tra
     const OwnCode own;
     bool withinCode = false;
     bool wasOwn = true;
-    int status = 0;
-    for (long steps = 0; steps < kMostSteps && step(child, status); ++steps) {
+    for (long steps = 0; steps < kMostSteps && step(child); ++steps) {
         const Address at = instructionPointer(child);
         if (at == addressOf(endOfCode)) {
             return;

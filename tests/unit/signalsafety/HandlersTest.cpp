@@ -57,6 +57,11 @@ const Names kSafe = {
     "__errno_location", // the place of errno, by the thread's own pointer
     "sysinfo",          // a system call and nothing else
     "strerrordesc_np",  // reads a table; the library's manual calls it safe
+    // What the compiler has numbers of 64 bits divided by on processors of 32 bits.
+    "__divdi3",
+    "__moddi3",
+    "__udivdi3",
+    "__umoddi3",
 };
 
 /// Only what feeding needs.
@@ -69,17 +74,23 @@ Names with(Names names, const Names& more) {
 
 // --- what is traced ------------------------------------------------------------------------------
 
-void tick() {
+siginfo_t signalWith(void* value) {
     siginfo_t info = {};
     info.si_signo = SIGUSR1;
-    info.si_value.sival_ptr = &timerid;
-    timerHandler(SIGUSR1, &info, nullptr);
+    info.si_value.sival_ptr = value;
+    return info;
+}
+
+// Made beforehand: only what the handlers call counts.
+siginfo_t ownSignal = signalWith(&timerid);
+siginfo_t foreignSignal = signalWith(nullptr);
+
+void tick() {
+    timerHandler(SIGUSR1, &ownSignal, nullptr);
 }
 
 void foreignTick() {
-    siginfo_t info = {};
-    info.si_signo = SIGUSR1;
-    timerHandler(SIGUSR1, &info, nullptr);
+    timerHandler(SIGUSR1, &foreignSignal, nullptr);
 }
 
 void logSignal() {
@@ -160,12 +171,14 @@ TEST_F(Handlers, FeedingOfAnOpenDeviceIsWriteAndFlushOnly) {
 }
 
 TEST_F(Handlers, UntilFeedingBeginsTheUptimeIsReadToo) {
+    // Some compilers have a call clear the record that the system fills in.
+    const Names allowed = with(kFeeding, {"memset", "sysinfo"});
     const CallTrace first = traced(openDevice<5>, tick);
     EXPECT_THAT(first.calls, Contains("sysinfo"));
-    EXPECT_THAT(first.calls, IsSubsetOf(with(kFeeding, {"sysinfo"})));
+    EXPECT_THAT(first.calls, IsSubsetOf(allowed));
     const CallTrace deferred = traced(deferFor300Seconds, tick);
     EXPECT_THAT(deferred.calls, Contains("sysinfo"));
-    EXPECT_THAT(deferred.calls, IsSubsetOf(with(kFeeding, {"sysinfo"})));
+    EXPECT_THAT(deferred.calls, IsSubsetOf(allowed));
 }
 
 TEST_F(Handlers, StalledLoopMeansNoCallAtAll) {
@@ -236,7 +249,7 @@ void lock() {
 TEST_F(Handlers, TraceShowsWhatMustNotBeCalled) {
     const auto calls = [](void (*code)()) { return traceCalls(doNothing, code, kSafe).calls; };
     EXPECT_THAT(calls(doNothing), IsEmpty());
-    EXPECT_THAT(calls(allocate), Contains("_Znwm"));
+    EXPECT_THAT(calls(allocate), Contains(testing::StartsWith("_Znw"))); // then the type of a size
     EXPECT_THAT(calls(print), Contains("fflush"));
     EXPECT_THAT(calls(lock), Contains("pthread_mutex_lock"));
 }

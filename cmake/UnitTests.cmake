@@ -2,9 +2,6 @@
 
 include(GoogleTest)
 
-option(OVARD_WHOLE_TESTS "Compile unit tests several files at a time and run their programs whole: \
-sooner done where all are built and run; findings name no single test" OFF)
-
 set(OVARD_TEST_PARTS 4) # Parts of a program run at the same time.
 
 # To be called when the program has all its sources.

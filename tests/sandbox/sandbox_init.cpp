@@ -3,13 +3,15 @@
 //   ovard_sandbox_init --status-fd N --control-fd N --program-fd N [--log-fd N] [--foreground]
 //                      -- COMMAND...
 //   ovard_sandbox_init --take-terminal
+//   ovard_sandbox_init --hold-log N FILE -- COMMAND...
 //
 // It is started by tests/sandbox/inside, which has furnished the sandbox before. The control
 // channel brings one letter for each signal that the command is to get; its end means that the
 // sandbox is to end. The status channel gets "begun\n" replaced by the command's exit status, so
 // whoever reads "begun" afterwards knows that the kernel ended the sandbox. Ending process 1 ends
 // all processes. The log's socket may come from outside: who holds it there, too, can read what the
-// kernel left process 1 no time for.
+// kernel left process 1 no time for. Run outside, --hold-log does so around the command that makes
+// the sandbox, which inherits the socket as descriptor N.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -157,6 +159,11 @@ sigset_t handledSignals() {
     _exit(error == ENOENT ? kNotFound : kNotExecutable);
 }
 
+/// How a process ended, as a shell gives it.
+int exitStatus(int status) {
+    return WIFSIGNALED(status) ? kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
 /// Reaps all that has ended. Returns the command's exit status, or -1 while it runs.
 int reapProcesses(pid_t command) {
     int result = -1;
@@ -169,7 +176,7 @@ int reapProcesses(pid_t command) {
             // Nobody in here could ever continue it.
             (void)kill(-command, SIGCONT);
         } else {
-            result = WIFSIGNALED(status) ? kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
+            result = exitStatus(status);
         }
     }
     return result;
@@ -262,11 +269,62 @@ int takeTerminal() {
     return tcsetpgrp(STDIN_FILENO, getpgrp()) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+/// Starts a command that leads inside. A signal to the whole group, as timeout(1) sends it, does
+/// not end the caller from then on, nor unshare, which blocks the same ones: the script hands it
+/// on, and then waits for both.
+pid_t startHeldCommand(char** command) {
+    sigset_t signals;
+    sigset_t before;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    (void)sigprocmask(SIG_BLOCK, &signals, &before);
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+        execvp(command[0], command);
+    }
+    if (child <= 0) {
+        fail(command[0]);
+    }
+    return child;
+}
+
+/// Waits for a child to end; returns its exit status.
+int awaitChild(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) == -1) {
+        if (errno != EINTR) {
+            fail("wait"); // nobody learns the status where SIGCHLD is ignored
+        }
+    }
+    return exitStatus(status);
+}
+
+/// Runs a command that leads inside. What it leaves in the log's socket is appended to the file,
+/// which is missing when no sandbox could be made.
+int holdLog(char** words) {
+    const int inherited = parseDescriptor(words[0]);
+    const int socket = sandbox::makeLogSocket();
+    if (socket == -1 || dup2(socket, inherited) == -1) {
+        fail(sandbox::kLogSocket);
+    }
+    const int result = awaitChild(startHeldCommand(words + 3));
+    const int file = open(words[1], O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (file != -1) {
+        captureLog(socket, file);
+    }
+    return result;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     if (argc == 2 && std::strcmp(argv[1], "--take-terminal") == 0) {
         return takeTerminal();
+    }
+    if (argc > 5 && std::strcmp(argv[1], "--hold-log") == 0 && std::strcmp(argv[4], "--") == 0) {
+        return holdLog(argv + 2);
     }
     return runSandbox(parseOptions(argv));
 }

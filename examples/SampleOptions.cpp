@@ -19,6 +19,7 @@ const char kUsage[] =
     "  --pidfile-after MS      write it MS milliseconds late\n"
     "  --version V             version in the pid file (default 1.0)\n"
     "  --ignore-term           ignore SIGTERM\n"
+    "  --die-of-term           leave SIGTERM at its default action\n"
     "  --heartbeat MS|none     report a heartbeat every MS milliseconds (default none)\n"
     "  --hang-after MS         report none any more after MS milliseconds\n"
     "  --hang-for MS           report them again MS milliseconds later (default never)\n"
@@ -54,6 +55,7 @@ constexpr Switch kSwitches[] = {
     {"--foreground", &Options::foreground, true},
     {"--no-pidfile", &Options::writePidFile, false},
     {"--ignore-term", &Options::ignoreTerm, true},
+    {"--die-of-term", &Options::dieOfTerm, true},
 };
 
 constexpr Number kNumbers[] = {

@@ -22,6 +22,7 @@ struct Options {
     std::string exactPidFile; ///< not empty: the whole path, instead of `pidFile`
     int pidFileAfterMs = 0;
     bool ignoreTerm = false;
+    bool dieOfTerm = false; ///< SIGTERM keeps its default action
     int heartbeatMs = kNever;
     int hangAfterMs = kNever;
     int hangForMs = kNever; ///< counts from the moment at which it hangs
@@ -31,6 +32,9 @@ struct Options {
     int exitStatus = 0;
     int strays = 0;
     std::string report; ///< empty: none is written
+
+    /// SIGTERM is a request for an orderly end.
+    bool obeysTerm() const { return !ignoreTerm && !dieOfTerm; }
 };
 
 /// The usage text, several lines.

@@ -43,29 +43,29 @@ std::int64_t pointAfter(std::int64_t start, int delayMs) {
 }
 
 /// The signals that end the application.
-sigset_t endingSignals(bool ignoreTerm) {
+sigset_t endingSignals(bool obeysTerm) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
-    if (!ignoreTerm) {
+    if (obeysTerm) {
         sigaddset(&set, SIGTERM);
     }
     return set;
 }
 
 /// From here on the ending signals are only taken by waitUntil.
-void prepareSignals(bool ignoreTerm) {
-    const sigset_t ending = endingSignals(ignoreTerm);
+void prepareSignals(const Options& options) {
+    const sigset_t ending = endingSignals(options.obeysTerm());
     sigprocmask(SIG_BLOCK, &ending, nullptr);
-    if (ignoreTerm) {
+    if (options.ignoreTerm) {
         (void)::signal(SIGTERM, SIG_IGN); // cannot fail for this signal
     }
 }
 
 /// Waits until the given point in time; true when an ending signal came first.
-bool waitUntil(std::int64_t pointMs, bool ignoreTerm) {
+bool waitUntil(std::int64_t pointMs, bool obeysTerm) {
     constexpr std::int64_t kLongestWaitMs = 3600000;
-    const sigset_t ending = endingSignals(ignoreTerm);
+    const sigset_t ending = endingSignals(obeysTerm);
     for (std::int64_t now = nowMs(); now < pointMs; now = nowMs()) {
         const std::int64_t spanMs = std::min(pointMs - now, kLongestWaitMs);
         timespec span{};
@@ -110,7 +110,7 @@ std::vector<pid_t> forkStrays(const Options& options) {
     for (int count = 0; count < options.strays; ++count) {
         const pid_t child = ::fork();
         if (child == 0) {
-            (void)waitUntil(kForever, options.ignoreTerm); // only a signal ends it
+            (void)waitUntil(kForever, options.obeysTerm()); // only a signal ends it
             ::_exit(0);
         }
         if (child > 0) {
@@ -166,7 +166,7 @@ void leaveSuccessor(const Options& options, char* const* argv) {
     if (options.comeBackAfterMs == sample::kNever || ::fork() != 0) {
         return;
     }
-    if (!waitUntil(nowMs() + options.comeBackAfterMs, options.ignoreTerm)) {
+    if (!waitUntil(nowMs() + options.comeBackAfterMs, options.obeysTerm())) {
         (void)::execv(argv[0], argv); // nothing is left to do where it fails
     }
     ::_exit(kExitFailure);
@@ -215,7 +215,7 @@ int serve(const Options& options, char* const* argv) {
             heartbeat_notify();
             beatAt = nextBeat(options, start, now);
         }
-        if (waitUntil(std::min({crashAt, exitAt, pidFileAt, beatAt}), options.ignoreTerm)) {
+        if (waitUntil(std::min({crashAt, exitAt, pidFileAt, beatAt}), options.obeysTerm())) {
             return 0;
         }
     }
@@ -223,7 +223,7 @@ int serve(const Options& options, char* const* argv) {
 
 int run(const Options& options, const std::string& launchFacts, char* const* argv) {
     if (!options.foreground) {
-        if (waitUntil(nowMs() + options.daemonizeAfterMs, options.ignoreTerm)) {
+        if (waitUntil(nowMs() + options.daemonizeAfterMs, options.obeysTerm())) {
             return 0;
         }
         if (!goIntoBackground()) {
@@ -257,6 +257,6 @@ int main(int argc, char** argv) {
     if (options.help) {
         return std::fputs(sample::kUsage, stdout) == EOF ? kExitFailure : 0;
     }
-    prepareSignals(options.ignoreTerm);
+    prepareSignals(options);
     return run(options, launchFacts, argv);
 }

@@ -12,7 +12,6 @@
 namespace systemtest {
 namespace {
 
-constexpr const char* kDateForm = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)";
 constexpr const char* kDaemonVariable = "OVARD_BINARY";
 
 std::string lastDateIn(const std::string& text) {
@@ -27,21 +26,6 @@ std::string lastDateIn(const std::string& text) {
 
 std::string withoutLineEnd(const std::string& text) {
     return !text.empty() && text.back() == '\n' ? text.substr(0, text.size() - 1) : text;
-}
-
-/// The lines of the daemon log from that number on. A killed process that takes its time to go is
-/// found, and stopped, once more.
-std::vector<LogText> linesFrom(std::size_t first) {
-    const std::vector<LogLine> all = daemonLog();
-    std::vector<LogText> texts;
-    for (std::size_t index = first; index < all.size(); ++index) {
-        const LogText line = {all[index].level, withoutDates(all[index].text)};
-        const bool isStop = line.text.find("] is stopped") != std::string::npos;
-        if (!isStop || texts.empty() || !(texts.back() == line)) {
-            texts.push_back(line);
-        }
-    }
-    return texts;
 }
 
 } // namespace
@@ -124,39 +108,6 @@ std::time_t timeOf(const std::string& date) {
     std::tm fields = {};
     const char* const end = ::strptime(date.c_str(), "%Y-%m-%d %H:%M:%S", &fields);
     return end != nullptr && *end == '\0' ? ::timegm(&fields) : -1;
-}
-
-std::string withoutDates(const std::string& text) {
-    static const std::regex form(kDateForm);
-    return std::regex_replace(text, form, "DATE");
-}
-
-bool operator==(const LogText& left, const LogText& right) {
-    return left.level == right.level && left.text == right.text;
-}
-
-std::ostream& operator<<(std::ostream& stream, const LogText& line) {
-    return stream << "level " << line.level << " \"" << line.text << "\"";
-}
-
-LogMark::LogMark()
-    : before_(daemonLog().size()) {}
-
-std::vector<LogText> LogMark::lines(std::size_t count, int timeoutMs) const {
-    std::vector<LogText> texts;
-    (void)eventually( // the caller looks at the lines
-        [&] {
-            texts = linesFrom(before_);
-            return texts.size() >= count;
-        },
-        timeoutMs);
-    return texts;
-}
-
-bool LogMark::has(const std::string& text) const {
-    const std::vector<LogText> all = lines(0);
-    return std::any_of(all.begin(), all.end(),
-                       [&](const LogText& line) { return line.text == text; });
 }
 
 LaunchReport waitForReport(const std::string& path, int timeoutMs) {

@@ -60,33 +60,6 @@ pid_t pidIn(const std::string& message);
 /// Seconds since the epoch of a date in UTC, "YYYY-MM-DD HH:MM:SS"; -1 when it is none.
 std::time_t timeOf(const std::string& date);
 
-/// Every date in the text replaced by "DATE".
-std::string withoutDates(const std::string& text);
-
-/// A line of the daemon log without what differs from run to run, the dates included.
-struct LogText {
-    int level = -1;
-    std::string text;
-};
-
-bool operator==(const LogText& left, const LogText& right);
-std::ostream& operator<<(std::ostream& stream, const LogText& line);
-
-/// The lines that the daemon log gets from now on.
-class LogMark {
-public:
-    LogMark();
-
-    /// Waits until there are that many lines and returns all, a stop told twice in a row only once.
-    std::vector<LogText> lines(std::size_t count, int timeoutMs = kPatienceMs) const;
-
-    /// There is a line with that text by now.
-    bool has(const std::string& text) const;
-
-private:
-    std::size_t before_;
-};
-
 /// The facts that the sample application reports, by their keys.
 using LaunchReport = std::map<std::string, std::string>;
 

@@ -100,6 +100,16 @@ bool Daemon::workersWait() const {
            });
 }
 
+bool Daemon::isReceiving() const {
+    std::set<std::string> sockets;
+    for (const auto& [number, target] : descriptorsOf(pid_)) {
+        if (target.compare(0, 7, "socket:") == 0 && !sockets.insert(target).second) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Finds the pid file, whole, and the process that it names.
 bool Daemon::learnPid() {
     const std::string base = pidFileBase();

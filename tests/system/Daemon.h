@@ -47,6 +47,10 @@ public:
     /// rightly stay in the queue until the next one.
     bool workersWait() const;
 
+    /// It receives from a client: two descriptors of that one's connection are open, which is never
+    /// so of another socket.
+    bool isReceiving() const;
+
     /// The monitor's pid, 0 before it is known. With -d it is known at once.
     pid_t pid() const { return pid_; }
 

@@ -246,14 +246,6 @@ protected:
         EXPECT_EQ(crowd.count(kNoReply), 0U);
     }
 
-    /// Has a request served behind who has come so far, until its connection is closed, which the
-    /// line in the log follows.
-    static void serveOne() {
-        const LogMark mark;
-        expectServing();
-        EXPECT_TRUE(eventually([&] { return mark.has("nobody is not found"); }));
-    }
-
     /// Whoever comes after those that wait in the queue of the socket is served.
     static void expectServingAfterTheQueue() {
         EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "nobody"), kLongestQueueMs),

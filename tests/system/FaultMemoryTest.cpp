@@ -156,18 +156,35 @@ protected:
         ASSERT_TRUE(setLimit(monitorPid_, resource, 4096));
     }
 
-    /// The monitor goes on, although there is no memory to execute another program. The entry of
-    /// that has no pid file and soon goes.
+    /// The monitor goes on, although there is no memory to execute another program.
     void expectEndured(const std::string& what) {
-        const Reply reply = askFor(makeStart("late"), kFailedLaunchMs);
-        const std::string pid = std::to_string(pidIn(reply.message));
-        EXPECT_EQ(reply, replyOf(0, "late [pid=" + pid + "] is started @DATE\n")) << what;
-        EXPECT_TRUE(processesNamed("late").empty()) << "there was memory";
+        expectLaunchThatComesToNothing(what);
         EXPECT_TRUE(publishes({"data_server"})) << what;
         for (int cycle = 0; cycle < 2; ++cycle) {
             expectAllIsWell(what);
         }
         expectLeftAlone(what);
+        EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{}) << what;
+    }
+
+private:
+    /// A start is answered like any other, and the next pass tells that there is no such process.
+    void expectLaunchThatComesToNothing(const std::string& what) {
+        const Reply reply = askFor(makeSupervised("late", kNoPolicy), kFailedLaunchMs);
+        const pid_t pid = pidIn(reply.message);
+        const std::string number = std::to_string(pid);
+        EXPECT_EQ(reply, replyOf(0, "late [pid=" + number + "] is started @DATE\n")) << what;
+        EXPECT_TRUE(processesNamed("late").empty()) << "there was memory";
+        const std::string failure =
+            verdict("late", pid, "start_time=DATE starting0 confirmed start failure");
+        EXPECT_TRUE(reaches(failure)) << what;
+        EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "late")),
+                  replyOf(0, "late is stopped @DATE\n"))
+            << what;
+        const std::vector<std::string> expected = {
+            "start_process: name=late  status=1 start_process_fork2=" + number, failure,
+            stoppedLine("late", pid)};
+        EXPECT_EQ(linesOn("late"), expected) << what;
     }
 };
 

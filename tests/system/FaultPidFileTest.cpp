@@ -1,5 +1,6 @@
 // Pid files that are no plain small files: an application's, and the monitor's own.
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,7 @@ TEST_F(FaultPidFile, RunningApplicationIsLeftAlone) {
     verdicts.push_back(verdict("data_server", pid_, "running0 confirmed pidfile, now running"));
     verdicts.push_back(verdict("data_server", pid_, "running, is alive"));
     EXPECT_EQ(verdictsOn("data_server"), verdicts);
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
     expectEnd("at the end");
 }
 
@@ -112,6 +114,28 @@ TEST_F(FaultPidFile, LinkToARightFileConfirms) {
     const pid_t pid = launch(request);
     ASSERT_TRUE(writeFile("/tmp/target", std::to_string(pid) + "\n1.0\n"));
     ASSERT_TRUE(runShell("ln -s /tmp/target " + kPidFile));
+    EXPECT_TRUE(getsRunning("data_server", pid));
+}
+
+/// A request names a pid file below a link that another user has put into /tmp.
+TEST_F(FaultPidFile, RightFileBehindALinkOfAnotherUserDoesNotConfirm) {
+    if (!AnotherUser::possible()) {
+        GTEST_SKIP() << "there are no other users here";
+    }
+    ASSERT_TRUE(startPublisher());
+    reqcmd request = makeSupervised("data_server", kNoPolicy, "--no-pidfile");
+    std::memset(request.pidfile, 0, sizeof request.pidfile);
+    std::string("/tmp/way/data_server.pid").copy(request.pidfile, sizeof request.pidfile);
+    const pid_t pid = launch(request);
+    ASSERT_TRUE(makeDirectories("/tmp/elsewhere"));
+    // The file comes last: until then the link is root's own for a moment.
+    ASSERT_TRUE(
+        runShell("ln -s elsewhere /tmp/way && chown -h " + AnotherUser().id() + " /tmp/way"));
+    ASSERT_TRUE(writeFile("/tmp/elsewhere/data_server.pid", std::to_string(pid) + "\n1.0\n"));
+    EXPECT_TRUE(reaches(verdict("data_server", pid, "starting0 unconfirmed pidfile, now running")));
+    ASSERT_TRUE(letACycleGoBy());
+    EXPECT_EQ(verdictsOn("data_server").size(), 1U);
+    ASSERT_TRUE(runShell("chown -h root /tmp/way"));
     EXPECT_TRUE(getsRunning("data_server", pid));
 }
 

@@ -16,9 +16,11 @@ TEST_F(FaultProc, HiddenProcessesUnderRoot) {
     const OwnMounts mounts(kHidden);
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     expectAllIsWell("hidden");
+    expectLeftAlone("hidden");
     ASSERT_TRUE(killAndWait(pid_));
     pid_ = replacementOf(request_, pid_);
     ASSERT_NE(pid_, 0);
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
     ASSERT_TRUE(startPublisher());
     EXPECT_EQ(publishedNames(), std::vector<std::string>{"data_server"}) << "taken over";
@@ -36,6 +38,7 @@ TEST_F(FaultProc, HiddenProcessesUnderAnotherUser) {
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     EXPECT_EQ(statusValue(pid_, "Uid").substr(0, user.id().size()), user.id());
     expectAllIsWell("hidden");
+    expectLeftAlone("hidden");
     ASSERT_TRUE(killAndWait(pid_));
     const pid_t old = pid_;
     pid_ = replacementOf(request_, old);
@@ -79,6 +82,7 @@ TEST_F(FaultProc, FolderThatVanishes) {
     ASSERT_TRUE(OwnMounts::change(monitorPid_, "mount --rbind /mnt /proc\n"));
     expectAllIsWell("with /proc again");
     expectLeftAlone("with /proc again");
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 

@@ -75,6 +75,12 @@ std::string SystemTest::installSampleAt(const std::string& path) {
     return path;
 }
 
+void SystemTest::serveOne() {
+    const LogMark mark;
+    EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_TRUE(eventually([&] { return mark.has("nobody is not found"); }));
+}
+
 std::string reasonToRefuse() {
     const char* const marker = std::getenv("OVARD_SANDBOX");
     if (marker == nullptr || std::string(marker) != "1") {

@@ -33,6 +33,10 @@ protected:
 
     /// Copies it to any other path.
     std::string installSampleAt(const std::string& path);
+
+    /// Has the monitor serve a request, and waits for the line that it logs once the connection is
+    /// closed. Then its main loop rests, for a second.
+    static void serveOne();
 };
 
 /// Why the tests must not run here; empty when they may.

@@ -99,7 +99,7 @@ TEST_F(Identification, ProgramInTheForegroundIsTakenAfterHalfAMinute) {
     EXPECT_EQ(reply, replyOf(0, "front [pid=" + std::to_string(launched) + "] is started @DATE\n"));
     EXPECT_TRUE(runsAlone("front", launched, "--foreground"));
     EXPECT_GE(tookMs, 29000);
-    EXPECT_LE(tookMs, 33000);
+    EXPECT_LE(tookMs, 36000); // each of its many looks takes a moment
 }
 
 // --- folders -------------------------------------------------------------------------------------

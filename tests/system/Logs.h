@@ -3,6 +3,7 @@
 #ifndef OVARD_TESTS_SYSTEM_LOGS_H
 #define OVARD_TESTS_SYSTEM_LOGS_H
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,36 @@ std::size_t countLog(int level, const std::string& text);
 
 /// Waits until the daemon log has that line.
 bool waitForLog(int level, const std::string& text, int timeoutMs = kPatienceMs);
+
+/// A date as the monitor writes it, "YYYY-MM-DD HH:MM:SS", as a regular expression.
+inline constexpr const char* kDateForm = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)";
+
+/// Every date in the text replaced by "DATE".
+std::string withoutDates(const std::string& text);
+
+/// A line of the daemon log without what differs from run to run, the dates included.
+struct LogText {
+    int level = -1;
+    std::string text;
+};
+
+bool operator==(const LogText& left, const LogText& right);
+std::ostream& operator<<(std::ostream& stream, const LogText& line);
+
+/// The lines that the daemon log gets from now on.
+class LogMark {
+public:
+    LogMark();
+
+    /// Waits until there are that many lines and returns all, a stop told twice in a row only once.
+    std::vector<LogText> lines(std::size_t count, int timeoutMs = kPatienceMs) const;
+
+    /// There is a line with that text by now.
+    bool has(const std::string& text) const;
+
+private:
+    std::size_t before_;
+};
 
 /// All lines of the event log; one without the right form has an empty tag and the whole line as
 /// its text.

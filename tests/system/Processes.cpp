@@ -213,6 +213,21 @@ std::string Ending::text() const {
     return exited ? "status " + std::to_string(status) : "signal " + std::to_string(signal);
 }
 
+Ending waitForChild(pid_t pid, int timeoutMs) {
+    const std::int64_t begin = monotonicMs();
+    int status = 0;
+    pid_t waited = 0;
+    Ending result;
+    result.ended =
+        eventually([&] { return (waited = ::waitpid(pid, &status, WNOHANG)) != 0; }, timeoutMs);
+    result.tookMs = monotonicMs() - begin;
+    result.statusKnown = waited == pid;
+    result.exited = result.statusKnown && WIFEXITED(status);
+    result.status = result.exited ? WEXITSTATUS(status) : 0;
+    result.signal = result.statusKnown && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    return result;
+}
+
 Program::~Program() {
     if (pid_ > 0 && !ending_.ended) {
         (void)sendSignal(pid_, SIGKILL); // it may have ended meanwhile
@@ -248,19 +263,8 @@ Ending Program::waitForEnd(int timeoutMs) {
     if (pid_ <= 0 || ending_.ended) {
         return ending_;
     }
-    const std::int64_t begin = monotonicMs();
-    int status = 0;
-    pid_t waited = 0;
-    const bool ended =
-        eventually([&] { return (waited = ::waitpid(pid_, &status, WNOHANG)) != 0; }, timeoutMs);
-    Ending result;
-    result.tookMs = monotonicMs() - begin;
-    if (ended) {
-        result.ended = true;
-        result.statusKnown = waited == pid_;
-        result.exited = result.statusKnown && WIFEXITED(status);
-        result.status = result.exited ? WEXITSTATUS(status) : 0;
-        result.signal = result.statusKnown && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    const Ending result = waitForChild(pid_, timeoutMs);
+    if (result.ended) {
         ending_ = result;
     }
     return result;

@@ -77,6 +77,9 @@ struct Ending {
     std::string text() const;
 };
 
+/// Waits for the end of a child of the test.
+Ending waitForChild(pid_t pid, int timeoutMs);
+
 /// A program started by a test, with its output in files. It is killed with the object.
 class Program {
 public:

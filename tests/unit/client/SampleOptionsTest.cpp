@@ -61,6 +61,7 @@ TEST_F(SampleOptions, ReadsEveryOptionAmongOtherWords) {
                        "--pidfile-after",
                        "2",
                        "--ignore-term",
+                       "--die-of-term",
                        "--heartbeat",
                        "3",
                        "--crash-after",
@@ -89,6 +90,7 @@ TEST_F(SampleOptions, ReadsEveryOptionAmongOtherWords) {
     EXPECT_EQ(options_.version, "2.0");
     EXPECT_EQ(options_.pidFileAfterMs, 2);
     EXPECT_TRUE(options_.ignoreTerm);
+    EXPECT_TRUE(options_.dieOfTerm);
     EXPECT_EQ(options_.heartbeatMs, 3);
     EXPECT_EQ(options_.crashAfterMs, 4);
     EXPECT_EQ(options_.exitAfterMs, 5);

@@ -20,6 +20,7 @@ bool endsWith(const std::string& text, const std::string& end) {
 
 constexpr std::pair<const char*, Skip::Kind> kKinds[] = {{"left-out", Skip::Kind::LeftOut},
                                                          {"needs-shell", Skip::Kind::NeedsShell},
+                                                         {"needs-root", Skip::Kind::NeedsRoot},
                                                          {"skips-itself", Skip::Kind::SkipsItself},
                                                          {"no-suite", Skip::Kind::NoSuite}};
 
@@ -48,6 +49,11 @@ bool isAbout(const Skip& skip, const std::string& test) {
     return test.compare(0, length, skip.name, 0, length) == 0;
 }
 
+/// Whether the machine, where root runs all tests, has what the test needs.
+bool isNoSkip(const Skip& skip, bool hasShell) {
+    return skip.kind == Skip::Kind::NeedsRoot || (skip.kind == Skip::Kind::NeedsShell && hasShell);
+}
+
 } // namespace
 
 std::vector<Skip> parseSkips(const std::string& text) {
@@ -63,13 +69,14 @@ std::vector<Skip> parseSkips(const std::string& text) {
 std::vector<Skip> applySkips(const std::vector<Skip>& skips, bool hasShell) {
     std::vector<Skip> applied;
     for (Skip skip : skips) {
-        if (skip.kind != Skip::Kind::NeedsShell) {
-            applied.push_back(skip);
-        } else if (!hasShell) {
+        if (isNoSkip(skip, hasShell)) {
+            continue;
+        }
+        if (skip.kind == Skip::Kind::NeedsShell) {
             skip.kind = Skip::Kind::LeftOut;
             skip.reason = "there is no shell; it " + skip.reason;
-            applied.push_back(skip);
         }
+        applied.push_back(skip);
     }
     return applied;
 }

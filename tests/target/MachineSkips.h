@@ -13,6 +13,7 @@ struct Skip {
     enum class Kind {
         LeftOut,     ///< is not started
         NeedsShell,  ///< is not started where the machine has no shell
+        NeedsRoot,   ///< is not started where another user runs it (tests/target/user-tests)
         SkipsItself, ///< finds out by itself
         NoSuite,     ///< is a test of CTest with no suite that could be started
     };
@@ -25,7 +26,8 @@ struct Skip {
 /// nothing.
 std::vector<Skip> parseSkips(const std::string& text);
 
-/// What that comes to: what needs a shell is left out where there is none, and no skip elsewhere.
+/// What that comes to on the machine: what needs a shell is left out where there is none, and no
+/// skip elsewhere; what needs root is no skip, since that is who runs the tests.
 std::vector<Skip> applySkips(const std::vector<Skip>& skips, bool hasShell);
 
 /// The names of one kind.

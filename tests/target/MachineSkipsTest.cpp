@@ -91,6 +91,16 @@ TEST(MachineSkips, LeaveOutWhatNeedsAShellOnlyWhereThereIsNone) {
     EXPECT_EQ(describe(applied[2]), "expected to skip itself: Publishing.Application: no IPv6");
 }
 
+TEST(MachineSkips, DoWhatNeedsRoot) {
+    for (const bool hasShell : {false, true}) {
+        EXPECT_THAT(applySkips(parseSkips("needs-root Lease.* gives files away\n"), hasShell),
+                    IsEmpty());
+    }
+    EXPECT_EQ(complaintAbout("needs-root Lease.* gives files away\n", kTests), "");
+    EXPECT_EQ(complaintAbout("needs-root Lease.Gone why\n", kTests),
+              "a skip that names no test: Lease.Gone");
+}
+
 TEST(MachineSkips, SayWhatIsNoSuiteAndLeaveTheSuitesAlone) {
     const std::string list = "no-suite packaging.* installs packages\n";
     for (const bool hasShell : {false, true}) {

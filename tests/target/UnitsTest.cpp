@@ -50,7 +50,7 @@ std::string runToSuccess(const std::string& path, const std::vector<std::string>
 
 /// A line of the list of programs, "WHERE PROGRAM".
 struct UnitProgram {
-    std::string where;
+    std::string where; ///< "anywhere" or "sandbox"
     std::string name;
 };
 
@@ -89,6 +89,8 @@ TEST(Units, Pass) {
     std::vector<std::string> tests;
     std::vector<std::string> skipped;
     for (const UnitProgram& program : programs) {
+        ASSERT_THAT(program.where, testing::AnyOf("anywhere", "sandbox")) << program.name;
+        ASSERT_NE(program.name, "") << program.where;
         append(tests, parseTestList(runToSuccess(program, "--gtest_list_tests")));
         const SuiteLog log = parseSuiteLog(runToSuccess(program, filterFor("*", skips)));
         EXPECT_GT(log.passed, 0) << program.name;

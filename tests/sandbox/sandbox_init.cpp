@@ -46,15 +46,20 @@ struct Options {
     char** command = nullptr;
 };
 
-[[noreturn]] void fail(const char* what) {
-    const int error = errno;
-    (void)std::fprintf(stderr, "sandbox: process 1: %s: %s\n", what, std::strerror(error));
+/// Says what is wrong, as process 1 or as who runs outside, and ends this process.
+[[noreturn]] void giveUp(const std::string& message) {
+    const char* const speaker = getpid() == 1 ? "sandbox: process 1" : "sandbox";
+    (void)std::fprintf(stderr, "%s: %s\n", speaker, message.c_str());
     _exit(kSetupFailed);
 }
 
+[[noreturn]] void fail(const char* what) {
+    const char* const reason = std::strerror(errno);
+    giveUp(std::string(what) + ": " + reason);
+}
+
 [[noreturn]] void failUsage() {
-    (void)std::fputs("sandbox: process 1: this is started by scripts/sandbox only\n", stderr);
-    _exit(kSetupFailed);
+    giveUp("this is started by scripts/sandbox only");
 }
 
 int parseDescriptor(const char* text) {
@@ -232,8 +237,7 @@ int serve(const Options& options, int signalFd, int logSocket, int logFile, pid_
 
 int runSandbox(const Options& options) {
     if (getpid() != 1) {
-        (void)std::fputs("sandbox: process 1: this is not a new pid namespace\n", stderr);
-        return kSetupFailed;
+        giveUp("this is not a new pid namespace");
     }
     (void)prctl(PR_SET_NAME, "sandbox_init"); // started by descriptor, it would be called a number
     (void)close(options.programFd);
@@ -271,8 +275,9 @@ int takeTerminal() {
 
 /// Starts a command that leads inside. A signal to the whole group, as timeout(1) sends it, does
 /// not end the caller from then on, nor unshare, which blocks the same ones: the script hands it
-/// on, and then waits for both.
+/// on, and then waits for both. Where SIGCHLD is ignored neither would learn how its child ended.
 pid_t startHeldCommand(char** command) {
+    (void)std::signal(SIGCHLD, SIG_DFL);
     sigset_t signals;
     sigset_t before;
     sigemptyset(&signals);
@@ -295,7 +300,7 @@ int awaitChild(pid_t child) {
     int status = 0;
     while (waitpid(child, &status, 0) == -1) {
         if (errno != EINTR) {
-            fail("wait"); // nobody learns the status where SIGCHLD is ignored
+            fail("wait");
         }
     }
     return exitStatus(status);

@@ -20,7 +20,7 @@ mark_copy() {
         : >"$2/$copy_mark"
         return
     fi
-    printf 'FAILED: %s is neither empty nor a copy, which has %s\n' "$2" "$copy_mark" >&2
+    printf 'FAILED: %s is neither empty nor a copy, which has %s: remove it\n' "$2" "$copy_mark" >&2
     return 1
 }
 

@@ -61,7 +61,7 @@ bool AppManager::queueRequest(const reqcmd& request) {
 }
 
 int AppManager::notify() {
-    queue_lock.lock();
+    (void)queue_lock.lock(); // If it was refused, so is the unlock.
     for (int attempt = 0; attempt < kSignalAttempts; ++attempt) {
         if (pthread_cond_signal(&queue_cond) == 0) {
             break;

@@ -37,9 +37,7 @@ public:
         if (!isHeldByCaller()) {
             return EPERM;
         }
-        if (--depth_ == 0) {
-            setOwner(kNobody);
-        }
+        noteUnlocked();
         return pthread_mutex_unlock(&mutex_);
     }
 
@@ -49,9 +47,9 @@ public:
         }
     }
 
-    /// Waits for `condition`, which releases the mutex meanwhile; the caller holds it once. Returns
-    /// the result of waiting. A cancellation point: a cancelled thread holds it again when it
-    /// unwinds.
+    /// Waits for `condition`, which unlocks the mutex once meanwhile; the caller holds it just
+    /// once, or nobody else could lock it. Returns the result of waiting. A cancellation point: a
+    /// cancelled thread holds it again when it unwinds.
     int waitFor(pthread_cond_t& condition) {
         const Absence absence(*this);
         return pthread_cond_wait(&condition, &mutex_);
@@ -63,25 +61,19 @@ public:
 private:
     static constexpr pthread_t kNobody = 0;
 
-    /// The time in which others may hold the mutex of who waits.
+    /// The time in which the system has unlocked the mutex once for who waits.
     class Absence {
     public:
         explicit Absence(RecursiveMutex& mutex)
-            : mutex_(mutex)
-            , depth_(mutex.depth_) {
-            mutex_.depth_ = 0;
-            mutex_.setOwner(kNobody);
+            : mutex_(mutex) {
+            mutex_.noteUnlocked();
         }
-        ~Absence() {
-            mutex_.depth_ = depth_;
-            mutex_.setOwner(pthread_self());
-        }
+        ~Absence() { mutex_.noteLocked(); }
         Absence(const Absence&) = delete;
         Absence& operator=(const Absence&) = delete;
 
     private:
         RecursiveMutex& mutex_;
-        const int depth_;
     };
 
     bool isHeldByCaller() const { return owner_.load(std::memory_order_relaxed) == pthread_self(); }
@@ -89,16 +81,28 @@ private:
 
     int noteResult(int result) {
         if (result == 0) {
-            ++depth_;
-            setOwner(pthread_self());
+            noteLocked();
         }
         return result;
+    }
+
+    void noteLocked() {
+        ++depth_;
+        setOwner(pthread_self());
+    }
+
+    /// Before the system unlocks it once.
+    void noteUnlocked() {
+        if (--depth_ == 0) {
+            setOwner(kNobody);
+        }
     }
 
     pthread_mutex_t mutex_ = {};
     int depth_ = 0; // guarded by mutex_
     // Written by who holds mutex_. Only a thread itself ever writes its own id, so one that does
-    // not hold it never reads that, in whichever order it sees the others write.
+    // not hold it never reads that, in whichever order it sees the others write. No thread may end
+    // while it holds mutex_: a later one can get the same id.
     std::atomic<pthread_t> owner_{kNobody};
 };
 

@@ -21,8 +21,8 @@ UniqueFd openPlainFileAt(int directory, const char* path, int flags, mode_t mode
 UniqueFd openPlainFile(const char* path, int flags, mode_t mode, struct stat& facts);
 
 /// openPlainFile for reading, where somebody else may have put a link on the way: by the rules of
-/// findNamedPlace. Kernels from 5.6 on open a path without links in one call; before them, each
-/// folder on the way takes its own.
+/// findNamedPlace. On kernels from 5.6 on one call opens a path without links; every other path is
+/// opened folder by folder.
 UniqueFd openNamedPlainFile(const char* path, struct stat& facts);
 
 /// Opens the folder that holds the last component of `path`, for openFileAt. Folders that are

@@ -19,6 +19,7 @@
 #include "tests/unit/appmanager/IntakeSupport.h"
 #include "tests/unit/appmanager/RequestSupport.h"
 #include "tests/unit/support/FaultyThreads.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -233,7 +234,7 @@ TEST_F(CommandThreadTest, CancelledInItsWaitLeavesTheQueueUnlocked) {
     startThread();
     Access::cancelCommandThread(manager_);
     EXPECT_TRUE(fakes::waitForWorkersToEnd());
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::queueLock(manager_)));
     EXPECT_EQ(Access::commandThread(manager_), 0U);
     EXPECT_TRUE(manager_.commandThreadHasLeft());
 }
@@ -277,8 +278,7 @@ protected:
     /// Waits until the command thread has begun its wait number `count` and released the queue.
     bool reachesWait(std::size_t count) {
         return fakes::waitUntil([this, count] {
-            return world().count("condWait") == count &&
-                   !requests::isHeld(Access::queueLock(manager_));
+            return world().count("condWait") == count && locks::isFree(Access::queueLock(manager_));
         });
     }
 

@@ -1,5 +1,3 @@
-#include <pthread.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -167,11 +165,11 @@ TEST_F(StartAppTest, DoesNotHoldTheRegistryWhileTheLaunchWaits) {
 
 TEST_F(StartAppTest, WaitsForTheRegistryBeforeItAppends) {
     scriptLaunch(801);
-    Access::appLock(manager_).lock();
+    EXPECT_EQ(Access::appLock(manager_).lock(), 0);
     std::thread starter([this] { EXPECT_EQ(start("/bin/app"), 0); });
     EXPECT_TRUE(fakes::waitUntil([] { return !world().logTexts(kLevelInfo).empty(); }));
     EXPECT_THAT(applist, IsEmpty());
-    (void)Access::appLock(manager_).unlock();
+    EXPECT_EQ(Access::appLock(manager_).unlock(), 0);
     starter.join();
     EXPECT_THAT(registeredNames(), ElementsAre("app"));
 }

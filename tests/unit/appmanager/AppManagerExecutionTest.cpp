@@ -12,6 +12,7 @@
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/IntakeSupport.h"
 #include "tests/unit/appmanager/RequestSupport.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -105,7 +106,7 @@ protected:
     void cancelDuringTheStop(const reqcmd& request) {
         world().onSleep = [this](int) {
             if (!fakes::onMainThread()) {
-                lockHeld_ = lockHeld_ || requests::isHeld(Access::appLock(manager_));
+                lockHeld_ = lockHeld_ || !locks::isFree(Access::appLock(manager_));
                 sleeping_ = true;
                 EXPECT_TRUE(fakes::waitUntil([this] { return cancelled_.load(); }));
             }
@@ -126,8 +127,8 @@ protected:
 TEST_F(CancelledStopTest, ReleasesTheRegistryAndLeavesItAsItWas) {
     applist.push_back(requests::makeLostApp("app", 700));
     cancelDuringTheStop(makeRequest(APPMONCTL_Stop, "app"));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::queueLock(manager_)));
     EXPECT_TRUE(manager_.commandThreadHasLeft());
     EXPECT_THAT(requests::registeredNames(), ElementsAre("app"));
     EXPECT_THAT(requests::replies(), IsEmpty());
@@ -137,7 +138,7 @@ TEST_F(CancelledStopTest, ReleasesTheRegistryInAStopOfAll) {
     applist.push_back(requests::makeApp("one", 0));
     applist.push_back(requests::makeLostApp("two", 700));
     cancelDuringTheStop(makeRequest(APPMONCTL_Stop_All));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
     EXPECT_THAT(requests::registeredNames(), ElementsAre("one", "two"));
     EXPECT_THAT(requests::replies(), IsEmpty());
 }
@@ -147,7 +148,7 @@ TEST_F(CancelledStopTest, ReleasesTheRegistryInARestartOfAll) {
     applist.push_back(requests::makeApp("one", 700));
     applist.push_back(requests::makeApp("two", 0));
     cancelDuringTheStop(makeRequest(APPMONCTL_Restart_All));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
     EXPECT_THAT(applist, SizeIs(2));
     EXPECT_EQ(world().count("fork"), 0U);
 }

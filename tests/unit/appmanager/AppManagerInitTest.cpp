@@ -16,6 +16,7 @@
 #include "tests/unit/appmanager/IntakeSupport.h"
 #include "tests/unit/appmanager/RequestSupport.h"
 #include "tests/unit/support/FaultyThreads.h"
+#include "tests/unit/support/LockState.h"
 #include "tests/unit/support/ScriptedInit.h"
 
 namespace {
@@ -53,10 +54,9 @@ TEST_F(AppManagerInitTest, WithDiscoverySucceedsToo) {
 
 TEST_F(AppManagerInitTest, LeavesBothLocksFree) {
     ASSERT_EQ(manager_.init(true), 0);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
     // The command thread holds it for a moment on its way to the wait.
-    EXPECT_TRUE(
-        fakes::waitUntil([this] { return !requests::isHeld(Access::queueLock(manager_)); }));
+    EXPECT_TRUE(fakes::waitUntil([this] { return locks::isFree(Access::queueLock(manager_)); }));
 }
 
 TEST_F(AppManagerInitTest, PrintsNothingWhenAllGoesWell) {
@@ -91,7 +91,7 @@ TEST_F(AppManagerInitTest, WithoutASocketEndsTheMonitorBeforeAnyThread) {
     EXPECT_THROW(manager_.init(false), fakes::ExitMonitorCalled);
     EXPECT_THAT(world().calls, Contains("exitMonitor 1"));
     EXPECT_EQ(world().count("thread"), 0U);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
 }
 
 TEST_F(AppManagerInitTest, SecondInitReplacesTheCommandThread) {
@@ -199,13 +199,13 @@ TEST_P(SharedMemoryInitTest, GetsTheRegistryAndTheDiscoveryFlagWithTheRegistryLo
         ++calls;
         EXPECT_EQ(&list, &applist);
         EXPECT_EQ(discover, GetParam());
-        EXPECT_TRUE(requests::isHeld(Access::appLock(manager_)));
-        EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+        EXPECT_FALSE(locks::isFree(Access::appLock(manager_)));
+        EXPECT_TRUE(locks::isFree(Access::queueLock(manager_)));
         return 0;
     };
     EXPECT_EQ(manager_.init(GetParam()), 0);
     EXPECT_EQ(calls, 1);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Discovery, SharedMemoryInitTest, testing::Bool());
@@ -235,7 +235,7 @@ TEST_F(SharedMemoryInitTest, ExceptionIsSwallowedAndTheRegistryReleased) {
     verbose = 9;
     init_.initUserShm = throwing(std::runtime_error("no memory"));
     EXPECT_EQ(manager_.init(false), 0);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
     EXPECT_NE(Access::commandThread(manager_), 0U);
     EXPECT_THAT(logLines(), ElementsAre(Line{kLevelInfo, "App monitor started"}));
     EXPECT_EQ(world().errorText(), "");
@@ -244,7 +244,7 @@ TEST_F(SharedMemoryInitTest, ExceptionIsSwallowedAndTheRegistryReleased) {
 TEST_F(SharedMemoryInitTest, ThrownValueOfAnyKindIsSwallowedToo) {
     init_.initUserShm = throwing(42);
     EXPECT_EQ(manager_.init(false), 0);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
     manager_.processRequest(makeRequest(APPMONCTL_Stop, "app"));
     EXPECT_TRUE(intake::wakeUntil(manager_, [] { return !requests::replies().empty(); }));
 }
@@ -283,7 +283,7 @@ TEST_P(SocketInitTest, NoThreadIsMadeAfterAFailure) {
     EXPECT_EQ(manager_.init(false), -1);
     EXPECT_EQ(world().count("thread"), 0U);
     EXPECT_EQ(Access::commandThread(manager_), 0U);
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
 }
 
 TEST_P(SocketInitTest, FailureLeavesTheOldThreadAtWork) {

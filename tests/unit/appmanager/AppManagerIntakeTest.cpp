@@ -1,5 +1,3 @@
-#include <pthread.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstddef>
@@ -18,6 +16,7 @@
 #include "tests/unit/appmanager/IntakeSupport.h"
 #include "tests/unit/appmanager/RequestSupport.h"
 #include "tests/unit/support/FaultyThreads.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -196,14 +195,14 @@ TEST_F(AppManagerClientIntakeTest, AnotherOneWithoutMemoryLeavesTheConnectionOpe
 
 TEST_F(AppManagerIntakeTest, LeavesBothLocksFree) {
     queue("app");
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
-    EXPECT_FALSE(requests::isHeld(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::queueLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
 }
 
 TEST_F(AppManagerIntakeTest, NeedsNoRegistryLock) {
-    Access::appLock(manager_).lock();
+    EXPECT_EQ(Access::appLock(manager_).lock(), 0);
     std::thread([this] { queue("app"); }).join();
-    (void)Access::appLock(manager_).unlock();
+    EXPECT_EQ(Access::appLock(manager_).unlock(), 0);
     EXPECT_THAT(Access::queue(manager_), SizeIs(1));
 }
 
@@ -211,13 +210,13 @@ TEST_F(AppManagerIntakeTest, NeedsNoRegistryLock) {
 
 TEST_F(AppManagerIntakeTest, NotifyReturnsTheResultOfUnlocking) {
     EXPECT_EQ(manager_.notify(), 0);
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::queueLock(manager_)));
 }
 
 TEST_F(AppManagerIntakeTest, NotifyKeepsWhatItsCallerHolds) {
-    Access::queueLock(manager_).lock();
+    EXPECT_EQ(Access::queueLock(manager_).lock(), 0);
     EXPECT_EQ(manager_.notify(), 0);
-    EXPECT_TRUE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_FALSE(locks::isFree(Access::queueLock(manager_)));
     EXPECT_EQ(Access::queueLock(manager_).unlock(), 0);
 }
 
@@ -230,7 +229,7 @@ TEST_F(AppManagerIntakeTest, NotifySignalsWithTheQueueLocked) {
     const faults::FaultyThreads threads;
     bool held = false;
     world().onCall = [&](const std::string& call) {
-        held = call == "condSignal" && requests::isHeld(Access::queueLock(manager_));
+        held = call == "condSignal" && !locks::isFree(Access::queueLock(manager_));
     };
     EXPECT_EQ(manager_.notify(), 0);
     world().onCall = nullptr;
@@ -267,7 +266,7 @@ protected:
 TEST_P(FailingSignalTest, NotifyTriesThreeTimesAndYieldsAfterEachFailure) {
     EXPECT_EQ(manager_.notify(), 0);
     EXPECT_THAT(world().calls, ElementsAreArray(GetParam().calls));
-    EXPECT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::queueLock(manager_)));
 }
 
 TEST_P(FailingSignalTest, RequestIsTakenAllTheSame) {
@@ -316,9 +315,7 @@ TEST_F(AppManagerIntakeTest, YieldsAfterEveryRequest) {
 
 TEST_F(AppManagerIntakeTest, ExecutesWithTheQueueUnlocked) {
     bool held = true;
-    manager_.onExecute = [&](const reqcmd&) {
-        held = requests::isHeld(Access::queueLock(manager_));
-    };
+    manager_.onExecute = [&](const reqcmd&) { held = !locks::isFree(Access::queueLock(manager_)); };
     queue("one");
     EXPECT_TRUE(Access::drainQueue(manager_));
     EXPECT_FALSE(held);

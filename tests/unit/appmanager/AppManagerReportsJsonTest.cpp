@@ -1,6 +1,5 @@
 // The JSON status file.
 
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,7 +22,7 @@
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/ReportSupport.h"
-#include "tests/unit/appmanager/RequestSupport.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -75,7 +74,7 @@ protected:
         return text.substr(head, text.size() - head - tail);
     }
 
-    bool registryIsFree() { return !requests::isHeld(Access::appLock(manager_)); }
+    bool registryIsFree() { return locks::isFree(Access::appLock(manager_)); }
 
     FixtureManager manager_;
     std::string folder_;
@@ -262,7 +261,7 @@ TEST_F(JsonFileTest, IsSilentAtVerbositySeven) {
 
 /// The rows are made once the registry is free.
 TEST_F(JsonFileTest, WaitsForTheRegistry) {
-    Access::appLock(manager_).lock();
+    EXPECT_EQ(Access::appLock(manager_).lock(), 0);
     std::atomic<bool> done{false};
     std::thread writer([&] {
         update();
@@ -273,7 +272,7 @@ TEST_F(JsonFileTest, WaitsForTheRegistry) {
     ::usleep(20000);
     EXPECT_FALSE(done);
     applist.push_back(makeRecord("late"));
-    (void)Access::appLock(manager_).unlock();
+    EXPECT_EQ(Access::appLock(manager_).unlock(), 0);
     writer.join();
     EXPECT_THAT(content(), testing::HasSubstr("\"late\""));
     EXPECT_TRUE(registryIsFree());
@@ -281,10 +280,10 @@ TEST_F(JsonFileTest, WaitsForTheRegistry) {
 
 TEST_F(JsonFileTest, MayBeAskedForWithTheRegistryHeld) {
     applist.push_back(makeRecord());
-    Access::appLock(manager_).lock();
+    EXPECT_EQ(Access::appLock(manager_).lock(), 0);
     EXPECT_NE(rows(), "");
     EXPECT_FALSE(registryIsFree());
-    (void)Access::appLock(manager_).unlock();
+    EXPECT_EQ(Access::appLock(manager_).unlock(), 0);
     EXPECT_TRUE(registryIsFree());
 }
 

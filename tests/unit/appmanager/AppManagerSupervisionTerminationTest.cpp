@@ -1,7 +1,5 @@
 // The supervision pass of a monitor that is asked to end: applications outlive it.
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "appmanager/AppManager.h"
+#include "platform/RecursiveMutex.h"
 #include "records/codes.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/SupervisionFixture.h"
@@ -25,10 +24,10 @@ class Holder {
 public:
     explicit Holder(platform::RecursiveMutex& lock)
         : thread_([this, &lock] {
-            lock.lock();
+            EXPECT_EQ(lock.lock(), 0);
             locked_ = true;
             (void)fakes::waitUntil([this] { return done_.load(); });
-            (void)lock.unlock();
+            EXPECT_EQ(lock.unlock(), 0);
         }) {
         EXPECT_TRUE(fakes::waitUntil([this] { return locked_.load(); }));
     }

@@ -226,11 +226,11 @@ TEST_F(SupervisionTest, PassWaitsForTheRegistry) {
     std::atomic<bool> locked{false};
     std::atomic<bool> released{false};
     std::thread holder([&] {
-        Access::appLock(manager_).lock();
+        EXPECT_EQ(Access::appLock(manager_).lock(), 0);
         locked = true;
         ::usleep(5000);
         released = true;
-        (void)Access::appLock(manager_).unlock();
+        EXPECT_EQ(Access::appLock(manager_).unlock(), 0);
     });
     ASSERT_TRUE(fakes::waitUntil([&] { return locked.load(); }));
     onceCalled("yield", [&] { EXPECT_TRUE(released); });

@@ -18,6 +18,7 @@
 #include "tests/unit/appmanager/RequestSupport.h"
 #include "tests/unit/support/FaultyThreads.h"
 #include "tests/unit/support/HangingManager.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -77,9 +78,9 @@ TEST_F(AppManagerTerminationTest, MayRunAnyNumberOfTimes) {
 TEST_F(AppManagerTerminationTest, UnlocksWhatItsCallerHolds) {
     ASSERT_EQ(manager_.init(false), 0);
     for (int count = 0; count < 3; ++count) {
-        Access::appLock(manager_).lock();
+        EXPECT_EQ(Access::appLock(manager_).lock(), 0);
     }
-    Access::queueLock(manager_).lock();
+    EXPECT_EQ(Access::queueLock(manager_).lock(), 0);
     manager_.processTermination(&manager_);
     EXPECT_TRUE(manager_.commandThreadHasLeft());
     EXPECT_TRUE(fakes::waitForWorkersToEnd());
@@ -88,7 +89,7 @@ TEST_F(AppManagerTerminationTest, UnlocksWhatItsCallerHolds) {
 TEST_F(AppManagerTerminationTest, FreesACommandThatWaitsForWhatItsCallerHolds) {
     ASSERT_EQ(manager_.init(false), 0);
     applist.push_back(requests::makeApp("app", 0));
-    Access::appLock(manager_).lock();
+    EXPECT_EQ(Access::appLock(manager_).lock(), 0);
     manager_.processRequest(makeRequest(APPMONCTL_Stop, "app"));
     ASSERT_TRUE(fakes::waitUntil([this] {
         (void)manager_.notify();
@@ -222,8 +223,8 @@ TEST_F(HangingThreadTest, IsWaitedForThreeSecondsAndKeepsWhatItCanTouch) {
     manager_.processTermination(&manager_);
     EXPECT_EQ(world().monotonicMs, start + 3000);
     EXPECT_FALSE(manager_.commandThreadHasLeft());
-    EXPECT_TRUE(isUsable(Access::appLock(manager_)));
-    EXPECT_TRUE(isUsable(Access::queueLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::appLock(manager_)));
+    EXPECT_TRUE(locks::isFree(Access::queueLock(manager_)));
     EXPECT_THAT(Access::queue(manager_), SizeIs(1));
 
     manager_.letGo();

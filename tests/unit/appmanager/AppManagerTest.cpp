@@ -1,7 +1,5 @@
 #include "appmanager/AppManager.h"
 
-#include <pthread.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -13,10 +11,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/RecursiveMutex.h"
 #include "platform/Settings.h"
+#include "records/codes.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
-#include "tests/unit/appmanager/RequestSupport.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -115,11 +115,11 @@ TEST_F(AppManagerTest, BothLocksAreRecursive) {
          {&Access::appLock(manager_), &Access::queueLock(manager_)}) {
         ASSERT_EQ(mutex->lockIfFree(), 0);
         ASSERT_EQ(mutex->lockIfFree(), 0);
-        EXPECT_TRUE(requests::isHeld(*mutex));
+        EXPECT_FALSE(locks::isFree(*mutex));
         EXPECT_EQ(mutex->unlock(), 0);
-        EXPECT_TRUE(requests::isHeld(*mutex));
+        EXPECT_FALSE(locks::isFree(*mutex));
         EXPECT_EQ(mutex->unlock(), 0);
-        EXPECT_FALSE(requests::isHeld(*mutex));
+        EXPECT_TRUE(locks::isFree(*mutex));
     }
 }
 

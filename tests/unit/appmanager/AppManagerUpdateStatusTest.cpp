@@ -1,7 +1,5 @@
 // The publishing of the registry after a supervision pass.
 
-#include <pthread.h>
-
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -121,7 +119,7 @@ TEST_F(UpdateStatusTest, GivesTheResultOfUnlocking) {
     addRunning();
     EXPECT_EQ(manager_.updateStatus(), 0);
     EXPECT_FALSE(registryIsHeld());
-    Access::appLock(manager_).lock(); // the lock is recursive
+    EXPECT_EQ(Access::appLock(manager_).lock(), 0); // the lock is recursive
     EXPECT_EQ(manager_.updateStatus(), 0);
     EXPECT_TRUE(registryIsHeld());
     EXPECT_EQ(Access::appLock(manager_).unlock(), 0);

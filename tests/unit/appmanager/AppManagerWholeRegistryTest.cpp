@@ -1,5 +1,3 @@
-#include <pthread.h>
-
 #include <csignal>
 #include <cstddef>
 #include <cstring>
@@ -10,11 +8,12 @@
 #include <gtest/gtest.h>
 
 #include "appmanager/AppManager.h"
+#include "platform/RecursiveMutex.h"
 #include "records/codes.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
-#include "tests/unit/appmanager/RequestSupport.h"
 #include "tests/unit/appmanager/StopFixture.h"
+#include "tests/unit/support/LockState.h"
 
 namespace stops {
 namespace {
@@ -77,7 +76,7 @@ protected:
         }
     }
 
-    bool registryIsHeld() { return isHeld(AppManagerTestAccess::appLock(manager_)); }
+    bool registryIsHeld() { return !locks::isFree(AppManagerTestAccess::appLock(manager_)); }
 
     FixtureManager manager_;
     std::vector<appinfo> before_;
@@ -361,7 +360,7 @@ TEST_F(WholeRegistryTest, RestartAllEndsEarlyWhenTheMonitorIsAskedToEnd) {
 TEST_F(WholeRegistryTest, LockMayBeHeldByTheCallerAlready) {
     registerApps(2);
     platform::RecursiveMutex& lock = AppManagerTestAccess::appLock(manager_);
-    lock.lock();
+    EXPECT_EQ(lock.lock(), 0);
     EXPECT_EQ(manager_.stop_allprocess(), 0);
     scriptLaunches(2);
     EXPECT_EQ(manager_.start_allprocess(), 0);

@@ -4,8 +4,6 @@
 #ifndef OVARD_TESTS_UNIT_APPMANAGER_COMMAND_FIXTURE_H
 #define OVARD_TESTS_UNIT_APPMANAGER_COMMAND_FIXTURE_H
 
-#include <pthread.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -23,6 +21,7 @@
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/IntakeSupport.h"
 #include "tests/unit/appmanager/RequestSupport.h"
+#include "tests/unit/support/LockState.h"
 
 namespace commands {
 
@@ -100,12 +99,12 @@ protected:
     /// registers `app`, running, and releases the registry.
     int processWhileRegistering(int action, const appinfo& app) {
         int result = kNoResult;
-        Access::appLock(manager_).lock();
+        EXPECT_EQ(Access::appLock(manager_).lock(), 0);
         std::thread commander([&] { result = process(action); });
         EXPECT_TRUE(fakes::waitUntil([] { return !world().logTexts(kLevelDebug).empty(); }));
         EXPECT_TRUE(intake::keeps([] { return replies().empty(); }));
         addRunning(app);
-        (void)Access::appLock(manager_).unlock();
+        EXPECT_EQ(Access::appLock(manager_).unlock(), 0);
         commander.join();
         return result;
     }
@@ -181,7 +180,7 @@ protected:
         EXPECT_EQ(world().count("send"), 0U);
     }
 
-    bool registryIsHeld() { return requests::isHeld(Access::appLock(manager_)); }
+    bool registryIsHeld() { return !locks::isFree(Access::appLock(manager_)); }
 
     /// For hooks: the registry is held whenever one runs.
     void lookAtTheHeldRegistry() {

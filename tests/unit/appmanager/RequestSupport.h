@@ -16,7 +16,6 @@
 #include "records/reqcmd.h"
 #include "records/response_struct.h"
 #include "tests/fakes/FakePlatform.h"
-#include "tests/unit/support/LockState.h"
 
 namespace requests {
 
@@ -97,11 +96,6 @@ inline std::vector<std::string> registeredNames() {
         names.emplace_back(platform::fieldText(app.name));
     }
     return names;
-}
-
-/// Whether a thread other than a new one holds `mutex`.
-inline bool isHeld(platform::RecursiveMutex& mutex) {
-    return !locks::isFree(mutex);
 }
 
 } // namespace requests

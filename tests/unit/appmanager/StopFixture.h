@@ -27,7 +27,6 @@ namespace stops {
 // What nearly all of these tests name.
 using fakes::world;
 using levels::kLevelInfo;
-using requests::isHeld;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

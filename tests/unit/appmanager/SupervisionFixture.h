@@ -21,6 +21,7 @@
 #include "tests/unit/LogLevels.h"
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/RequestSupport.h"
+#include "tests/unit/support/LockState.h"
 
 namespace supervision {
 
@@ -28,7 +29,6 @@ namespace supervision {
 using Access = AppManagerTestAccess;
 using fakes::world;
 using levels::kLevelInfo;
-using requests::isHeld;
 using requests::Line;
 using requests::logLines;
 using requests::registeredNames;
@@ -100,7 +100,7 @@ protected:
         };
     }
 
-    bool registryIsHeld() { return isHeld(Access::appLock(manager_)); }
+    bool registryIsHeld() { return !locks::isFree(Access::appLock(manager_)); }
 
     /// Pids that were looked at, in order.
     static Texts probes() { return world().callsOf("probe"); }

@@ -23,6 +23,7 @@
 #include "tests/unit/appmanager/AppManagerTestAccess.h"
 #include "tests/unit/appmanager/RequestSupport.h"
 #include "tests/unit/hostile/RandomRequests.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -255,8 +256,8 @@ protected:
         ASSERT_TRUE(Access::queue(manager_).empty());
         ASSERT_EQ(world().liveBlocks(), 0U);
         ASSERT_EQ(world().foreignReleases, 0);
-        ASSERT_FALSE(requests::isHeld(Access::appLock(manager_)));
-        ASSERT_FALSE(requests::isHeld(Access::queueLock(manager_)));
+        ASSERT_TRUE(locks::isFree(Access::appLock(manager_)));
+        ASSERT_TRUE(locks::isFree(Access::queueLock(manager_)));
         ASSERT_FALSE(Access::shuttingDown(manager_));
         ASSERT_LT(applist.size(), 10 * kManyApps);
         // Entries may be nameless, so the registry need not be empty for the next.

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "RefusedLocks.h"
 #include "tests/unit/support/LockState.h"
 
 namespace {
@@ -19,7 +20,7 @@ using platform::RecursiveMutex;
 TEST(RecursiveMutex, IsFreeOnceItWasUnlockedAsOftenAsLocked) {
     RecursiveMutex mutex;
     EXPECT_TRUE(isFree(mutex));
-    mutex.lock();
+    EXPECT_EQ(mutex.lock(), 0);
     EXPECT_EQ(mutex.lockIfFree(), 0);
     EXPECT_FALSE(isFree(mutex));
     EXPECT_EQ(mutex.unlock(), 0);
@@ -32,7 +33,7 @@ TEST(RecursiveMutex, IsFreeOnceItWasUnlockedAsOftenAsLocked) {
 TEST(RecursiveMutex, IsNotUnlockedByWhoDoesNotHoldIt) {
     RecursiveMutex mutex;
     EXPECT_EQ(mutex.unlock(), EPERM);
-    mutex.lock();
+    EXPECT_EQ(mutex.lock(), 0);
     std::thread([&] {
         EXPECT_EQ(mutex.unlock(), EPERM);
         mutex.unlockCompletely();
@@ -48,13 +49,65 @@ TEST(RecursiveMutex, IsUnlockedCompletelyHoweverOftenItIsHeld) {
     RecursiveMutex mutex;
     for (int depth = 0; depth <= 3; ++depth) {
         for (int count = 0; count < depth; ++count) {
-            mutex.lock();
+            EXPECT_EQ(mutex.lock(), 0);
         }
         EXPECT_EQ(isFree(mutex), depth == 0);
         mutex.unlockCompletely();
         EXPECT_TRUE(isFree(mutex)) << depth;
     }
     mutex.destroy();
+}
+
+/// The ways to lock it.
+constexpr int (RecursiveMutex::*kLocks[])() = {&RecursiveMutex::lock, &RecursiveMutex::lockIfFree};
+
+/// Locks `mutex`, which the system refuses with `error`; the result.
+int lockRefused(RecursiveMutex& mutex, int (RecursiveMutex::*lock)(), int error) {
+    const testsupport::RefusedLocks refused(error);
+    return (mutex.*lock)();
+}
+
+/// Unlocks `mutex` where the system would refuse that with `error`, if it were asked; the result.
+int unlockRefused(RecursiveMutex& mutex, int error) {
+    const testsupport::RefusedLocks refused(error);
+    return mutex.unlock();
+}
+
+TEST(RecursiveMutex, IsNotHeldAfterALockThatIsRefused) {
+    for (const auto lock : kLocks) {
+        RecursiveMutex mutex;
+        EXPECT_EQ(lockRefused(mutex, lock, EINVAL), EINVAL);
+        EXPECT_EQ(mutex.unlock(), EPERM);
+        EXPECT_TRUE(isFree(mutex));
+        mutex.destroy();
+    }
+}
+
+TEST(RecursiveMutex, IsHeldAsOftenAsBeforeAfterALockThatIsRefused) {
+    for (const auto lock : kLocks) {
+        RecursiveMutex mutex;
+        EXPECT_EQ(mutex.lock(), 0);
+        EXPECT_EQ(lockRefused(mutex, lock, EAGAIN), EAGAIN);
+        EXPECT_FALSE(isFree(mutex));
+        EXPECT_EQ(mutex.unlock(), 0);
+        EXPECT_EQ(mutex.unlock(), EPERM);
+        EXPECT_TRUE(isFree(mutex));
+        mutex.destroy();
+    }
+}
+
+TEST(RecursiveMutex, IsHeldByTheSameThreadAfterALockThatIsRefusedToAnother) {
+    for (const auto lock : kLocks) {
+        RecursiveMutex mutex;
+        EXPECT_EQ(mutex.lock(), 0);
+        std::thread([&] {
+            EXPECT_EQ(lockRefused(mutex, lock, EINVAL), EINVAL);
+            EXPECT_EQ(mutex.unlock(), EPERM);
+        }).join();
+        EXPECT_EQ(mutex.unlock(), 0);
+        EXPECT_TRUE(isFree(mutex));
+        mutex.destroy();
+    }
 }
 
 /// A thread that waits, from a moment on at which it has released the mutex.
@@ -81,7 +134,7 @@ public:
     RecursiveMutex& mutex() { return mutex_; }
 
     void end() {
-        mutex_.lock();
+        EXPECT_EQ(mutex_.lock(), 0);
         over_ = true;
         pthread_cond_signal(&condition_);
         EXPECT_EQ(mutex_.unlock(), 0);
@@ -98,7 +151,7 @@ public:
 
 private:
     void wait() {
-        mutex_.lock();
+        EXPECT_EQ(mutex_.lock(), 0);
         waits_ = true;
         const Release release{*this};
         while (!over_) {
@@ -125,9 +178,12 @@ private:
 
 TEST(RecursiveMutex, IsHeldByOthersDuringAWaitAndByTheWaiterAfterIt) {
     Waiter waiter;
-    waiter.mutex().lock();
-    waiter.mutex().lock();
-    waiter.mutex().unlockCompletely();
+    EXPECT_EQ(waiter.mutex().lock(), 0);
+    EXPECT_EQ(waiter.mutex().lock(), 0);
+    EXPECT_EQ(waiter.mutex().unlock(), 0);
+    EXPECT_FALSE(isFree(waiter.mutex()));
+    EXPECT_EQ(waiter.mutex().unlock(), 0);
+    EXPECT_EQ(unlockRefused(waiter.mutex(), EINVAL), EPERM);
     EXPECT_TRUE(isFree(waiter.mutex()));
     waiter.end();
     EXPECT_TRUE(waiter.heldItOnce());

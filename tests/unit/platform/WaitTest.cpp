@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "RefusedLocks.h"
 #include "TestSupport.h"
 #include "platform/MutexGuard.h"
 #include "platform/Thread.h"
@@ -386,7 +387,7 @@ TEST(EndWatchedWaits, DoesNotOutliveTheWatching) {
 
 TEST(LockUnlessTerminating, IsAPlainLockOnOtherThreads) {
     platform::RecursiveMutex mutex;
-    mutex.lock();
+    EXPECT_EQ(mutex.lock(), 0);
     std::atomic<bool> locked{false};
     std::thread other([&] {
         EXPECT_TRUE(platform::lockUnlessTerminating(mutex));
@@ -402,7 +403,7 @@ TEST(LockUnlessTerminating, IsAPlainLockOnOtherThreads) {
 
 TEST(LockUnlessTerminating, WaitsOnTheWatchingThreadToo) {
     platform::RecursiveMutex mutex;
-    mutex.lock();
+    EXPECT_EQ(mutex.lock(), 0);
     std::atomic<bool> locked{false};
     std::thread watcher([&] {
         platform::watchForTermination(setOf(SIGUSR2));
@@ -422,7 +423,7 @@ TEST(LockUnlessTerminating, WaitsOnTheWatchingThreadToo) {
 TEST(LockUnlessTerminating, GivesUpWhenAWatchedSignalIsPending) {
     const sigset_t watched = setOf(SIGUSR2);
     platform::RecursiveMutex mutex;
-    mutex.lock();
+    EXPECT_EQ(mutex.lock(), 0);
     std::atomic<bool> watching{false};
     bool held = true;
     std::thread watcher([&] {
@@ -440,6 +441,28 @@ TEST(LockUnlessTerminating, GivesUpWhenAWatchedSignalIsPending) {
     watcher.join();
     EXPECT_FALSE(held);
     EXPECT_EQ(mutex.unlock(), 0);
+}
+
+/// lockUnlessTerminating's result where the system refuses the lock.
+bool lockUnlessRefused(platform::RecursiveMutex& mutex) {
+    const RefusedLocks refused(EINVAL);
+    return platform::lockUnlessTerminating(mutex);
+}
+
+TEST(LockUnlessTerminating, TellsOfALockThatIsRefused) {
+    platform::RecursiveMutex mutex;
+    EXPECT_FALSE(lockUnlessRefused(mutex));
+    EXPECT_EQ(mutex.unlock(), EPERM);
+}
+
+TEST(LockUnlessTerminating, TellsOfALockThatIsRefusedToTheWatchingThread) {
+    platform::RecursiveMutex mutex;
+    std::thread([&] {
+        platform::watchForTermination(setOf(SIGUSR2));
+        EXPECT_FALSE(lockUnlessRefused(mutex));
+        EXPECT_EQ(mutex.unlock(), EPERM);
+        platform::stopWatchingForTermination();
+    }).join();
 }
 
 TEST(LockUnlessTerminating, TakesAFreeLockAlsoWhenASignalIsPending) {

@@ -25,6 +25,7 @@
 #include "tests/unit/runtime/ShutdownSupport.h"
 #include "tests/unit/support/FaultyThreads.h"
 #include "tests/unit/support/HangingManager.h"
+#include "tests/unit/support/LockState.h"
 
 namespace {
 
@@ -259,8 +260,8 @@ TEST_F(HangingCommandTest, IsLeftBehindAfterThreeSeconds) {
 TEST_F(HangingCommandTest, CanStillTouchAllThatItsRequestNeeds) {
     EXPECT_EQ(leaveStatusOf(ovardAtExit), 0);
     ASSERT_FALSE(destroyed_);
-    EXPECT_TRUE(isUsable(AppManagerTestAccess::appLock(*manager_)));
-    EXPECT_TRUE(isUsable(AppManagerTestAccess::queueLock(*manager_)));
+    EXPECT_TRUE(locks::isFree(AppManagerTestAccess::appLock(*manager_)));
+    EXPECT_TRUE(locks::isFree(AppManagerTestAccess::queueLock(*manager_)));
     EXPECT_THAT(AppManagerTestAccess::queue(*manager_), testing::SizeIs(1));
     EXPECT_EQ(world().logCloses, 0);
     EXPECT_THAT(world().calls, Not(Contains("closefd " + std::to_string(kConnection))));

@@ -3,8 +3,6 @@
 #ifndef OVARD_TESTS_UNIT_SUPPORT_HANGING_MANAGER_H
 #define OVARD_TESTS_UNIT_SUPPORT_HANGING_MANAGER_H
 
-#include <pthread.h>
-
 #include <atomic>
 
 #include <gtest/gtest.h>
@@ -43,10 +41,5 @@ private:
     std::atomic<bool> hangs_{false};
     std::atomic<bool> letGo_{false};
 };
-
-/// Whether `mutex`, which nobody holds, exists.
-inline bool isUsable(platform::RecursiveMutex& mutex) {
-    return mutex.lockIfFree() == 0 && mutex.unlock() == 0;
-}
 
 #endif // OVARD_TESTS_UNIT_SUPPORT_HANGING_MANAGER_H

@@ -10,7 +10,7 @@
 namespace locks {
 
 /// Whether a new thread can lock `mutex`, and unlock it again: to who holds it a recursive mutex
-/// always looks free.
+/// always looks free. One that was destroyed is not free.
 inline bool isFree(platform::RecursiveMutex& mutex) {
     bool free = false;
     std::thread([&] { free = mutex.lockIfFree() == 0 && mutex.unlock() == 0; }).join();

@@ -7,6 +7,7 @@
 
 #include "tests/system/Harness.h"
 #include "tests/system/SanitizerReports.h"
+#include "tests/unit/support/SkipReport.h"
 
 namespace {
 
@@ -38,19 +39,9 @@ int checkSuites(const std::string& list) {
     return faults == 0 ? 0 : 1;
 }
 
-/// Tells which tests skip themselves, and when all do, which counts as skipped with CTest too.
-class SkipReport : public testing::EmptyTestEventListener {
+/// Tells when all tests skip themselves, which counts as skipped with CTest too.
+class IdleRunReport : public testing::EmptyTestEventListener {
 private:
-    void OnTestEnd(const testing::TestInfo& test) override {
-        const testing::TestResult& result = *test.result();
-        for (int part = 0; result.Skipped() && part < result.total_part_count(); ++part) {
-            if (result.GetTestPartResult(part).skipped()) {
-                (void)std::printf("NOT TESTED: %s.%s: %s\n", test.test_suite_name(), test.name(),
-                                  result.GetTestPartResult(part).message());
-            }
-        }
-    }
-
     void OnTestProgramEnd(const testing::UnitTest& tests) override {
         if (tests.skipped_test_count() > 0 &&
             tests.skipped_test_count() == tests.test_to_run_count()) {
@@ -77,6 +68,8 @@ int main(int argc, char** argv) {
     }
     systemtest::rememberMachine();
     systemtest::collectSanitizerReports();
-    testing::UnitTest::GetInstance()->listeners().Append(new SkipReport);
+    testing::TestEventListeners& listeners = testing::UnitTest::GetInstance()->listeners();
+    listeners.Append(new SkipReport);
+    listeners.Append(new IdleRunReport);
     return RUN_ALL_TESTS();
 }

@@ -17,6 +17,7 @@
 #include "runtime/Globals.h"
 #include "tests/fakes/FakePlatform.h"
 #include "tests/unit/InitialSettings.h"
+#include "tests/unit/support/SkipReport.h"
 
 namespace {
 
@@ -105,6 +106,8 @@ int main(int argc, char** argv) {
     saveSettings();
     ::setenv("TZ", "UTC", 1); // local times in traces are the same everywhere
     testing::InitGoogleMock(&argc, argv);
-    testing::UnitTest::GetInstance()->listeners().Append(new FreshWorld);
+    testing::TestEventListeners& listeners = testing::UnitTest::GetInstance()->listeners();
+    listeners.Append(new FreshWorld);
+    listeners.Append(new SkipReport);
     return RUN_ALL_TESTS();
 }

@@ -101,11 +101,11 @@ std::string textOfRequest(const Step& step) {
 
 } // namespace
 
-std::string kindOf(const Step& step) {
-    constexpr const char* kKinds[] = {"requests",       "crashes",      "lost heartbeats",
+const char* nameOf(StepKind kind) {
+    constexpr const char* kNames[] = {"requests",       "crashes",      "lost heartbeats",
                                       "late pid files", "first phases", "clock settings",
                                       "monitors"};
-    return kKinds[static_cast<int>(step.kind)];
+    return kNames[static_cast<int>(kind)];
 }
 
 std::string textOf(const Step& step) {
@@ -186,6 +186,7 @@ Step StepSource::next(const RegistryModel& model, int age) {
             return step;
         }
     }
+    ++lastResorts_;
     return monitorStep(); // Without applications anything can go on.
 }
 

@@ -35,8 +35,8 @@ struct Step {
     ModelMonitor monitor;
 };
 
-/// What kind of step it is, for people.
-std::string kindOf(const Step& step);
+/// Steps of that kind, in words.
+const char* nameOf(StepKind kind);
 
 /// One line for people.
 std::string textOf(const Step& step);
@@ -56,6 +56,9 @@ public:
 
     /// The next step for a monitor that the model describes, and that has seen `age` steps.
     Step next(const RegistryModel& model, int age);
+
+    /// How often it has found none but the monitor's end.
+    int lastResorts() const { return lastResorts_; }
 
 private:
     Step candidate(const RegistryModel& model, int age);
@@ -79,6 +82,7 @@ private:
 
     std::mt19937_64 random_;
     bool setsClock_;
+    int lastResorts_ = 0;
 };
 
 } // namespace systemtest

@@ -50,13 +50,14 @@ bool startWorld(Program& program, std::uint64_t seed, std::uint64_t steps) {
                           "OVARD_SANDBOX_INIT=" + sandboxInitProgram()});
 }
 
-/// Runs the pairs side by side; shows what those write that fail.
-void runWorlds(std::uint64_t seed, std::uint64_t steps, std::uint64_t worlds) {
+/// Runs the pairs side by side; shows what those write that fail. Returns what there was in all.
+ModelCounts runWorlds(std::uint64_t seed, std::uint64_t steps, std::uint64_t worlds) {
+    ModelCounts counts;
     const std::uint64_t share = (steps + worlds - 1) / worlds;
     std::list<Program> programs;
     for (std::uint64_t world = 0; world < worlds; ++world) {
         programs.emplace_back();
-        ASSERT_TRUE(startWorld(programs.back(), seed + world, share));
+        EXPECT_TRUE(startWorld(programs.back(), seed + world, share));
     }
     const std::int64_t end = monotonicMs() + static_cast<std::int64_t>(share * kStepMs + kRestMs);
     for (Program& program : programs) {
@@ -64,11 +65,14 @@ void runWorlds(std::uint64_t seed, std::uint64_t steps, std::uint64_t worlds) {
         const Ending ending = program.waitForEnd(static_cast<int>(leftMs));
         EXPECT_EQ(ending.text(), "status 0"); // the fixture shows the outputs of a failed test
         for (const std::string& line : linesOf(program.output())) {
-            if (line.find("seed ") == 0 && line.find(": ") != std::string::npos) {
+            const std::size_t colon = line.find(": ");
+            if (line.find("seed ") == 0 && colon != std::string::npos) {
                 std::cout << line << "\n"; // what this pair did
+                counts.addText(line.substr(colon + 1));
             }
         }
     }
+    return counts;
 }
 
 TEST_F(Model, MonitorAgreesWithIt) {
@@ -76,10 +80,10 @@ TEST_F(Model, MonitorAgreesWithIt) {
     const std::uint64_t steps = numberFromEnvironment("OVARD_MODEL_STEPS", kDefaultSteps);
     const std::uint64_t worlds = numberFromEnvironment("OVARD_MODEL_WORLDS", kDefaultWorlds);
     std::cout << "seed " << seed << ", " << steps << " steps, " << worlds << " pairs" << std::endl;
-    if (worlds > 1) {
-        runWorlds(seed, steps, worlds);
-    } else {
-        run(seed, steps);
+    const ModelCounts counts = worlds > 1 ? runWorlds(seed, steps, worlds) : run(seed, steps);
+    const bool isLong = steps >= kDefaultSteps && steps * kDefaultWorlds >= worlds * kDefaultSteps;
+    if (isLong && !HasFailure()) {
+        expectAllKinds(counts, steps);
     }
 }
 

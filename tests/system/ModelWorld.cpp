@@ -54,7 +54,7 @@ void patch(const std::string& path, std::size_t offset, std::uint32_t number) {
 
 } // namespace
 
-void ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
+ModelCounts ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
     for (const std::string& program : programsOfSteps()) {
         (void)installSampleAt(program);
     }
@@ -64,21 +64,20 @@ void ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
         EXPECT_TRUE(SettableClock::set(0));
     }
     startTheMonitor({});
-    StepSource source(seed, SettableClock::isReadBy(monitor_.pid()));
+    const bool setsClock = SettableClock::isReadBy(monitor_.pid());
+    counts_.add(kClocks, setsClock ? 1 : 0);
+    StepSource source(seed, setsClock);
     for (std::uint64_t number = 1; number <= steps && !HasFailure(); ++number) {
         const Step step = nextStep(source);
         history_.push_back(std::to_string(number) + ": " + textOf(step));
-        ++counts_[kindOf(step)];
+        counts_.add(nameOf(step.kind));
         happen(step);
         if (!HasFailure()) {
             expectAgreement();
         }
     }
-    std::cout << "seed " << seed << ":";
-    for (const auto& [kind, count] : counts_) {
-        std::cout << " " << count << " " << kind << ",";
-    }
-    std::cout << " " << answers_ << " replies" << std::endl;
+    EXPECT_EQ(source.lastResorts(), 0);
+    std::cout << "seed " << seed << ": " << counts_.text() << std::endl;
     if (HasFailure()) {
         (void)std::remove(console_.path().c_str()); // it would bury all else
         ADD_FAILURE() << "seed " << seed << ", step " << history_.size() << " of " << steps
@@ -86,6 +85,7 @@ void ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
                       << history() << "the model:\n"
                       << resolved(model_.text());
     }
+    return counts_;
 }
 
 Step ModelWorld::nextStep(StepSource& source) {
@@ -190,7 +190,7 @@ void ModelWorld::expectReply(Client& client, Received received, const ModelResul
         EXPECT_FALSE(received.ended);
         return;
     }
-    ++answers_;
+    counts_.add(kReplies);
     ASSERT_EQ(received.bytes.size(), sizeof(response_struct));
     EXPECT_TRUE(received.ended);
     response_struct reply = {};
@@ -256,6 +256,7 @@ void ModelWorld::noteEndOfFirstPhase(std::int64_t followedMs, const std::string&
     if (!model_.isFirstPhaseOver() && monotonicMs() - monitorSinceMs_ > kShortestFirstPhaseMs) {
         EXPECT_LT(followedMs, kLastingMs) << last;
         history_.emplace_back("meanwhile the first half minute went by");
+        counts_.add(nameOf(StepKind::FirstPhaseEnd));
         model_.endFirstPhase();
         model_.settle();
     }

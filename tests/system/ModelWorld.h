@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/system/ModelConsole.h"
+#include "tests/system/ModelCounts.h"
 #include "tests/system/ModelRegistry.h"
 #include "tests/system/ModelSteps.h"
 #include "tests/system/Segments.h"
@@ -20,8 +21,8 @@ namespace systemtest {
 class ModelWorld : public SupervisionTest {
 protected:
     /// Lets that many random steps happen to both, and compares them after every step. Fails the
-    /// test at the first difference.
-    void run(std::uint64_t seed, std::uint64_t steps);
+    /// test at the first difference. Returns what there was.
+    ModelCounts run(std::uint64_t seed, std::uint64_t steps);
 
 private:
     Step nextStep(StepSource& source);
@@ -56,8 +57,7 @@ private:
     int age_ = 0; ///< steps that the monitor has seen
     std::map<ProcessNumber, pid_t> pids_;
     std::vector<std::string> history_;
-    std::map<std::string, int> counts_; ///< steps by their kinds
-    int answers_ = 0;
+    ModelCounts counts_;
 };
 
 } // namespace systemtest

@@ -19,7 +19,7 @@ const char kUsage[] =
     "  --pidfile-after MS      write it MS milliseconds late\n"
     "  --version V             version in the pid file (default 1.0)\n"
     "  --ignore-term           ignore SIGTERM\n"
-    "  --die-of-term           leave SIGTERM at its default action\n"
+    "  --die-of-term           leave SIGTERM at its default action, unless it is ignored\n"
     "  --heartbeat MS|none     report a heartbeat every MS milliseconds (default none)\n"
     "  --hang-after MS         report none any more after MS milliseconds\n"
     "  --hang-for MS           report them again MS milliseconds later (default never)\n"

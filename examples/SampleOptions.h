@@ -22,7 +22,7 @@ struct Options {
     std::string exactPidFile; ///< not empty: the whole path, instead of `pidFile`
     int pidFileAfterMs = 0;
     bool ignoreTerm = false;
-    bool dieOfTerm = false; ///< SIGTERM keeps its default action
+    bool dieOfTerm = false; ///< SIGTERM keeps its default action, unless it is ignored
     int heartbeatMs = kNever;
     int hangAfterMs = kNever;
     int hangForMs = kNever; ///< counts from the moment at which it hangs

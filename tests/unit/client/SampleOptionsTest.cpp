@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,6 +14,14 @@ using sample::Options;
 bool parse(std::vector<const char*> words, Options& options, std::string& error) {
     words.insert(words.begin(), "/home/kelvo/root/app");
     return sample::parseOptions(static_cast<int>(words.size()), words.data(), options, error);
+}
+
+/// The options that `words`, which are in order, ask for.
+Options parsed(std::vector<const char*> words) {
+    Options options;
+    std::string error;
+    EXPECT_TRUE(parse(std::move(words), options, error)) << error;
+    return options;
 }
 
 class SampleOptions : public testing::Test {
@@ -102,6 +111,13 @@ TEST_F(SampleOptions, ReadsEveryOptionAmongOtherWords) {
     EXPECT_EQ(options_.hangForMs, 9);
     EXPECT_EQ(options_.comeBackAfterMs, 10);
     EXPECT_TRUE(options_.foreground);
+}
+
+TEST_F(SampleOptions, ObeysSigtermUnlessAskedToIgnoreItOrToDieOfIt) {
+    EXPECT_TRUE(parsed({}).obeysTerm());
+    EXPECT_FALSE(parsed({"--ignore-term"}).obeysTerm());
+    EXPECT_FALSE(parsed({"--die-of-term"}).obeysTerm());
+    EXPECT_FALSE(parsed({"--ignore-term", "--die-of-term"}).obeysTerm());
 }
 
 TEST_F(SampleOptions, SwitchesPidFileAndHeartbeatOff) {

@@ -1,9 +1,7 @@
 #include "client/OvardClient.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -21,6 +19,7 @@
 #include "records/codes.h"
 #include "tests/unit/OpenDescriptors.h"
 #include "tests/unit/client/TestServer.h"
+#include "tests/unit/support/Interruptions.h"
 
 namespace {
 
@@ -63,35 +62,6 @@ bool isUntouched(const response_struct& reply) {
     const response_struct expected = untouchedReply();
     return std::memcmp(&reply, &expected, sizeof reply) == 0;
 }
-
-/// Interrupts the calling thread's system calls every 3 ms while it lives.
-class Interruptions {
-public:
-    Interruptions() {
-        struct sigaction action {};
-        action.sa_handler = [](int) { count_ = count_ + 1; };
-        sigaction(SIGALRM, &action, &saved_);
-        count_ = 0;
-        set(3000);
-    }
-    ~Interruptions() {
-        set(0);
-        sigaction(SIGALRM, &saved_, nullptr);
-    }
-    Interruptions(const Interruptions&) = delete;
-    Interruptions& operator=(const Interruptions&) = delete;
-
-    int count() const { return count_; }
-
-private:
-    static void set(int microseconds) {
-        const itimerval timer{{0, microseconds}, {0, microseconds}};
-        ::setitimer(ITIMER_REAL, &timer, nullptr);
-    }
-
-    static inline volatile sig_atomic_t count_ = 0;
-    struct sigaction saved_ {};
-};
 
 /// A listening socket that nobody serves and whose queue has no room left.
 class FullQueue {
@@ -297,7 +267,7 @@ TEST(OvardClient, GoesOnAfterSignals) {
         pauseMs(100);
         sendBytes(fd, reinterpret_cast<const char*>(&sent) + 500, sizeof sent - 500);
     });
-    const Interruptions interruptions;
+    const Interruptions interruptions(3);
     response_struct reply = untouchedReply();
     EXPECT_EQ(call(server.path(), makeRequest(), &reply).result, Result::Ok);
     EXPECT_EQ(std::memcmp(&reply, &sent, sizeof sent), 0);
@@ -309,7 +279,7 @@ TEST(OvardClient, SignalsDoNotLengthenTheWaitForAReply) {
         receiveRequest(fd);
         waitForClose(fd);
     });
-    const Interruptions interruptions;
+    const Interruptions interruptions(3);
     response_struct reply = untouchedReply();
     const std::int64_t start = nowMs();
     EXPECT_EQ(call(server.path(), makeRequest(), &reply, 150).result, Result::TimedOut);
@@ -321,7 +291,7 @@ TEST(OvardClient, SignalsDoNotLengthenTheWaitForAReply) {
 
 TEST(OvardClient, SignalsDoNotLengthenTheWaitForTheConnection) {
     const FullQueue server;
-    const Interruptions interruptions;
+    const Interruptions interruptions(3);
     response_struct reply = untouchedReply();
     const std::int64_t start = nowMs();
     EXPECT_EQ(call(server.path(), makeRequest(), &reply, 150).result, Result::TimedOut);

@@ -131,7 +131,7 @@ struct Message {
 /// Gives this process a /dev of its own, without a log socket; false when that is not allowed.
 bool enterPrivateDevices() {
     const bool isAlone = ::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
-    return isAlone && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+    return isAlone && ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
            ::mount("none", "/dev", "tmpfs", 0, nullptr) == 0;
 }
 

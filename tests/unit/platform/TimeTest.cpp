@@ -1,11 +1,9 @@
 #include "platform/Time.h"
 
 #include <pthread.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -15,6 +13,7 @@
 
 #include "TestSupport.h"
 #include "platform/Thread.h"
+#include "tests/unit/support/Interruptions.h"
 
 namespace {
 
@@ -146,35 +145,10 @@ TEST(Sleeping, IsOverAtOnceForNoTime) {
     platform::yieldProcessor();
 }
 
-std::atomic<int> handlerRuns{0};
-
-/// SIGALRM every 5 ms without SA_RESTART, for the scope.
-class AlarmStorm {
-public:
-    AlarmStorm() {
-        handlerRuns = 0;
-        struct sigaction action = {};
-        action.sa_handler = [](int) { ++handlerRuns; };
-        ::sigaction(SIGALRM, &action, &previous_);
-        const itimerval period = {{0, 5000}, {0, 5000}};
-        ::setitimer(ITIMER_REAL, &period, nullptr);
-    }
-    ~AlarmStorm() {
-        const itimerval never = {};
-        ::setitimer(ITIMER_REAL, &never, nullptr);
-        ::sigaction(SIGALRM, &previous_, nullptr);
-    }
-    AlarmStorm(const AlarmStorm&) = delete;
-    AlarmStorm& operator=(const AlarmStorm&) = delete;
-
-private:
-    struct sigaction previous_ = {};
-};
-
 TEST(Sleeping, IsResumedAfterSignals) {
-    const AlarmStorm storm;
+    const Interruptions interruptions(5);
     EXPECT_GE(elapsedBy(60), 59);
-    EXPECT_GE(handlerRuns, 1);
+    EXPECT_GE(interruptions.count(), 1);
 }
 
 /// What a cancelled worker thread passes through.
@@ -280,9 +254,9 @@ TEST(SleepingRegardless, LastsItsTime) {
 }
 
 TEST(SleepingRegardless, IsResumedAfterSignals) {
-    const AlarmStorm storm;
+    const Interruptions interruptions(5);
     EXPECT_GE(elapsedRegardless(60), 59);
-    EXPECT_GE(handlerRuns, 1);
+    EXPECT_GE(interruptions.count(), 1);
 }
 
 void* sleepForAnHourRegardless(void* argument) {

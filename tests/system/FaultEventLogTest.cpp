@@ -1,10 +1,15 @@
-// /var/log, where the event log lies, while it is full, read-only or missing.
+// /var/log, where the event log lies, while it is full, read-only or missing; something else in the
+// log's place.
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <string>
 #include <vector>
 
+#include "platform/UniqueFd.h"
 #include "tests/system/FaultSupport.h"
 
 namespace systemtest {
@@ -13,13 +18,29 @@ namespace {
 const std::string kHangUp = "Caught signal 1";
 const std::string kInterrupt = "Caught signal 2";
 
-/// A monitor that logs signals, so that an event comes whenever the test sends one.
-class FaultEventLog : public SystemTest {
-protected:
-    bool start() { return daemon_.startInForeground({"-b"}); }
+const std::vector<std::string> kLoggingSignals = {"-b"};
 
+/// More than a test has logged.
+constexpr std::size_t kMostSeen = 65536;
+
+/// What may take the log's place.
+struct Obstacle {
+    const char* command; ///< for the shell, with the path of the log, which is free, in "$L"
+    int error;           ///< why nothing can be logged there
+};
+
+/// A monitor that logs signals, so that an event comes whenever the test sends one.
+class FaultEventLog : public FaultTest {
+protected:
+    bool start() { return monitor_.startInForeground(kLoggingSignals); }
+
+    /// Does not wait where a pipe has the log's place.
     std::string seenLog() const {
-        return readFile(OwnMounts::seenBy(daemon_.pid(), kEventLogPath));
+        const std::string path = OwnMounts::seenBy(monitor_.pid(), kEventLogPath);
+        const platform::UniqueFd log(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        std::string content(kMostSeen, '\0');
+        const ssize_t size = ::read(log.get(), content.data(), content.size());
+        return content.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0);
     }
 
     /// Texts of the events in the log that the monitor sees.
@@ -45,10 +66,10 @@ protected:
     void expectLostEvents(int signal, int error) const {
         const std::string before = seenLog();
         for (int event = 0; event < 3; ++event) {
-            ASSERT_TRUE(daemon_.signal(signal));
+            ASSERT_TRUE(monitor_.signal(signal));
             EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
         }
-        EXPECT_TRUE(daemon_.alive());
+        EXPECT_TRUE(monitor_.alive());
         EXPECT_EQ(seenLog(), before);
         EXPECT_TRUE(waitForLog(3, faultLine(kEventLogPath, error)));
         EXPECT_EQ(faultsTold(kEventLogPath), 1);
@@ -65,19 +86,39 @@ protected:
     }
 
     void expectEvent(int signal) const {
-        ASSERT_TRUE(daemon_.signal(signal));
+        ASSERT_TRUE(monitor_.signal(signal));
         EXPECT_TRUE(endsIn("Caught signal " + std::to_string(signal))) << seenLog();
     }
 
-    bool change(const std::string& lines) const { return OwnMounts::change(daemon_.pid(), lines); }
+    /// Nothing is written to what takes the log's place, and what is logged afterwards is in a log
+    /// of its own.
+    void expectEndured(const Obstacle& obstacle) {
+        const std::string place = std::string("L=") + kEventLogPath + "; ";
+        ASSERT_TRUE(start());
+        ASSERT_NO_FATAL_FAILURE(expectEvent(SIGHUP));
+        ASSERT_TRUE(writeFile("/tmp/target", "precious\n"));
+        ASSERT_TRUE(runShell(place + "rm $L; " + obstacle.command));
+        ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, obstacle.error));
+        {
+            // Into a pipe that nobody reads nothing can be written anyway.
+            const platform::UniqueFd reader(
+                ::open(kEventLogPath, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+            ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, obstacle.error));
+        }
+        EXPECT_EQ(readFile("/tmp/target"), "precious\n");
+        EXPECT_FALSE(fileExists("/tmp/nothing"));
+        ASSERT_TRUE(runShell(place + "rm -r $L"));
+        ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
+        EXPECT_EQ(seenEvents(), std::vector<std::string>{kInterrupt});
+    }
 
-    Daemon daemon_;
+    bool change(const std::string& lines) const { return OwnMounts::change(monitor_.pid(), lines); }
 };
 
 TEST_F(FaultEventLog, FolderThatIsMissing) {
     const OwnMounts mounts("mount -t tmpfs tmpfs /var\n");
     ASSERT_TRUE(start());
-    EXPECT_FALSE(fileExists(OwnMounts::seenBy(daemon_.pid(), "/var/log")));
+    EXPECT_FALSE(fileExists(OwnMounts::seenBy(monitor_.pid(), "/var/log")));
     ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, ENOENT));
     ASSERT_TRUE(change("mkdir /var/log"));
     ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
@@ -116,6 +157,35 @@ TEST_F(FaultEventLog, DiskThatBecomesReadOnly) {
     ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
 }
 
+TEST_F(FaultEventLog, ApplicationsAreSupervisedAndPublishedMeanwhile) {
+    const OwnMounts mounts;
+    ASSERT_NO_FATAL_FAILURE(startWith(kLoggingSignals));
+    ASSERT_TRUE(change(readOnlyFolder("/var/log")));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, EROFS));
+    ASSERT_TRUE(killAndWait(pid_));
+    ASSERT_TRUE(publishesAReplacement());
+    expectAllIsWell("without the event log");
+    ASSERT_TRUE(change(uncovered("/var/log")));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
+    expectAllIsWell("with the event log again");
+}
+
+TEST_F(FaultEventLog, DirectoryInItsPlace) {
+    expectEndured({"mkdir $L", EISDIR});
+}
+
+TEST_F(FaultEventLog, LinkInItsPlace) {
+    expectEndured({"ln -s /tmp/target $L", ELOOP});
+}
+
+TEST_F(FaultEventLog, LinkToNothingInItsPlace) {
+    expectEndured({"ln -s /tmp/nothing $L", ELOOP});
+}
+
+TEST_F(FaultEventLog, PipeInItsPlace) {
+    expectEndured({"mkfifo $L", ENXIO});
+}
+
 TEST_F(FaultEventLog, DiskThatIsFull) {
     const OwnMounts mounts("mount -t tmpfs -o size=64k tmpfs /var/log\n"
                            "head -c 65536 /dev/zero >/var/log/filler\n");
@@ -129,9 +199,9 @@ TEST_F(FaultEventLog, DiskThatIsFull) {
 
 TEST_F(FaultEventLog, LimitOfTheFileSize) {
     ASSERT_TRUE(start());
-    ASSERT_TRUE(setLimit(daemon_.pid(), RLIMIT_FSIZE, 0));
+    ASSERT_TRUE(setLimit(monitor_.pid(), RLIMIT_FSIZE, 0));
     ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, EFBIG));
-    ASSERT_TRUE(liftLimit(daemon_.pid(), RLIMIT_FSIZE));
+    ASSERT_TRUE(liftLimit(monitor_.pid(), RLIMIT_FSIZE));
     ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGINT));
 }
 

@@ -56,10 +56,10 @@ std::vector<std::string> failures() {
     return texts;
 }
 
-class FaultFork : public ApplicationTest {
+class FaultFork : public FaultTest {
 protected:
     void SetUp() override {
-        ApplicationTest::SetUp();
+        FaultTest::SetUp();
         if (!AnotherUser::possible()) {
             GTEST_SKIP() << "there are no other users here";
         }
@@ -74,9 +74,13 @@ protected:
     void expectEndAtALaunch(const std::string& ending) {
         Client client;
         ASSERT_TRUE(sendRequest(client, makeStart("data_server")));
-        EXPECT_EQ(monitor_.waitForEnd().text(), ending);
+        expectEndWithoutCleanUp(ending);
         const Received received = client.receive(kPatienceMs);
         EXPECT_TRUE(received.ended && received.bytes.empty());
+    }
+
+    void expectEndWithoutCleanUp(const std::string& ending) {
+        EXPECT_EQ(monitor_.waitForEnd().text(), ending);
         EXPECT_TRUE(processesNamed("data_server").empty());
         EXPECT_EQ(countOf(monitor_.console(), "ovardAtExit"), 0U);
         EXPECT_TRUE(fileExists(kSocketPath));
@@ -105,6 +109,19 @@ TEST_F(FaultFork, SecondForkIsRefusedWhileSomebodyIsLoggedIn) {
     EXPECT_EQ(failures(), (std::vector<std::string>{"fork2: errno=11", kFatal}));
 }
 
+/// A replacement is launched by the main thread, in the middle of a supervision pass.
+TEST_F(FaultFork, ReplacementIsRefusedWhileSomebodyIsLoggedIn) {
+    const Login login;
+    ASSERT_TRUE(login.stands());
+    const MonitorThroughScript script(user_.monitorLines());
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(allowMore(0));
+    ASSERT_TRUE(killAndWait(pid_));
+    expectEndWithoutCleanUp("status 0"); // as for a launch
+    EXPECT_EQ(failures(), (std::vector<std::string>{kRefused, kFatal}));
+    EXPECT_EQ(countLog(6, stoppedLine("data_server", pid_)), 1U);
+}
+
 TEST_F(FaultFork, EnoughProcessesForALaunch) {
     const MonitorThroughScript script(user_.monitorLines());
     ASSERT_TRUE(startMonitorInForeground());
@@ -116,24 +133,41 @@ TEST_F(FaultFork, EnoughProcessesForALaunch) {
 
 // --- the restart of the machine ------------------------------------------------------------------
 
-/// A monitor in a sandbox of its own; a launch is asked for under a limit of its threads and
-/// `more`.
-ProgramResult runAnotherMachine(const AnotherUser& user, int more) {
+/// How a monitor comes to launch an application.
+struct Cause {
+    const char* options;     ///< of the monitor
+    const char* preparation; ///< lines of the shell, with the program ovardctl in "$CONTROL"
+    const char* launch;      ///< lines that have it launch the application
+};
+
+constexpr Cause kRequest = {
+    "-i 3600", "", "$CONTROL start data_server --cmd /home/kelvo/root/data_server --timeout 5\n"};
+
+constexpr Cause kDeath = {
+    "-i 0 -s 2 -p 1 -v 4",
+    "mkdir -p /home/kelvo/root; cp $SAMPLE /home/kelvo/root/data_server\n"
+    "$CONTROL start data_server --restart self --pidfile /tmp/data_server.pid \\\n"
+    "  --cmd '/home/kelvo/root/data_server --exact-pidfile /tmp/data_server.pid'\n"
+    "until grep -q 'data_server.* running, is alive' /var/log/daemon.log; do sleep 0.05; done\n",
+    "kill -9 $(head -n 1 /tmp/data_server.pid)\n"};
+
+/// A monitor in a sandbox of its own; it comes to a launch under a limit of its threads and `more`.
+ProgramResult runAnotherMachine(const AnotherUser& user, const Cause& cause, int more) {
     const std::string script =
-        "OVARD='" + daemonProgram() + "'; set -- -d -i 3600\n( " + user.monitorLines() +
+        "OVARD='" + daemonProgram() + "'; CONTROL='" + controlProgram() + "'; SAMPLE='" +
+        sampleProgram() + "'; set -- -d " + cause.options + "\n( " + user.monitorLines() +
         ") >/tmp/console 2>&1 &\n"
         "until [ -S /tmp/appmon_sock ] && [ -n \"$(ls /tmp/pid/home/kelvo/root 2>/dev/null)\" ]; "
-        "do sleep 0.05; done; sleep 0.5\n"
-        "P=$(pidof ovard); T=$(ls /proc/$P/task | wc -l)\n" +
-        user.limitCommand("$P", "$((T + " + std::to_string(more) + "))") + "\n'" +
-        controlProgram() +
-        "' start data_server --cmd /home/kelvo/root/data_server --timeout 5\n"
+        "do sleep 0.05; done; sleep 0.5\n" +
+        cause.preparation + "P=$(pidof ovard); T=$(ls /proc/$P/task | wc -l)\n" +
+        user.limitCommand("$P", "$((T + " + std::to_string(more) + "))") + "\n" + cause.launch +
         "sleep 15\n"
         "echo yes >/tmp/survived\n";
     const auto folderOf = [](const std::string& path) { return path.substr(0, path.rfind('/')); };
     return runProgram(sandboxProgram(),
                       {"--keep", "--bring", folderOf(daemonProgram()), "--bring",
-                       folderOf(controlProgram()), "/bin/bash", "-c", script},
+                       folderOf(controlProgram()), "--bring", folderOf(sampleProgram()),
+                       "/bin/bash", "-c", script},
                       {"OVARD_SANDBOX_INIT=" + sandboxInitProgram()}, 40000);
 }
 
@@ -150,11 +184,15 @@ void expectRestart(const ProgramResult& result, const std::string& reason) {
 }
 
 TEST_F(FaultFork, FirstForkThatIsRefusedRestartsTheMachine) {
-    expectRestart(runAnotherMachine(user_, 0), kRefused);
+    expectRestart(runAnotherMachine(user_, kRequest, 0), kRefused);
 }
 
 TEST_F(FaultFork, SecondForkThatIsRefusedRestartsTheMachine) {
-    expectRestart(runAnotherMachine(user_, 1), "fork2: errno=11");
+    expectRestart(runAnotherMachine(user_, kRequest, 1), "fork2: errno=11");
+}
+
+TEST_F(FaultFork, ReplacementThatIsRefusedRestartsTheMachine) {
+    expectRestart(runAnotherMachine(user_, kDeath, 0), kRefused);
 }
 
 } // namespace

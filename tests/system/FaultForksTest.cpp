@@ -2,6 +2,7 @@
 // monitor itself may not fork any more: FaultForkTest.cpp.
 
 #include <algorithm>
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,17 @@ protected:
         return duringPasses([&] { return processesNamed("forker").size() == count; });
     }
 
+    /// Ends them all, faster than they fork.
+    static bool endForking() {
+        return eventually([] {
+            const std::vector<pid_t> present = processesNamed("forker");
+            for (const pid_t pid : present) {
+                (void)sendSignal(pid, SIGKILL); // it may have ended meanwhile
+            }
+            return present.empty();
+        });
+    }
+
     /// The processes that a stop says to have ended, in order.
     static std::vector<pid_t> stoppedSince(const LogMark& mark) {
         std::vector<pid_t> pids;
@@ -71,6 +83,13 @@ TEST_F(FaultForks, OthersAreSupervisedAndServedAsEver) {
     ASSERT_TRUE(killAndWait(pid_));
     pid_ = replacementOf(request_, pid_);
     EXPECT_NE(pid_, 0) << "others are replaced";
+    ASSERT_TRUE(getsRunning("data_server", pid_));
+    EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "forker"), 3 * kPatienceMs).code, 0);
+    ASSERT_TRUE(endForking());
+    expectAllIsWell("afterwards"); // with one application
+    EXPECT_TRUE(processesNamed("forker").empty()) << "it is started again";
+    EXPECT_TRUE(isRunning(launch("late")));
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 
 /// The required end of a stop: one process by its pid, a hundred that are found. Who is left goes

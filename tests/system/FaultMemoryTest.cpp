@@ -215,14 +215,7 @@ TEST_F(FaultMemory, ApplicationThatDiesMeanwhileIsReplacedAfterwards) {
     ASSERT_TRUE(waitForLog(6, stoppedLine("data_server", pid_), 3 * kPatienceMs));
     EXPECT_TRUE(monitor_.alive());
     ASSERT_TRUE(liftLimit(monitorPid_, RLIMIT_AS));
-    ASSERT_TRUE(duringPasses(
-        [&] {
-            const std::vector<pid_t> running = processesWithCommandLine(commandIn(request_));
-            pid_ = running.size() == 1 ? running[0] : 0;
-            return pid_ != 0 && publishedApp("data_server").pid == pid_ &&
-                   publishedApp("data_server").status == "started";
-        },
-        12 * kPatienceMs));
+    ASSERT_TRUE(publishesAReplacement(12 * kPatienceMs));
     expectAllIsWell("with address space again");
 }
 
@@ -230,6 +223,7 @@ TEST_F(FaultMemory, ApplicationThatDiesMeanwhileIsReplacedAfterwards) {
 /// executed or refused, which is told.
 TEST_F(FaultMemoryQueue, RequestsThatAreQueuedMeanwhile) {
     constexpr std::size_t kRequests = 80;
+    mayRepeat(refusedLine("nobody"));
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     for (const char* name : {"first", "second", "third"}) {
         ASSERT_TRUE(sendWithoutWaiting(makeStart(name, "--foreground")));
@@ -275,6 +269,7 @@ TEST_F(FaultMemory, RequestFileThatIsLargerThanTheMemory) {
 // --- no memory at all ----------------------------------------------------------------------------
 
 constexpr const char* kRefusalPath = "/mnt/refused";
+constexpr const char* kNoWords = "ovard(): commandline_parser malloc errpr!";
 
 /// Lines for MonitorThroughScript.
 const std::string kWithRefusedMemory = std::string("export OVARD_TEST_MEMORY=") + kRefusalPath +
@@ -303,6 +298,7 @@ protected:
 };
 
 TEST_F(FaultRefusedMemory, MonitorGoesOnAndRefusesRequests) {
+    mayRepeat(refusedLine("nobody"));
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     ASSERT_TRUE(refuse(true));
     for (std::size_t cycle = 1; cycle <= 3; ++cycle) {
@@ -323,6 +319,7 @@ TEST_F(FaultRefusedMemory, MonitorGoesOnAndRefusesRequests) {
 /// Requests that came before are executed. The first launch takes its whole time, since nothing is
 /// found in /proc; the second one has no words, and so nothing to execute.
 TEST_F(FaultRefusedMemory, QueuedRequestsAreExecuted) {
+    mayRepeat(kNoWords);
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     ASSERT_TRUE(sendWithoutWaiting(makeStart("slow", "--daemonize-after 8000")));
     ASSERT_TRUE(sendWithoutWaiting(makeStart("late")));
@@ -335,7 +332,7 @@ TEST_F(FaultRefusedMemory, QueuedRequestsAreExecuted) {
               replyOf(0, "data_server is stopped @DATE\n"));
     EXPECT_TRUE(isGone(pid_));
     // Wanted for the launch and for the search of what it has left.
-    EXPECT_EQ(countLog(3, "ovard(): commandline_parser malloc errpr!"), 2U);
+    EXPECT_EQ(countLog(3, kNoWords), 2U);
     EXPECT_EQ(processesNamed("late").size(), 0U);
     EXPECT_TRUE(monitor_.alive());
     ASSERT_TRUE(refuse(false));

@@ -10,11 +10,22 @@ namespace {
 
 constexpr const char* kHidden = "mount -t proc -o hidepid=2 proc /proc\n";
 
-using FaultProc = FaultTest;
+class FaultProc : public FaultTest {
+protected:
+    /// Among the monitor's mounts this user sees what is its own, and process 1 it does not.
+    void expectHiddenFrom(const AnotherUser& user) const {
+        ASSERT_TRUE(OwnMounts::change(monitor_.pid(),
+                                      user.prefix() + "/bin/bash -c \"test -e /proc/self/stat && "
+                                                      "test ! -e /proc/1\""));
+    }
+};
 
 TEST_F(FaultProc, HiddenProcessesUnderRoot) {
     const OwnMounts mounts(kHidden);
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    if (AnotherUser::possible()) {
+        ASSERT_NO_FATAL_FAILURE(expectHiddenFrom(AnotherUser()));
+    }
     expectAllIsWell("hidden");
     expectLeftAlone("hidden");
     ASSERT_TRUE(killAndWait(pid_));
@@ -36,6 +47,7 @@ TEST_F(FaultProc, HiddenProcessesUnderAnotherUser) {
     const AnotherUser user;
     const OwnMounts mounts(kHidden + ("exec " + user.prefix()) + "\"$0\" \"$@\"");
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_NO_FATAL_FAILURE(expectHiddenFrom(user));
     EXPECT_EQ(statusValue(pid_, "Uid").substr(0, user.id().size()), user.id());
     expectAllIsWell("hidden");
     expectLeftAlone("hidden");
@@ -62,6 +74,7 @@ TEST_F(FaultProc, HiddenApplicationOfRootIsNotTakenOver) {
     const AnotherUser user;
     const OwnMounts mounts(kHidden + ("exec " + user.prefix()) + "\"$0\" \"$@\"");
     ASSERT_TRUE(startPublisher());
+    ASSERT_NO_FATAL_FAILURE(expectHiddenFrom(user));
     EXPECT_EQ(publishedNames(), std::vector<std::string>{});
     expectServing();
     EXPECT_TRUE(isRunning(pid_));

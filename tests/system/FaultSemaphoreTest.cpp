@@ -9,7 +9,7 @@
 namespace systemtest {
 namespace {
 
-using FaultSemaphore = SystemTest;
+using FaultSemaphore = FaultTest;
 
 struct Damage {
     const char* what;
@@ -48,6 +48,9 @@ constexpr Damage kDamages[] = {
 bool apply(const Damage& damage) {
     return runShell(std::string("S=") + kSemaphorePath + "; " + damage.command);
 }
+
+/// Options of a monitor that has a pass in each turn of its main loop.
+const std::vector<std::string> kOftenSupervising = {"-i", "0"};
 
 bool tidyUp() {
     return runShell(std::string("rm -rf ") + kSemaphorePath);
@@ -94,8 +97,9 @@ TEST_F(FaultSemaphore, LauncherReturnsBesideADirectory) {
 TEST_F(FaultSemaphore, DamageUnderARunningMonitorDoesNotDisturbItsEnd) {
     for (const Damage& damage : kDamages) {
         Daemon daemon;
-        ASSERT_TRUE(daemon.startInForeground()) << damage.what;
+        ASSERT_TRUE(daemon.startInForeground(kOftenSupervising)) << damage.what;
         ASSERT_TRUE(apply(damage)) << damage.what;
+        letPassesGoBy(kPassesMs);
         expectOrderlyEnd(daemon, damage.what);
         ASSERT_TRUE(tidyUp());
     }
@@ -104,8 +108,9 @@ TEST_F(FaultSemaphore, DamageUnderARunningMonitorDoesNotDisturbItsEnd) {
 TEST_F(FaultSemaphore, DamageUnderAMonitorInTheBackgroundDoesNotDisturbItsEnd) {
     for (const Damage& damage : {kDamages[0], kDamages[1], kDamages[4]}) {
         Daemon daemon;
-        ASSERT_TRUE(daemon.startInBackground()) << damage.what;
+        ASSERT_TRUE(daemon.startInBackground(kOftenSupervising)) << damage.what;
         ASSERT_TRUE(apply(damage)) << damage.what;
+        letPassesGoBy(kPassesMs);
         EXPECT_TRUE(daemon.terminate().ended) << damage.what;
         EXPECT_EQ(eventTexts().back(), "Application Monitor Stopped.") << damage.what;
         ASSERT_TRUE(tidyUp());

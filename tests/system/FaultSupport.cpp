@@ -7,7 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <random>
+#include <regex>
+#include <utility>
 
 namespace systemtest {
 namespace {
@@ -20,6 +23,14 @@ std::string monitorAmongMounts(const std::string& lines) {
     return "exec unshare --mount --propagation private -- /bin/bash -c 'set -e\n"
            "PATH=$PATH:/usr/sbin:/sbin\n" +
            lines + "\nexec \"$0\" \"$@\"' \"$OVARD\" \"$@\"\n";
+}
+
+constexpr std::int64_t kMinuteMs = 60000;
+
+/// The text with every number in it replaced that is no part of a name.
+std::string withoutNumbers(const std::string& text) {
+    static const std::regex number(R"(\b\d+\b)");
+    return std::regex_replace(text, number, "N");
 }
 
 struct statfs factsOf(const std::string& folder) {
@@ -139,6 +150,24 @@ void expectTold(const LogMark& mark, const std::vector<std::string>& names, int 
     const auto faults = std::count_if(lines.begin(), lines.end(),
                                       [](const LogText& line) { return line.level == 3; });
     EXPECT_EQ(static_cast<std::size_t>(faults), names.size());
+}
+
+void RepeatedErrors::expectNone() const {
+    std::map<std::pair<int, std::string>, std::int64_t> counts; // by the monitor's pid
+    for (const LogLine& line : daemonLog()) {
+        if (line.level == 3 && !isAllowed(line.text)) {
+            ++counts[{line.pid, withoutNumbers(withoutDates(line.text))}];
+        }
+    }
+    const std::int64_t most = 1 + (monotonicMs() - beginMs_) / kMinuteMs;
+    for (const auto& [line, count] : counts) {
+        EXPECT_LE(count, most) << "times told: " << line.second;
+    }
+}
+
+bool RepeatedErrors::isAllowed(const std::string& text) const {
+    return std::any_of(allowed_.begin(), allowed_.end(),
+                       [&](const std::string& beginning) { return text.rfind(beginning, 0) == 0; });
 }
 
 bool setLimit(pid_t pid, __rlimit_resource resource, rlim_t limit) {

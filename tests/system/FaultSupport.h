@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -88,6 +89,39 @@ extern const std::vector<std::string> kSharedNames;
 void expectTold(const LogMark& mark, const std::vector<std::string>& names, int error,
                 std::size_t recoveries);
 
+/// Errors that the daemon log tells of again and again.
+class RepeatedErrors {
+public:
+    /// Lines that begin so are required each time.
+    void allow(const std::string& beginning) { allowed_.push_back(beginning); }
+
+    /// The test so far has seen no monitor log the same line at level 3, dates and numbers apart,
+    /// more often than once, and once more for each minute.
+    void expectNone() const;
+
+private:
+    bool isAllowed(const std::string& text) const;
+
+    std::int64_t beginMs_ = monotonicMs();
+    std::vector<std::string> allowed_;
+};
+
+/// Fixture for faults: whatever a test brings about, the log says what is wrong once and not in
+/// every pass, which is looked at when the test is over.
+template <typename Fixture> class ToldOnce : public Fixture {
+protected:
+    void TearDown() override {
+        repeatedErrors_.expectNone();
+        Fixture::TearDown();
+    }
+
+    /// For lines that are required each time, or of which the test brings about several.
+    void mayRepeat(const std::string& beginning) { repeatedErrors_.allow(beginning); }
+
+private:
+    RepeatedErrors repeatedErrors_;
+};
+
 /// Sets a limit of a running process, for it and for what it starts. False when that fails.
 bool setLimit(pid_t pid, __rlimit_resource resource, rlim_t limit);
 
@@ -126,9 +160,34 @@ private:
     std::string capabilities_;
 };
 
+/// Time for several passes, where each turn of the main loop has one.
+inline constexpr int kPassesMs = 1500;
+
 /// Tests with a monitor that supervises and publishes one application, "data_server".
-class FaultTest : public PublishingTest {
+class FaultTest : public ToldOnce<PublishingTest> {
 protected:
+    /// As startWithOneApplication, with further options of the monitor.
+    void startWith(const std::vector<std::string>& options) {
+        ASSERT_TRUE(startPublisher(options));
+        monitorPid_ = monitor_.pid();
+        request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
+        pid_ = launchUntilRunning(request_);
+        ASSERT_TRUE(publishes("data_server", pid_, "started"));
+    }
+
+    /// Waits until the killed application has a replacement that is published as running. Needs no
+    /// log.
+    bool publishesAReplacement(int timeoutMs = 2 * kPatienceMs) {
+        return duringPasses(
+            [this] {
+                const std::vector<pid_t> running = processesWithCommandLine(commandIn(request_));
+                pid_ = running.size() == 1 ? running[0] : 0;
+                const PublishedApp app = publishedApp("data_server");
+                return pid_ != 0 && app.pid == pid_ && app.status == "started";
+            },
+            timeoutMs);
+    }
+
     /// Serves, supervises and publishes as ever.
     void expectAllIsWell(const std::string& what) {
         expectServing();

@@ -9,7 +9,17 @@
 namespace systemtest {
 namespace {
 
-using FaultSyslog = ApplicationTest;
+class FaultSyslog : public FaultTest {
+protected:
+    /// An application that is killed is replaced, and both segments are renewed.
+    void expectSupervisedAndPublished(const std::string& what) {
+        ASSERT_TRUE(killAndWait(pid_));
+        EXPECT_TRUE(publishesAReplacement()) << what;
+        const float hours = publishedHours();
+        EXPECT_TRUE(duringPasses([&] { return publishedHours() > hours; })) << what;
+        expectPublished(what);
+    }
+};
 
 void expectServed() {
     EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
@@ -43,6 +53,21 @@ TEST_F(FaultSyslog, CollectorThatReadsNothing) {
     const LogMark mark;
     EXPECT_TRUE(askFor(makeRequest(APPMONCTL_Stop, "nobody")).came);
     EXPECT_TRUE(mark.has("nobody is not found"));
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
+TEST_F(FaultSyslog, ApplicationsAreSupervisedAndPublishedMeanwhile) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    {
+        const LogAside aside;
+        expectSupervisedAndPublished("without a collector");
+    }
+    {
+        const HeldLog held;
+        ASSERT_TRUE(held.holds());
+        expectSupervisedAndPublished("with one that reads nothing");
+    }
+    expectAllIsWell("with the collector again");
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 

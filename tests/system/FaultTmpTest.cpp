@@ -13,6 +13,7 @@ namespace systemtest {
 namespace {
 
 const std::string kRecord = "/tmp/recorded";
+const std::vector<std::string> kRecording = {"-f", kRecord};
 const std::string kConsole = "/mnt/console";
 
 /// Line of a script: the monitor's console is where it can be written whatever becomes of /tmp.
@@ -25,15 +26,6 @@ std::string recordingError(int error, const std::string& doing) {
 
 class FaultTmp : public FaultTest {
 protected:
-    /// As startWithOneApplication, with requests being recorded.
-    void startRecording() {
-        ASSERT_TRUE(startPublisher({"-f", kRecord}));
-        monitorPid_ = monitor_.pid();
-        request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
-        pid_ = launchUntilRunning(request_);
-        ASSERT_TRUE(publishes("data_server", pid_, "started"));
-    }
-
     /// Requests that cannot be recorded are executed, and the console tells of each.
     void expectServedUnrecorded(const std::string& error) {
         const std::string recorded = readFile(kRecord);
@@ -111,10 +103,11 @@ TEST_F(FaultTmp, FullDiskAtTheStart) {
         GTEST_SKIP() << "/tmp is no memory disk here";
     }
     Daemon daemon;
-    ASSERT_TRUE(daemon.spawn({"-d"}));
+    ASSERT_TRUE(daemon.spawn({"-d", "-i", "0"}));
     ASSERT_TRUE(waitForEvent("Application Monitor Initialized."));
     ASSERT_TRUE(eventually([&] { return daemon.workersWait(); }));
     expectServing();
+    letPassesGoBy(kPassesMs);
     EXPECT_EQ(readFile(daemon.pidFile()), "") << "there was room";
     EXPECT_TRUE(waitForLog(3, faultLine(daemon.pidFile(), ENOSPC)));
     full.release();
@@ -124,7 +117,9 @@ TEST_F(FaultTmp, FullDiskAtTheStart) {
     EXPECT_TRUE(eventually([&] { return !readFile(pidFile).empty(); })) << "with room again";
     EXPECT_TRUE(waitForLog(6, recoveryLine(daemon.pidFile())));
     EXPECT_EQ(readFile(daemon.pidFile()).find(std::to_string(daemon.pid()) + "\n"), 0U);
+    letPassesGoBy(kPassesMs);
     EXPECT_EQ(countLog(3, faultLine(daemon.pidFile(), ENOSPC)), 1U);
+    EXPECT_EQ(countLog(6, recoveryLine(daemon.pidFile())), 1U);
     EXPECT_EQ(daemon.terminate().text(), "status 0");
     EXPECT_FALSE(fileExists(daemon.pidFile()));
     EXPECT_FALSE(fileExists(kSocketPath));
@@ -169,7 +164,7 @@ TEST_F(FaultTmp, MissingAtTheStart) {
 
 TEST_F(FaultTmp, DiskThatFillsUp) {
     const MonitorThroughScript script(kConsoleElsewhere + "exec \"$OVARD\" \"$@\"\n");
-    ASSERT_NO_FATAL_FAILURE(startRecording());
+    ASSERT_NO_FATAL_FAILURE(startWith(kRecording));
     ASSERT_TRUE(runShell("rm " + kRecord)); // the next record needs room of its own
     FullFolder full("/tmp");
     if (!full.isFull()) {
@@ -188,7 +183,7 @@ TEST_F(FaultTmp, DiskThatFillsUp) {
 
 TEST_F(FaultTmp, DiskThatBecomesReadOnly) {
     const OwnMounts mounts(kConsoleElsewhere);
-    ASSERT_NO_FATAL_FAILURE(startRecording());
+    ASSERT_NO_FATAL_FAILURE(startWith(kRecording));
     ASSERT_TRUE(OwnMounts::change(monitorPid_, readOnlyFolder("/tmp")));
     expectServedUnrecorded(recordingError(EROFS, "opening " + kRecord + " for appending"));
     expectAllIsWell("read-only");

@@ -19,7 +19,7 @@
 namespace systemtest {
 namespace {
 
-using FaultWatchdog = ApplicationTest;
+using FaultWatchdog = ToldOnce<ApplicationTest>;
 
 const std::vector<std::string> kFeeding = {"-w", "0", "-I", "1"};
 

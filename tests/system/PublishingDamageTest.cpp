@@ -17,7 +17,7 @@
 namespace systemtest {
 namespace {
 
-using PublishingDamage = PublishingTest;
+using PublishingDamage = ToldOnce<PublishingTest>;
 
 constexpr const char* kNoMemoryDisk = "/dev/shm is no memory disk here";
 constexpr const char* kHeartbeats = "/dev/shm/meter_heartbeat.shared";

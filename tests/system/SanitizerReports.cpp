@@ -10,8 +10,8 @@
 namespace systemtest {
 namespace {
 
-/// A folder that no test empties, covers or takes away; a monitor that finds it missing would make
-/// it.
+/// A folder that no test empties or takes away. Where a test gives a monitor another /dev, the
+/// sanitizer makes a folder of that name there, and reports into it are not seen.
 constexpr const char* kReports = "/dev/sanitizer";
 
 } // namespace

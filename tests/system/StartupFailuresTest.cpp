@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tests/system/Applications.h"
+#include "tests/system/FaultSupport.h"
 #include "tests/system/LogSocket.h"
 #include "tests/system/SanitizerReports.h"
 #include "tests/system/StartupSupport.h"
@@ -13,7 +14,7 @@
 namespace systemtest {
 namespace {
 
-using StartupFailures = SystemTest;
+using StartupFailures = ToldOnce<SystemTest>;
 
 TEST_F(StartupFailures, StaleSocketFileIsReplaced) {
     ASSERT_TRUE(writeFile(kSocketPath, "no socket at all"));

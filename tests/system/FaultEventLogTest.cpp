@@ -159,7 +159,7 @@ TEST_F(FaultEventLog, DiskThatBecomesReadOnly) {
 
 TEST_F(FaultEventLog, ApplicationsAreSupervisedAndPublishedMeanwhile) {
     const OwnMounts mounts;
-    ASSERT_NO_FATAL_FAILURE(startWith(kLoggingSignals));
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication(kLoggingSignals));
     ASSERT_TRUE(change(readOnlyFolder("/var/log")));
     ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGHUP, EROFS));
     ASSERT_TRUE(killAndWait(pid_));

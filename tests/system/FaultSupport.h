@@ -166,15 +166,6 @@ inline constexpr int kPassesMs = 1500;
 /// Tests with a monitor that supervises and publishes one application, "data_server".
 class FaultTest : public ToldOnce<PublishingTest> {
 protected:
-    /// As startWithOneApplication, with further options of the monitor.
-    void startWith(const std::vector<std::string>& options) {
-        ASSERT_TRUE(startPublisher(options));
-        monitorPid_ = monitor_.pid();
-        request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
-        pid_ = launchUntilRunning(request_);
-        ASSERT_TRUE(publishes("data_server", pid_, "started"));
-    }
-
     /// Waits until the killed application has a replacement that is published as running. Needs no
     /// log.
     bool publishesAReplacement(int timeoutMs = 2 * kPatienceMs) {

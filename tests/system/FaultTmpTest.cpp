@@ -164,7 +164,7 @@ TEST_F(FaultTmp, MissingAtTheStart) {
 
 TEST_F(FaultTmp, DiskThatFillsUp) {
     const MonitorThroughScript script(kConsoleElsewhere + "exec \"$OVARD\" \"$@\"\n");
-    ASSERT_NO_FATAL_FAILURE(startWith(kRecording));
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication(kRecording));
     ASSERT_TRUE(runShell("rm " + kRecord)); // the next record needs room of its own
     FullFolder full("/tmp");
     if (!full.isFull()) {
@@ -183,7 +183,7 @@ TEST_F(FaultTmp, DiskThatFillsUp) {
 
 TEST_F(FaultTmp, DiskThatBecomesReadOnly) {
     const OwnMounts mounts(kConsoleElsewhere);
-    ASSERT_NO_FATAL_FAILURE(startWith(kRecording));
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication(kRecording));
     ASSERT_TRUE(OwnMounts::change(monitorPid_, readOnlyFolder("/tmp")));
     expectServedUnrecorded(recordingError(EROFS, "opening " + kRecord + " for appending"));
     expectAllIsWell("read-only");

@@ -30,8 +30,8 @@ inline float hoursNow() {
 class PublishingTest : public PublicationTest {
 protected:
     /// A monitor with one running application.
-    void startWithOneApplication() {
-        ASSERT_TRUE(startPublisher());
+    void startWithOneApplication(const std::vector<std::string>& options = {}) {
+        ASSERT_TRUE(startPublisher(options));
         request_ = makeSupervised("data_server", RESTART_TYPE_SELF);
         pid_ = launchUntilRunning(request_);
         ASSERT_TRUE(publishes("data_server", pid_, "started"));

@@ -1,6 +1,7 @@
 #include "tests/system/SoakWatch.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -205,10 +206,13 @@ SoakSample sampleOf(pid_t pid) {
 SoakSample sampleWithoutMoments(pid_t pid) {
     constexpr int kMomentMs = 50;
     SoakSample sample = sampleOf(pid);
-    for (int look = 1; look < 3; ++look) {
+    std::array<std::size_t, 5> looks = {};
+    for (std::size_t& descriptors : looks) {
         sleepMs(kMomentMs);
-        sample.descriptors = std::min(sample.descriptors, sampleOf(pid).descriptors);
+        descriptors = sampleOf(pid).descriptors;
     }
+    std::sort(looks.begin(), looks.end());
+    sample.descriptors = looks[looks.size() / 2];
     return sample;
 }
 

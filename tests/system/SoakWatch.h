@@ -90,7 +90,7 @@ struct SoakSample {
 /// Looks at a process.
 SoakSample sampleOf(pid_t pid);
 
-/// The same, without the descriptors that it has open for a moment only.
+/// The same, whatever descriptors it has open, or has closed to open them anew, for a moment only.
 SoakSample sampleWithoutMoments(pid_t pid);
 
 /// One line for people.

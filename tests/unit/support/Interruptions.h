@@ -36,7 +36,7 @@ public:
 
 private:
     static void setInterval(int intervalMs) {
-        const itimerval period = {{0, intervalMs * 1000}, {0, intervalMs * 1000}};
+        const itimerval period = {{0, intervalMs * 1000L}, {0, intervalMs * 1000L}};
         ::setitimer(ITIMER_REAL, &period, nullptr);
     }
 

@@ -46,7 +46,7 @@ struct system_segment {
 
 /// Header of the application segment: 128 bytes.
 struct application_header {
-    std::int32_t count;    ///< applications in the registry, also where more than 127
+    std::int32_t count;    ///< applications in the registry; with more than 127 nothing is written
     std::int32_t maximum;  ///< 127
     char file_version[32]; ///< the monitor's own
     char file_date[32];    ///< the monitor's own

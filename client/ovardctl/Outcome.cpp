@@ -55,9 +55,9 @@ Report unanswered(const std::string& what) {
                 "\n"
                 "The request was sent. The monitor sends no reply when a stop of one application\n"
                 "fails for another reason than an unknown name, when a restart of several\n"
-                "applications fails, and when another client connects meanwhile. See its lines in\n"
-                "the system log (Ovard) for the outcome. It may also still be at work: a longer\n"
-                "--timeout waits for that.\n"};
+                "applications fails, when it has no memory for a start, and when another client\n"
+                "connects meanwhile. See its lines in the system log (Ovard) for the outcome. It\n"
+                "may also still be at work: a longer --timeout waits for that.\n"};
 }
 
 Report noReply(const CommandLine& commandLine, const Outcome& outcome) {

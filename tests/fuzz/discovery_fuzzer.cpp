@@ -5,8 +5,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "appmanager/AppManager.h"
 #include "platform/InstallationDirectories.h"
@@ -67,7 +68,7 @@ application_record readRecord(Input& input) {
     return record;
 }
 
-std::string readSegment(Input& input) {
+application_segment readSegment(Input& input) {
     application_segment segment = {};
     segment.header.count = input.figure();
     for (application_record& record : segment.applications) {
@@ -76,18 +77,27 @@ std::string readSegment(Input& input) {
         }
         record = readRecord(input);
     }
-    return {reinterpret_cast<const char*>(&segment), sizeof segment};
+    return segment;
 }
 
-void examineAdopted(const appinfo& app) {
+bool isPublished(std::string_view name, const application_segment& segment) {
+    return std::any_of(std::begin(segment.applications), std::end(segment.applications),
+                       [name](const application_record& record) {
+                           return platform::fieldText(record.name) == name;
+                       });
+}
+
+void examineAdopted(const appinfo& app, const application_segment& segment) {
     fuzz::examineEntry(app);
     require(app.port_type >= PORT_TYPE_NONE && app.port_type <= PORT_TYPE_ETH, "a port has a type");
     require(app.pid > 0 && app.pid != world().ownPid, "an application is another process");
     require(world().isAlive(app.pid), "an application lives");
     require(!platform::isInExcludedDirectory(app.cmd), "some programs are no applications");
     const fakes::Process& process = *world().process(app.pid);
+    require(isPublished(platform::fieldText(app.name), segment),
+            "an application has a name that was published");
     require(std::strncmp(process.exeName.c_str(), app.name, 15) == 0,
-            "an application has the name that was published");
+            "an application is a process of its name");
 }
 
 void examineSegment() {
@@ -104,17 +114,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::MonitorScene scene(verbosity);
     world().ownPid = kOwnPid;
     readProcesses(scene, input);
-    const std::string segment = readSegment(input);
-    std::int32_t published = 0;
-    std::memcpy(&published, segment.data(), sizeof published);
-    world().segments[kApplicationSegmentName] = segment;
+    const application_segment segment = readSegment(input);
+    world().segments[kApplicationSegmentName] = {reinterpret_cast<const char*>(&segment),
+                                                 sizeof segment};
 
     AppStatusUpdate& status = AppManagerTestAccess::statusUpdate(scene.manager());
     require(status.initUserShm(applist, true) == 0, "the discovery succeeds");
     require(applist.size() <= std::size_t{kMostPublishedApplications} &&
-                static_cast<std::int64_t>(applist.size()) <= std::max(published, 0),
+                static_cast<std::int64_t>(applist.size()) <= std::max(segment.header.count, 0),
             "no more are adopted than were published");
-    std::for_each(applist.begin(), applist.end(), examineAdopted);
+    std::for_each(applist.begin(), applist.end(),
+                  [&segment](const appinfo& app) { examineAdopted(app, segment); });
     require(world().callsOf({"kill", "probe"}).empty(), "the discovery signals nobody");
     examineSegment();
     require(status.updateUserShm(applist) == 0, "what was adopted can be published");

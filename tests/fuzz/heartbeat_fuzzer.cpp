@@ -1,8 +1,8 @@
 // The heartbeat registry, in a segment of its own that holds whatever another program has left
 // there: beat, check and clean-up.
 //
-// The input is the size of the segment, its header, and then its slots, a letter with its values
-// each: see `readSlot`. What it leaves out is like the last slot.
+// The input is the size of the segment (see `readSize`), its header, and then its slots, a letter
+// with its values each: see `readSlot`. What it leaves out is like the last slot.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -59,6 +59,16 @@ std::uint32_t ownStartTime() {
     statstruct_proc info = {};
     require(get_proc_info_by_pid(::getpid(), &info) == 0, "a process knows itself");
     return static_cast<std::uint32_t>(info.starttime);
+}
+
+/// That of the table, or, behind a '-', any up to twice as much, in two bytes.
+std::size_t readSize(Input& input) {
+    if (input.letter() != '-') {
+        return sizeof(Table);
+    }
+    const auto high = static_cast<unsigned char>(input.letter());
+    const auto low = static_cast<unsigned char>(input.letter());
+    return (high * 256U + low) % (2 * sizeof(Table) + 1);
 }
 
 Slot readSlot(Input& input) {
@@ -175,19 +185,17 @@ void examineCheck(const HeartbeatRegistry& registry, int pid, int expireSec) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input input(data, size);
-    const bool isShort = input.letter() == '-';
+    const std::size_t segmentSize = readSize(input);
     const int checkedPid = input.figure();
     const int expireSec = input.figure();
     const Table table = readTable(input);
-    const std::size_t segmentSize =
-        isShort ? static_cast<std::size_t>(checkedPid) % sizeof table : sizeof table;
     const Segment segment(table, segmentSize);
     const HeartbeatRegistry registry(segmentName().c_str());
 
     examineCheck(registry, checkedPid, expireSec);
     examineCheck(registry, ::getpid(), expireSec);
     Table whole = {};
-    std::memcpy(&whole, &table, segmentSize);
+    std::memcpy(&whole, &table, std::min(segmentSize, sizeof table));
     examineBeat(registry, segment, whole);
     registry.cleanup(-1);
     require(registry.check(::getpid(), kExpireSec) == platform::kHeartbeatNone,

@@ -197,6 +197,19 @@ TEST_F(FaultEventLog, DiskThatIsFull) {
     EXPECT_EQ(seenEvents(), std::vector<std::string>{kInterrupt});
 }
 
+TEST_F(FaultEventLog, DiskThatFillsUp) {
+    const OwnMounts mounts("mount -t tmpfs -o size=64k tmpfs /var/log\n");
+    ASSERT_TRUE(start());
+    ASSERT_NO_FATAL_FAILURE(expectEvent(SIGHUP));
+    // The last block of the log is used up, too: the next event needs one of its own.
+    ASSERT_TRUE(change("cd /var/log; size=$(stat -c %s meter_events.log)\n"
+                       "{ printf %0*d $((4095 - size)) 0; echo; } >>meter_events.log\n"
+                       "head -c 65536 /dev/zero >filler || true\n"));
+    ASSERT_NO_FATAL_FAILURE(expectLostEvents(SIGINT, ENOSPC));
+    ASSERT_TRUE(change("rm /var/log/filler"));
+    ASSERT_NO_FATAL_FAILURE(expectRecovery(SIGHUP));
+}
+
 TEST_F(FaultEventLog, LimitOfTheFileSize) {
     ASSERT_TRUE(start());
     ASSERT_TRUE(setLimit(monitor_.pid(), RLIMIT_FSIZE, 0));

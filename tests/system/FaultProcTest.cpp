@@ -80,8 +80,7 @@ TEST_F(FaultProc, HiddenApplicationOfRootIsNotTakenOver) {
     EXPECT_TRUE(isRunning(pid_));
 }
 
-/// Without /proc an application that goes into the background is not found again; what the process
-/// table of the kernel tells is enough to go on, and with /proc all is found.
+/// What the process table of the kernel tells is enough to go on without /proc.
 TEST_F(FaultProc, FolderThatVanishes) {
     const OwnMounts mounts("mount --rbind /proc /mnt");
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
@@ -97,6 +96,19 @@ TEST_F(FaultProc, FolderThatVanishes) {
     expectLeftAlone("with /proc again");
     EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
+/// Without /proc an application that goes into the background is not found again.
+TEST_F(FaultProc, ApplicationThatDiesMeanwhileIsReplacedAfterwards) {
+    const OwnMounts mounts("mount --rbind /proc /mnt");
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(OwnMounts::change(monitorPid_, "mount -t tmpfs tmpfs /proc\n"));
+    ASSERT_TRUE(killAndWait(pid_));
+    ASSERT_TRUE(waitForLog(6, stoppedLine("data_server", pid_), 3 * kPatienceMs));
+    expectServing();
+    ASSERT_TRUE(OwnMounts::change(monitorPid_, "mount --rbind /mnt /proc\n"));
+    ASSERT_TRUE(publishesAReplacement(12 * kPatienceMs));
+    expectAllIsWell("with /proc again");
 }
 
 } // namespace

@@ -3,7 +3,9 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -212,19 +214,63 @@ TEST_F(FaultTmp, EndOnAReadOnlyDisk) {
 }
 
 TEST_F(FaultTmp, FolderThatVanishes) {
-    const OwnMounts mounts(kRootOfItsOwn + "exec chroot /mnt \"$0\" \"$@\"");
-    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    const OwnMounts mounts(kConsoleElsewhere + kRootOfItsOwn + "exec chroot /mnt \"$0\" \"$@\"");
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication(kRecording));
     ASSERT_TRUE(OwnMounts::change(monitorPid_, kWithoutTmp));
     ASSERT_TRUE(waitForLog(3, kLost));
-    expectServing();
+    expectServedUnrecorded(recordingError(ENOENT, "opening " + kRecord + " for appending"));
     ASSERT_TRUE(letACycleGoBy());
     expectUnharmed("without /tmp");
     expectLeftAlone("without /tmp");
     ASSERT_TRUE(OwnMounts::change(monitorPid_, kWithTmpAgain));
     ASSERT_TRUE(hasRecovered());
+    expectRecordedAgain();
     expectAllIsWell("with /tmp again");
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
     EXPECT_FALSE(fileExists(kSocketPath));
+}
+
+// --- applications --------------------------------------------------------------------------------
+
+class FaultTmpReplacement : public FaultTest {
+protected:
+    /// The application dies where no pid file can be written, so that each replacement fails as
+    /// well; once `recover` has been called, it runs again.
+    void expectReplaced(const std::function<bool()>& recover) {
+        const auto stops = [] {
+            const std::vector<std::string> texts = daemonLogTexts(6);
+            return std::count_if(texts.begin(), texts.end(), [](const std::string& text) {
+                return text.find("data_server[pid=") == 0 &&
+                       text.find("] is stopped") != std::string::npos;
+            });
+        };
+        ASSERT_TRUE(killAndWait(pid_));
+        ASSERT_TRUE(eventually([&stops] { return stops() >= 2; }, 12 * kPatienceMs));
+        ASSERT_TRUE(recover());
+        ASSERT_TRUE(publishesAReplacement(12 * kPatienceMs));
+        expectAllIsWell("afterwards");
+    }
+};
+
+TEST_F(FaultTmpReplacement, ComesOnceThereIsRoom) {
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    FullFolder full("/tmp");
+    if (!full.isFull()) {
+        GTEST_SKIP() << "/tmp is no memory disk here";
+    }
+    ASSERT_TRUE(runShell(std::string("rm ") + request_.pidfile));
+    full.fill();
+    expectReplaced([&full] {
+        full.release();
+        return true;
+    });
+}
+
+TEST_F(FaultTmpReplacement, ComesOnceTheDiskCanBeWritten) {
+    const OwnMounts mounts;
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(OwnMounts::change(monitorPid_, readOnlyFolder("/tmp")));
+    expectReplaced([this] { return OwnMounts::change(monitorPid_, uncovered("/tmp")); });
 }
 
 // --- the socket file -----------------------------------------------------------------------------

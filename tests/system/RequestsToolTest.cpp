@@ -77,6 +77,19 @@ TEST_F(RequestsTool, CompiledFileStartsItsApplications) {
     EXPECT_EQ(applications(), std::multiset<std::string>{commandOf("two", "word --other=word")});
 }
 
+TEST_F(RequestsTool, FileOfTheOtherByteOrderIsRecognised) {
+    const std::string other = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? "little" : "big";
+    install({"one"});
+    ASSERT_TRUE(writeFile(kText, "[one]\ncmd = /home/kelvo/root/one\nport = eth:502\n"));
+    (void)outputOf({"compile", kText, "-o", kFile, "--byte-order", other});
+    EXPECT_EQ(outputOf({"check", kFile, "--byte-order", other}), "1 record, no problems\n");
+    const ProgramResult result = requests({"check", kFile});
+    EXPECT_EQ(result.ending.text(), "status 1");
+    const std::string beginning =
+        "error: the integers have the byte order of another machine (" + other + "-endian)";
+    EXPECT_EQ(result.output.substr(0, beginning.size()), beginning) << result.errors;
+}
+
 TEST_F(RequestsTool, FileMadeByHandStartsWhatIsLeftInIt) {
     install({"one", "two"});
     for (const char* name : {"one", "two"}) {

@@ -231,9 +231,9 @@ std::unique_ptr<Client> SoakFaults::connected() {
     return client;
 }
 
-bool SoakFaults::ask(const reqcmd& request) {
+bool SoakFaults::askWith(const std::string& bytes) {
     std::unique_ptr<Client> client = connected();
-    const bool isSent = client->send(request);
+    const bool isSent = client->send(bytes);
     asked_.push_back({std::move(client), monotonicMs() + kReplyMs});
     return isSent;
 }
@@ -241,9 +241,9 @@ bool SoakFaults::ask(const reqcmd& request) {
 void SoakFaults::takeReplies() {
     for (auto entry = asked_.begin(); entry != asked_.end();) {
         const Received received = entry->client->receive(0, sizeof(response_struct));
-        const bool isWhole = received.bytes.size() == sizeof(response_struct);
-        answered_ += isWhole ? 1 : 0;
-        const bool isDone = isWhole || received.ended || entry->untilMs < monotonicMs();
+        const bool isClosed = received.ended || received.bytes.size() == sizeof(response_struct);
+        closed_ += isClosed ? 1 : 0;
+        const bool isDone = isClosed || entry->untilMs < monotonicMs();
         entry = isDone ? asked_.erase(entry) : std::next(entry);
     }
 }
@@ -263,7 +263,11 @@ bool SoakFaults::keepSilent() {
 bool SoakFaults::sendAPart() {
     const reqcmd request = makeRequest(APPMONCTL_Stop, "nobody");
     const auto size = static_cast<std::size_t>(pick(1, sizeof request - 1));
-    return ask(request) && connected()->send(bytesOf(request).substr(0, size));
+    if (!ask(request) || !askWith(bytesOf(request).substr(0, size))) {
+        return false;
+    }
+    asked_.back().client->endSending(); // else the monitor waits for the rest
+    return true;
 }
 
 bool SoakFaults::vanishBeforeTheReply() {
@@ -288,7 +292,7 @@ bool SoakFaults::sendNonsense() {
         std::memset(&request.heartbeat, 0x80, sizeof request.heartbeat);
     }
     const std::string surplus(nonsense == 4 ? 5000 : 0, 'x');
-    return connected()->send(bytesOf(request) + surplus);
+    return askWith(bytesOf(request) + surplus);
 }
 
 bool SoakFaults::flood() {

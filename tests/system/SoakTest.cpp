@@ -173,7 +173,7 @@ protected:
         std::cout << seconds << " s: " << faults_->total() << " faults, " << passes_->count()
                   << " passes of " << passes_->longestPassMs() << " ms at most, "
                   << passes_->longestGapMs() << " ms apart at most, " << passes_->late().size()
-                  << " late, " << faults_->unanswered() << " connections without a reply"
+                  << " late, " << faults_->unclosed() << " connections not seen to be closed"
                   << ", longest pause of the watchdog " << longestFeedPauseMs() << " ms; "
                   << textOf(samples_.empty() ? first_ : samples_.back()) << std::endl;
     }
@@ -214,7 +214,7 @@ protected:
         EXPECT_EQ(last_.descriptors, first_.descriptors);
         // Deliberate: a connection without a reply stays open.
         EXPECT_LE(last_.connections,
-                  first_.connections + static_cast<std::size_t>(faults_->unanswered()));
+                  first_.connections + static_cast<std::size_t>(faults_->unclosed()));
         EXPECT_EQ(last_.threads, first_.threads);
         EXPECT_EQ(last_.children, 0U);
 #ifndef OVARD_IS_SANITIZED // whose own memory grows

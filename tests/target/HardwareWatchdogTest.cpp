@@ -94,7 +94,7 @@ TEST_F(HardwareWatchdog, MonitorThatLeavesItArmedIsReset) {
     ASSERT_NO_FATAL_FAILURE(startFeeding());
     ASSERT_TRUE(systemtest::writeFile("/tmp/watchdog_kick", ""));
     ASSERT_EQ(monitor_.terminate().text(), "status 0");
-    EXPECT_EQ(deviceFact("state"), "active");
+    ASSERT_EQ(deviceFact("state"), "active");
     sayMark("left_armed");
     awaitReset(kPatienceSec);
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/UniqueFd.h"
+#include "tests/system/AnotherMachine.h"
 #include "tests/system/FaultSupport.h"
 
 namespace systemtest {
@@ -153,46 +154,34 @@ constexpr Cause kDeath = {
 
 /// A monitor in a sandbox of its own; it comes to a launch under a limit of its threads and `more`.
 ProgramResult runAnotherMachine(const AnotherUser& user, const Cause& cause, int more) {
-    const std::string script =
-        "OVARD='" + daemonProgram() + "'; CONTROL='" + controlProgram() + "'; SAMPLE='" +
-        sampleProgram() + "'; set -- -d " + cause.options + "\n( " + user.monitorLines() +
+    return runOnAnotherMachine(
+        "set -- -d " + std::string(cause.options) + "\n( " + user.monitorLines() +
         ") >/tmp/console 2>&1 &\n"
         "until [ -S /tmp/appmon_sock ] && [ -n \"$(ls /tmp/pid/home/kelvo/root 2>/dev/null)\" ]; "
         "do sleep 0.05; done; sleep 0.5\n" +
         cause.preparation + "P=$(pidof ovard); T=$(ls /proc/$P/task | wc -l)\n" +
         user.limitCommand("$P", "$((T + " + std::to_string(more) + "))") + "\n" + cause.launch +
         "sleep 15\n"
-        "echo yes >/tmp/survived\n";
-    const auto folderOf = [](const std::string& path) { return path.substr(0, path.rfind('/')); };
-    return runProgram(sandboxProgram(),
-                      {"--keep", "--bring", folderOf(daemonProgram()), "--bring",
-                       folderOf(controlProgram()), "--bring", folderOf(sampleProgram()),
-                       "/bin/bash", "-c", script},
-                      {"OVARD_SANDBOX_INIT=" + sandboxInitProgram()}, 40000);
+        "echo yes >/tmp/survived\n");
 }
 
-void expectRestart(const ProgramResult& result, const std::string& reason) {
-    EXPECT_EQ(result.ending.text(), "status 90") << result.errors;
-    const std::string key = "sandbox: kept in ";
-    const std::size_t at = result.errors.find(key);
-    ASSERT_NE(at, std::string::npos) << result.errors;
-    const std::string folder = linesOf(result.errors.substr(at + key.size())).at(0);
-    EXPECT_EQ(readFile(folder + "/tmp/survived"), "");
-    const std::string log = readFile(folder + kDaemonLogPath);
+void expectRestartFor(const std::string& reason, const ProgramResult& result) {
+    expectRestart(result);
+    const std::string log = Remains(result).of(kDaemonLogPath);
     EXPECT_EQ(countOf(log, reason + "\n"), 1U) << log;
     EXPECT_EQ(countOf(log, kFatal + "\n"), 1U) << log;
 }
 
 TEST_F(FaultFork, FirstForkThatIsRefusedRestartsTheMachine) {
-    expectRestart(runAnotherMachine(user_, kRequest, 0), kRefused);
+    expectRestartFor(kRefused, runAnotherMachine(user_, kRequest, 0));
 }
 
 TEST_F(FaultFork, SecondForkThatIsRefusedRestartsTheMachine) {
-    expectRestart(runAnotherMachine(user_, kRequest, 1), "fork2: errno=11");
+    expectRestartFor("fork2: errno=11", runAnotherMachine(user_, kRequest, 1));
 }
 
 TEST_F(FaultFork, ReplacementThatIsRefusedRestartsTheMachine) {
-    expectRestart(runAnotherMachine(user_, kDeath, 0), kRefused);
+    expectRestartFor(kRefused, runAnotherMachine(user_, kDeath, 0));
 }
 
 } // namespace

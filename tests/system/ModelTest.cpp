@@ -28,10 +28,6 @@ constexpr std::uint64_t kRestMs = 60000;
 
 using Model = ModelWorld;
 
-std::string folderOf(const std::string& path) {
-    return path.substr(0, path.rfind('/'));
-}
-
 std::string variable(const char* name, std::uint64_t value) {
     return std::string(name) + "=" + std::to_string(value);
 }

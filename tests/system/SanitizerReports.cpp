@@ -16,17 +16,33 @@ constexpr const char* kReports = "/dev/sanitizer";
 
 } // namespace
 
-void collectSanitizerReports() {
+std::vector<std::string> sanitizersReportingTo(const std::string& prefix) {
+    std::vector<std::string> variables;
 #ifdef OVARD_IS_SANITIZED
+    for (const char* const name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+        const char* const options = std::getenv(name);
+        const std::string kept = options != nullptr ? std::string(options) + ":" : "";
+        variables.push_back(std::string(name) + "=" + kept + "log_path=" + prefix);
+    }
+#else
+    (void)prefix;
+#endif
+    return variables;
+}
+
+void collectSanitizerReports() {
+    const std::vector<std::string> variables =
+        sanitizersReportingTo(std::string(kReports) + "/report");
+    if (variables.empty()) {
+        return;
+    }
     (void)makeDirectories(kReports); // else no reports
     (void)::chmod(kReports, 01777);  // for monitors of other users
-    for (const char* const variable : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
-        const char* const options = std::getenv(variable);
-        const std::string kept = options != nullptr ? std::string(options) + ":" : "";
-        (void)::setenv(variable, (kept + "log_path=" + kReports + "/report").c_str(),
+    for (const std::string& variable : variables) {
+        const std::size_t sign = variable.find('=');
+        (void)::setenv(variable.substr(0, sign).c_str(), variable.substr(sign + 1).c_str(),
                        1); // as above
     }
-#endif
 }
 
 std::string takeSanitizerReports() {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace systemtest {
 
@@ -24,6 +25,11 @@ inline constexpr bool kThreadsAreSanitized = false;
 
 /// Threads that a sanitizer adds to a monitor.
 inline constexpr std::size_t kSanitizerThreads = kThreadsAreSanitized ? 1 : 0;
+
+/// Variables of the environment, "NAME=VALUE", with which a program writes what its sanitizer finds
+/// into files whose paths begin with `prefix`. They keep what else the environment asks of the
+/// sanitizers. None in builds without them.
+std::vector<std::string> sanitizersReportingTo(const std::string& prefix);
 
 /// Has every program that is started from now on write what its sanitizer finds into a file: the
 /// console of a monitor in the background leads nowhere, and nobody sees its exit status. Keeps

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "tests/system/AnotherMachine.h"
 #include "tests/system/Supervision.h"
 
 namespace systemtest {
@@ -251,61 +252,27 @@ TEST_F(SupervisionReboot, MissingWatchdogIsReportedOnly) {
 /// Runs a monitor in a sandbox of its own. "last" is started with these options of ovardctl and of
 /// its own, and killed, should it come so far, when it counts as running.
 ProgramResult runAnotherMachine(const std::string& control, const std::string& options) {
-    const std::string script =
+    return runOnAnotherMachine(
         "mkdir -p /home/kelvo/root\n"
-        "cp '" +
-        sampleProgram() +
-        "' /home/kelvo/root/first\n"
-        "cp '" +
-        sampleProgram() +
-        "' /home/kelvo/root/last\n"
-        "'" +
-        daemonProgram() +
-        "' -d -i 0 -s 2 -p 1 -v 4 >/tmp/console 2>&1 &\n"
+        "cp \"$SAMPLE\" /home/kelvo/root/first\n"
+        "cp \"$SAMPLE\" /home/kelvo/root/last\n"
+        "\"$OVARD\" -d -i 0 -s 2 -p 1 -v 4 >/tmp/console 2>&1 &\n"
         "until [ -S /tmp/appmon_sock ]; do sleep 0.05; done; sleep 0.5\n"
-        "'" +
-        controlProgram() +
-        "' start first --cmd /home/kelvo/root/first\n"
-        "'" +
-        controlProgram() + "' start last " + control +
+        "\"$CONTROL\" start first --cmd /home/kelvo/root/first\n"
+        "\"$CONTROL\" start last " +
+        control +
         " --pidfile /tmp/last.pid --cmd '/home/kelvo/root/last --exact-pidfile /tmp/last.pid " +
         options +
         "'\n"
         "until grep -q 'last.* running, is alive' /var/log/daemon.log; do sleep 0.05; done\n"
         "kill -9 \"$(head -n 1 /tmp/last.pid)\"\n"
         "sleep 15\n"
-        "echo yes >/tmp/survived\n";
-    const auto folderOf = [](const std::string& path) { return path.substr(0, path.rfind('/')); };
-    return runProgram(sandboxProgram(),
-                      {"--keep", "--bring", folderOf(daemonProgram()), "--bring",
-                       folderOf(controlProgram()), "--bring", folderOf(sampleProgram()),
-                       "/bin/bash", "-c", script},
-                      {"OVARD_SANDBOX_INIT=" + sandboxInitProgram()}, 40000);
+        "echo yes >/tmp/survived\n");
 }
 
-/// What is left of that sandbox.
-class Remains {
-public:
-    explicit Remains(const std::string& messages) {
-        const std::string key = "sandbox: kept in ";
-        for (const std::string& line : linesOf(messages)) {
-            if (line.find(key) == 0) {
-                folder_ = line.substr(key.size());
-            }
-        }
-    }
-    std::string of(const std::string& path) const { return readFile(folder_ + path); }
-
-private:
-    std::string folder_ = "/nonexistent";
-};
-
-void expectRestart(const ProgramResult& result) {
-    EXPECT_EQ(result.ending.text(), "status 90") << result.errors;
-    EXPECT_EQ(countOf(result.errors, "sandbox: the machine inside was restarted\n"), 1U)
-        << result.errors;
-    const Remains remains(result.errors);
-    EXPECT_EQ(remains.of("/tmp/survived"), "");
+void expectRebootSequence(const ProgramResult& result) {
+    expectRestart(result);
+    const Remains remains(result);
     EXPECT_EQ(remains.of(kWatchdogPath), "1\n");
     EXPECT_EQ(countOf(remains.of("/tmp/console"), "REBOOTING...\n"), 1U);
     EXPECT_EQ(countOf(remains.of(kDaemonLogPath), "Appmon reboot system\n"), 1U);
@@ -318,16 +285,15 @@ void expectRestart(const ProgramResult& result) {
 
 TEST_F(SupervisionReboot, KernelRestartsTheMachineAfterADeath) {
     const ProgramResult result = runAnotherMachine("--restart all", "");
-    expectRestart(result);
-    EXPECT_EQ(countOf(Remains(result.errors).of(kDaemonLogPath), "] reboot request\n"), 1U);
+    expectRebootSequence(result);
+    EXPECT_EQ(countOf(Remains(result).of(kDaemonLogPath), "] reboot request\n"), 1U);
 }
 
 TEST_F(SupervisionReboot, KernelRestartsTheMachineAfterAStartFailure) {
     const ProgramResult result =
         runAnotherMachine("--restart all --life-limit 600", "--crash-after 500");
-    expectRestart(result);
-    EXPECT_EQ(countOf(Remains(result.errors).of(kDaemonLogPath), "start failure, reboot request\n"),
-              1U);
+    expectRebootSequence(result);
+    EXPECT_EQ(countOf(Remains(result).of(kDaemonLogPath), "start failure, reboot request\n"), 1U);
 }
 
 } // namespace

@@ -32,11 +32,6 @@ std::string resolved(const std::string& path) {
     return ::realpath(path.c_str(), buffer) != nullptr ? buffer : path;
 }
 
-std::string folderOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
-}
-
 /// Mount points, the folders of the programs and the current directory: never to be removed.
 std::vector<std::string> protectedPaths() {
     std::vector<std::string> paths = {resolved("."), folderOf(resolved("/proc/self/exe"))};
@@ -172,6 +167,11 @@ bool isAllRead(int socket) {
 bool fileExists(const std::string& path) {
     struct stat facts = {};
     return ::lstat(path.c_str(), &facts) == 0;
+}
+
+std::string folderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
 }
 
 std::string readFile(const std::string& path) {

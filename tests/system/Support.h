@@ -59,6 +59,9 @@ bool isAllRead(int socket);
 
 bool fileExists(const std::string& path);
 
+/// The folder that a path lies in, "." for a bare name.
+std::string folderOf(const std::string& path);
+
 /// Content of a file; empty when it cannot be read.
 std::string readFile(const std::string& path);
 

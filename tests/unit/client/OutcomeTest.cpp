@@ -102,8 +102,8 @@ TEST(MakeReport, ExplainsAMissingReply) {
     EXPECT_EQ(timedOut.output, "");
     EXPECT_NE(timedOut.error.find("42 s"), std::string::npos);
     EXPECT_NE(timedOut.error.find("sends no reply"), std::string::npos);
-    // That one is answered before it has failed.
-    EXPECT_EQ(timedOut.error.find("a start"), std::string::npos);
+    // Any other start is answered before it has failed.
+    EXPECT_NE(timedOut.error.find("it has no memory for a start,"), std::string::npos);
     EXPECT_NE(timedOut.error.find("system log"), std::string::npos);
 
     const Report closed = reportOf(Result::ConnectionClosed, 0, 1);

@@ -1,5 +1,8 @@
 // The restart of the machine by the monitor, and what comes after it.
 
+#include <string>
+#include <vector>
+
 #include "tests/system/Segments.h"
 #include "tests/target/MachineTest.h"
 
@@ -12,26 +15,30 @@ using systemtest::publishedApp;
 constexpr const char* kRequests = "/home/requests";
 
 /// A monitor with two applications that are replaced when they fail, and one whose failure restarts
-/// the machine. It feeds the watchdog, whose driver admits nobody else: not the reboot's own
-/// command either.
+/// the machine.
 class Restart : public MachineTest {
 protected:
-    void bootMonitor() {
+    void bootMonitor(const std::vector<std::string>& options = {}) {
         std::vector<reqcmd> requests = makeManyRequests(2);
         requests.push_back(makeBeating("vital", RESTART_TYPE_ALL));
         ASSERT_TRUE(writeRequests(kRequests, requests));
-        ASSERT_TRUE(monitor_.startInBackground(
-            {"-x", kRequests, "-w", "0", "-i", "1", "-s", "2", "-p", "2"}));
+        std::vector<std::string> words = {"-x", kRequests, "-i", "1", "-s", "2", "-p", "2"};
+        words.insert(words.end(), options.begin(), options.end());
+        ASSERT_TRUE(monitor_.startInBackground(words));
         ASSERT_TRUE(areStarted(requests.size(), static_cast<int>(kRestSec * 1000) + 60000));
         ASSERT_GE(uptimeSec(), kRestSec) << "it is said to rest before";
+    }
+
+    void failAndAwaitReset() {
+        ASSERT_TRUE(systemtest::killAndWait(publishedApp("vital").pid));
+        sayMark("failure");
+        awaitReset(60);
     }
 };
 
 TEST_F(Restart, FailureUnderPolicyOneRestartsTheMachine) {
     ASSERT_NO_FATAL_FAILURE(bootMonitor());
-    ASSERT_TRUE(systemtest::killAndWait(publishedApp("vital").pid));
-    sayMark("failure");
-    awaitReset(60);
+    ASSERT_NO_FATAL_FAILURE(failAndAwaitReset());
 }
 
 TEST_F(Restart, ApplicationsAreSupervisedAgainAfterwards) {
@@ -42,6 +49,12 @@ TEST_F(Restart, ApplicationsAreSupervisedAgainAfterwards) {
     EXPECT_TRUE(eventually([&] { return publishedApp("app_1").pid != first; }));
     EXPECT_TRUE(areStarted(3, 30000));
     EXPECT_EQ(monitor_.terminate().text(), "ended");
+}
+
+/// The driver admits one opener, so the reboot's own command cannot write to the watchdog.
+TEST_F(Restart, MonitorThatHoldsTheWatchdogRestartsTheMachineToo) {
+    ASSERT_NO_FATAL_FAILURE(bootMonitor({"-w", "0"}));
+    ASSERT_NO_FATAL_FAILURE(failAndAwaitReset());
 }
 
 } // namespace

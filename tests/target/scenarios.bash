@@ -104,6 +104,8 @@ scenario_restart() {
         --gtest_filter=Restart.FailureUnderPolicyOneRestartsTheMachine
     expect_on_console "$1" "$remark" 'reboot: Restarting system'
     test_inside 250 Restart.ApplicationsAreSupervisedAgainAfterwards
+    run_until_reset guest-reset -60 60 failure 300 "$kTests" \
+        --gtest_filter=Restart.MonitorThatHoldsTheWatchdogRestartsTheMachineToo
     switch_off
 }
 

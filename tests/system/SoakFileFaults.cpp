@@ -13,8 +13,8 @@
 namespace systemtest {
 namespace {
 
-/// How long a pid file is gone, or is something else.
-constexpr int kPidFileAbsenceMs = 3000;
+/// How long a pid file or the event log is gone, or is something else.
+constexpr int kFileAbsenceMs = 3000;
 
 constexpr const char* kLogSocketPath = "/dev/log";
 
@@ -51,9 +51,9 @@ std::string SoakFaults::pidFileOfAny() {
     return "";
 }
 
-/// An application that was launched meanwhile has written its own; what it is then is kept.
+/// Where somebody has written the file anew meanwhile, it is kept.
 void SoakFaults::restoreLater(const std::string& path, const std::string& content) {
-    later(kPidFileAbsenceMs, [path, content] {
+    later(kFileAbsenceMs, [path, content] {
         if (!isFilledFile(path)) {
             (void)removeWhatever(path); // it may be gone
             (void)writeFile(path, content);
@@ -161,14 +161,16 @@ bool SoakFaults::blockLog() {
     return held->holds();
 }
 
+/// Nothing is logged in the soak, so that the monitor does not make it anew.
 bool SoakFaults::removeEventLog() {
+    restoreLater(kEventLogPath, readFile(kEventLogPath));
     return removeWhatever(kEventLogPath);
 }
 
 bool SoakFaults::replaceEventLog() {
+    restoreLater(kEventLogPath, readFile(kEventLogPath));
     const bool isRemoved = removeWhatever(kEventLogPath);
     const bool isReplaced = makeDirectory(kEventLogPath);
-    later(kSoakAbsenceMs, [] { (void)removeWhatever(kEventLogPath); });
     return isRemoved || isReplaced;
 }
 

@@ -130,11 +130,11 @@ typedef struct ovard_reply {
 /// OVARD_OK: the request is out and, unless `no_wait` is set, the reply is there: look at its code.
 /// Else the reply has code 0, an empty message, and `request_sent` as it came to be. The monitor
 /// sends no reply for some failures (a stop of one application, a restart of several, a start for
-/// which it has no memory), so OVARD_TIMED_OUT and OVARD_CONNECTION_CLOSED with `request_sent` set mean that the request may
-/// have been carried out, in part or wholly. It answers one connection at a time: when another one
-/// comes in while a request is carried out, the newer one can get the reply to the older request,
-/// and the older one none. So let one program of the machine send at a time, or look whether the
-/// message begins with the application's name.
+/// which it has no memory), so OVARD_TIMED_OUT and OVARD_CONNECTION_CLOSED with `request_sent` set
+/// mean that the request may have been carried out, in part or wholly. It answers one connection at
+/// a time: when another one comes in while a request is carried out, the newer one can get the
+/// reply to the older request, and the older one none. So let one program of the machine send at a
+/// time, or look whether the message begins with the application's name.
 ///
 /// Code 0 for a start tells that a process was made. Whether the program runs shows later: its
 /// published status is "started" then, and a failure is told in the system log.

@@ -1,5 +1,6 @@
 // The faults of the soak, in a random order. Each is over after three seconds at most, a lost
-// heartbeat after fifteen; of those that take something away there is one at a time.
+// heartbeat after fifteen; of those that take something away, pid files and the event log apart,
+// there is one at a time.
 
 #ifndef OVARD_TESTS_SYSTEM_SOAK_FAULTS_H
 #define OVARD_TESTS_SYSTEM_SOAK_FAULTS_H

@@ -61,7 +61,7 @@ bool ModelWorld::recognizeProcesses() {
         known.insert(numbered.second);
     }
     std::vector<pid_t> present = applicationProcesses();
-    for (const auto& [number, process] : model_.processes()) {
+    for (const auto& [number, process] : model_.machine().processes()) {
         const pid_t own = pidOf(number);
         const std::string& command = process.command;
         const auto found = std::find_if(present.begin(), present.end(), [&](pid_t pid) {
@@ -94,7 +94,7 @@ void ModelWorld::forgetProcesses() {
 
 std::string ModelWorld::differentProcesses() const {
     std::vector<std::string> expected;
-    for (const auto& [number, process] : model_.processes()) {
+    for (const auto& [number, process] : model_.machine().processes()) {
         expected.push_back(resolved(pidMark(number)) + " " + process.command);
     }
     std::vector<std::string> found;

@@ -1,14 +1,13 @@
-// The model's requests: what each action does to the registry, and its reply.
+// The model's requests: which action is for whom, and its reply.
 
 #include <algorithm>
 #include <cstring>
 
-#include "tests/system/ModelRegistry.h"
+#include "tests/system/ModelMonitor.h"
 
 namespace systemtest {
 namespace {
 
-constexpr int kNotFound = -20;
 constexpr int kStartFailed = -3;
 constexpr int kRestartAllFailed = -1;
 constexpr int kRestartPortAppsFailed = -5;
@@ -50,14 +49,18 @@ ModelResult silence(const reqcmd& request, int result) {
     return {request.nowait != 0 ? 0 : result, false, 0, ""};
 }
 
+ModelResult nothingRuns(const reqcmd& request) {
+    return reply(request, kModelNotFound, "no app is running. \n");
+}
+
 } // namespace
 
-ModelResult RegistryModel::receive(const std::string& bytes) {
+ModelResult ModelMonitor::receive(const std::string& bytes) {
     std::memcpy(&buffer_, bytes.data(), std::min(bytes.size(), sizeof buffer_));
     return execute(buffer_);
 }
 
-ModelResult RegistryModel::execute(const reqcmd& request) {
+ModelResult ModelMonitor::execute(const reqcmd& request) {
     const auto any = [](const ModelEntry&) { return true; };
     const auto onPort = [](const ModelEntry& entry) { return entry.portType != PORT_TYPE_NONE; };
     switch (request.action) {
@@ -91,121 +94,49 @@ ModelResult RegistryModel::execute(const reqcmd& request) {
     }
 }
 
-ModelResult RegistryModel::start(const reqcmd& request) {
-    (void)stopNamed(request); // as the monitor ignores it
-    if (std::any_of(entries_.begin(), entries_.end(), [&](const ModelEntry& other) {
-            return other.restartType == RESTART_TYPE_ALL && justEnded_.count(other.process) != 0;
-        })) {
-        isPredictable_ = false; // Does a pass restart all before this one is registered?
-    }
-    ModelEntry entry = entryOf(request);
-    const int result = launch(entry);
-    workStatus_ = entry.status;
-    if (result != 0) {
+ModelResult ModelMonitor::start(const reqcmd& request) {
+    if (registry_.start(received(request.name), entryOf(request)) != 0) {
         return silence(request, kStartFailed);
     }
-    if (erasesUnusable().value_or(true) && entry.pidfile.empty() &&
-        processes_.at(entry.process).byConvention) {
-        isPredictable_ = false; // Is its pid file there when the launch is followed?
-    }
-    entries_.push_back(entry);
+    const ModelEntry& entry = entries().back();
     return reply(request, 0,
                  entry.name + " [pid=" + pidMark(entry.process) + "] is started @DATE\n");
 }
 
-ModelResult RegistryModel::stop(const reqcmd& request) {
+ModelResult ModelMonitor::stop(const reqcmd& request) {
     const std::string name = registered(request.name);
-    const int result = stopNamed(request);
-    workStatus_ = APP_STATUS_INITIALIZING;
-    if (result == kNotFound) {
-        return reply(request, kNotFound, name + " is not found\n");
+    const int result = registry_.stop(received(request.name));
+    if (result == kModelNotFound) {
+        return reply(request, result, name + " is not found\n");
     }
-    return result == 0 ? reply(request, 0, name + " is stopped @DATE\n")
-                       : silence(request, kModelStopFailed);
+    return result == 0 ? reply(request, 0, name + " is stopped @DATE\n") : silence(request, result);
 }
 
-ModelResult RegistryModel::restart(const reqcmd& request) {
-    workStatus_ = APP_STATUS_INITIALIZING;
-    int result = 0;
-    for (ModelEntry& entry : entries_) {
-        if (entry.name != received(request.name)) {
-            continue;
-        }
-        if (entry.restartType == RESTART_TYPE_ALL) {
-            restartAllRequested_ = true;
-            continue;
-        }
-        ModelEntry copy = entry;
-        const int stopped = stopProcess(copy);
-        if (stopped != 0) {
-            result = stopped;
-            continue;
-        }
-        (void)launch(copy); // succeeds: nothing without a command is ever registered
-        entry.process = copy.process;
-        entry.startSetting = copy.startSetting;
-        entry.status = APP_STATUS_STARTING0;
-    }
+ModelResult ModelMonitor::restart(const reqcmd& request) {
     const std::string name = registered(request.name);
+    const int result = registry_.restart(received(request.name));
     return result == 0 ? reply(request, 0, name + " is restarted @DATE\n")
                        : reply(request, result, name + " fails to restart\n", kStartFailed);
 }
 
-template <typename Choice>
-ModelResult RegistryModel::stopMany(const reqcmd& request, const char* outcome, bool empties,
-                                    Choice choice) {
-    if (entries_.empty()) {
-        return reply(request, kNotFound, "no app is running. \n");
+ModelResult ModelMonitor::stopMany(const reqcmd& request, const char* outcome, bool empties,
+                                   const ModelRegistry::Choice& choice) {
+    if (entries().empty()) {
+        return nothingRuns(request);
     }
-    int result = 0;
-    for (std::size_t index = entries_.size(); index-- > 0;) {
-        if (!choice(entries_[index])) {
-            continue;
-        }
-        result = stopProcess(entries_[index]);
-        if (result == 0 && !empties) {
-            entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(index));
-        }
-    }
-    if (empties) {
-        entries_.clear();
-    }
+    const int result = registry_.stopMany(choice, empties);
     return reply(request, result, std::string(outcome) + " @DATE\n");
 }
 
-template <typename Choice>
-ModelResult RegistryModel::restartMany(const reqcmd& request, const char* outcome, int failure,
-                                       Choice choice) {
-    if (entries_.empty()) {
-        return reply(request, kNotFound, "no app is running. \n");
+ModelResult ModelMonitor::restartMany(const reqcmd& request, const char* outcome, int failure,
+                                      const ModelRegistry::Choice& choice) {
+    if (entries().empty()) {
+        return nothingRuns(request);
     }
-    for (ModelEntry& entry : entries_) {
-        if (!choice(entry)) {
-            continue;
-        }
-        ModelEntry copy = entry;
-        const int result = restartProcess(copy);
-        entry.status = workStatus_;
-        if (result != 0) {
-            return {failure, false, 0, ""};
-        }
-        entry.process = copy.process;
-        entry.startSetting = copy.startSetting;
+    if (registry_.restartMany(choice) != 0) {
+        return {failure, false, 0, ""};
     }
     return reply(request, 0, std::string(outcome) + " @DATE\n");
-}
-
-int RegistryModel::stopNamed(const reqcmd& request) {
-    int result = kNotFound;
-    for (auto entry = entries_.begin(); entry != entries_.end();) {
-        if (entry->name != received(request.name)) {
-            ++entry;
-            continue;
-        }
-        result = stopProcess(*entry);
-        entry = entries_.erase(entry);
-    }
-    return result;
 }
 
 } // namespace systemtest

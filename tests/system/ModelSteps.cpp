@@ -128,8 +128,8 @@ std::string textOf(const Step& step) {
         break;
     }
     return "the monitor ends by signal " + std::to_string(step.signal) + ", the next one " +
-           (step.monitor.discovers ? "looks" : "does not look") + " for applications and has a " +
-           (step.monitor.longGrace ? "long" : "short") + " grace";
+           (step.options.discovers ? "looks" : "does not look") + " for applications and has a " +
+           (step.options.longGrace ? "long" : "short") + " grace";
 }
 
 std::vector<std::string> programsOfSteps() {
@@ -141,7 +141,7 @@ std::vector<std::string> programsOfSteps() {
     return paths;
 }
 
-ModelResult apply(const Step& step, RegistryModel& model) {
+ModelResult apply(const Step& step, ModelMonitor& model) {
     ModelResult result;
     switch (step.kind) {
     case StepKind::Request:
@@ -166,7 +166,7 @@ ModelResult apply(const Step& step, RegistryModel& model) {
         model.setClock(step.setting);
         break;
     case StepKind::Monitor:
-        model.startMonitor(step.monitor);
+        model.start(step.options);
         break;
     }
     return result;
@@ -176,10 +176,10 @@ StepSource::StepSource(std::uint64_t seed, bool setsClock)
     : random_(seed)
     , setsClock_(setsClock) {}
 
-Step StepSource::next(const RegistryModel& model, int age) {
+Step StepSource::next(const ModelMonitor& model, int age) {
     for (int tries = 0; tries < kMostTries; ++tries) {
         Step step = candidate(model, age);
-        RegistryModel copy = model;
+        ModelMonitor copy = model;
         (void)apply(step, copy); // what the registry becomes is looked at
         copy.settle();
         if (copy.isPredictable() && copy.entries().size() <= kMostEntries) {
@@ -190,7 +190,7 @@ Step StepSource::next(const RegistryModel& model, int age) {
     return monitorStep(); // Without applications anything can go on.
 }
 
-Step StepSource::candidate(const RegistryModel& model, int age) {
+Step StepSource::candidate(const ModelMonitor& model, int age) {
     Step step;
     const std::vector<ProcessNumber> orphans = model.orphans();
     if (!orphans.empty() && !oneIn(4)) {
@@ -198,7 +198,7 @@ Step StepSource::candidate(const RegistryModel& model, int age) {
         step.process = pickFrom(orphans);
         return step;
     }
-    if (age >= kFirstPhaseSteps && !model.isFirstPhaseOver()) {
+    if (age >= kFirstPhaseSteps && !model.times().isFirstPhaseOver()) {
         step.kind = StepKind::FirstPhaseEnd;
         return step;
     }
@@ -212,12 +212,12 @@ Step StepSource::candidate(const RegistryModel& model, int age) {
     return kind <= 44 ? processStep(model) : requestStep(model);
 }
 
-Step StepSource::clockStep(const RegistryModel& model) {
+Step StepSource::clockStep(const ModelMonitor& model) {
     Step step;
     step.kind = StepKind::Clock;
     do {
         step.setting = pickFrom(kClockSettings);
-    } while (step.setting == model.clockSetting());
+    } while (step.setting == model.times().setting());
     return step;
 }
 
@@ -225,13 +225,13 @@ Step StepSource::monitorStep() {
     Step step;
     step.kind = StepKind::Monitor;
     step.signal = oneIn(2) ? SIGTERM : SIGKILL;
-    step.monitor.discovers = !oneIn(6);
-    step.monitor.longGrace = oneIn(2);
+    step.options.discovers = !oneIn(6);
+    step.options.longGrace = oneIn(2);
     return step;
 }
 
 /// Something that happens to an application, if there is one to which it may happen.
-Step StepSource::processStep(const RegistryModel& model) {
+Step StepSource::processStep(const ModelMonitor& model) {
     if (model.entries().empty()) {
         return requestStep(model);
     }
@@ -240,9 +240,10 @@ Step StepSource::processStep(const RegistryModel& model) {
     const ModelEntry& entry = model.entries()[step.entry];
     step.process = entry.process;
     const bool isAlive = model.isAlive(entry.process);
-    if (isAlive && !entry.pidfile.empty() && !model.isConfirmed(entry)) {
+    if (isAlive && !entry.pidfile.empty() && !entry.isConfirmedOn(model.machine())) {
         step.kind = StepKind::LatePidFile;
-    } else if (isAlive && model.processes().at(entry.process).beat == Beat::Fresh && oneIn(2)) {
+    } else if (isAlive && model.machine().processes().at(entry.process).beat == Beat::Fresh &&
+               oneIn(2)) {
         step.kind = StepKind::LostHeartbeat;
         step.beat = oneIn(2) ? Beat::Expired : Beat::Missing;
     } else if (isAlive) {
@@ -253,7 +254,7 @@ Step StepSource::processStep(const RegistryModel& model) {
     return step;
 }
 
-Step StepSource::requestStep(const RegistryModel& model) {
+Step StepSource::requestStep(const ModelMonitor& model) {
     Step step;
     const bool isBusy = model.entries().size() > 2;
     const reqcmd request = isBusy || oneIn(2) ? anyRequest() : startRequest();
@@ -262,7 +263,7 @@ Step StepSource::requestStep(const RegistryModel& model) {
         step.bytes.resize(pickFrom(kRecordEnds));
     }
     if (step.bytes.size() == sizeof request && request.action == APPMONCTL_Start && oneIn(8)) {
-        RegistryModel copy = model;
+        ModelMonitor copy = model;
         step.crashes = apply(step, copy).replied;
     }
     return step;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/system/ModelRegistry.h"
+#include "tests/system/ModelMonitor.h"
 
 namespace systemtest {
 
@@ -32,7 +32,7 @@ struct Step {
     std::size_t entry = 0;
     std::int64_t setting = 0;
     int signal = 0;
-    ModelMonitor monitor;
+    ModelOptions options; ///< of the other monitor
 };
 
 /// Steps of that kind, in words.
@@ -46,7 +46,7 @@ std::vector<std::string> programsOfSteps();
 
 /// Lets a step happen to the model, without the supervision that follows it. What a request has
 /// come to is the result.
-ModelResult apply(const Step& step, RegistryModel& model);
+ModelResult apply(const Step& step, ModelMonitor& model);
 
 /// A random sequence of steps whose outcome the model knows.
 class StepSource {
@@ -55,22 +55,22 @@ public:
     StepSource(std::uint64_t seed, bool setsClock);
 
     /// The next step for a monitor that the model describes, and that has seen `age` steps.
-    Step next(const RegistryModel& model, int age);
+    Step next(const ModelMonitor& model, int age);
 
     /// How often it has found none but the monitor's end.
     int lastResorts() const { return lastResorts_; }
 
 private:
-    Step candidate(const RegistryModel& model, int age);
-    Step requestStep(const RegistryModel& model);
+    Step candidate(const ModelMonitor& model, int age);
+    Step requestStep(const ModelMonitor& model);
     reqcmd anyRequest();
     reqcmd startRequest();
     reqcmd namedRequest();
     std::string command(const std::string& program, const std::string& pidFileOption,
                         const std::string& pidFile);
     Step monitorStep();
-    Step clockStep(const RegistryModel& model);
-    Step processStep(const RegistryModel& model);
+    Step clockStep(const ModelMonitor& model);
+    Step processStep(const ModelMonitor& model);
 
     bool oneIn(int count) { return pick(1, count) == 1; }
     int pick(int least, int most) {

@@ -96,7 +96,7 @@ ModelCounts ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
 Step ModelWorld::nextStep(StepSource& source) {
     Step step = source.next(model_, age_);
     const bool isLate = monotonicMs() - monitorSinceMs_ > kLatestStepMs;
-    if (isLate && !model_.isFirstPhaseOver() && step.kind != StepKind::Monitor) {
+    if (isLate && !model_.times().isFirstPhaseOver() && step.kind != StepKind::Monitor) {
         step = {};
         step.kind = StepKind::FirstPhaseEnd; // a slow machine: the seed alone does not tell
     }
@@ -138,15 +138,15 @@ void ModelWorld::happen(const Step& step) {
         break;
     case StepKind::Monitor:
         EXPECT_TRUE(endTheMonitor(step.signal));
-        startTheMonitor(step.monitor);
+        startTheMonitor(step.options);
         break;
     }
     (void)apply(step, model_); // only requests have a result
 }
 
-void ModelWorld::startTheMonitor(const ModelMonitor& monitor) {
-    std::vector<std::string> options = {"-v", "5", "-s", monitor.longGrace ? "3600" : "1"};
-    if (!monitor.discovers) {
+void ModelWorld::startTheMonitor(const ModelOptions& how) {
+    std::vector<std::string> options = {"-v", "5", "-s", how.longGrace ? "3600" : "1"};
+    if (!how.discovers) {
         options.emplace_back("-a");
     }
     ASSERT_TRUE(startSupervisor(options));
@@ -258,7 +258,8 @@ void ModelWorld::expectAgreement() {
 
 /// On a slow machine the first phase may end while the monitor is followed.
 void ModelWorld::noteEndOfFirstPhase(std::int64_t followedMs, const std::string& last) {
-    if (!model_.isFirstPhaseOver() && monotonicMs() - monitorSinceMs_ > kShortestFirstPhaseMs) {
+    if (!model_.times().isFirstPhaseOver() &&
+        monotonicMs() - monitorSinceMs_ > kShortestFirstPhaseMs) {
         EXPECT_LT(followedMs, kLastingMs) << last;
         history_.emplace_back("meanwhile the first half minute went by");
         counts_.add(nameOf(StepKind::FirstPhaseEnd));

@@ -10,7 +10,7 @@
 
 #include "tests/system/ModelConsole.h"
 #include "tests/system/ModelCounts.h"
-#include "tests/system/ModelRegistry.h"
+#include "tests/system/ModelMonitor.h"
 #include "tests/system/ModelSteps.h"
 #include "tests/system/Segments.h"
 #include "tests/system/Supervision.h"
@@ -28,7 +28,7 @@ private:
     Step nextStep(StepSource& source);
     void happen(const Step& step);
     void request(const Step& step);
-    void startTheMonitor(const ModelMonitor& monitor);
+    void startTheMonitor(const ModelOptions& how);
     bool endTheMonitor(int signal);
     static void loseHeartbeat(pid_t pid, Beat beat);
 
@@ -51,7 +51,7 @@ private:
     std::string resolved(std::string text) const;
     pid_t pidOf(ProcessNumber process) const;
 
-    RegistryModel model_;
+    ModelMonitor model_;
     ModelConsole console_;
     std::int64_t monitorSinceMs_ = 0;
     int age_ = 0; ///< steps that the monitor has seen

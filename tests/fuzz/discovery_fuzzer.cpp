@@ -80,10 +80,12 @@ application_segment readSegment(Input& input) {
     return segment;
 }
 
+/// A name without a NUL is cut by one character.
 bool isPublished(std::string_view name, const application_segment& segment) {
     return std::any_of(std::begin(segment.applications), std::end(segment.applications),
                        [name](const application_record& record) {
-                           return platform::fieldText(record.name) == name;
+                           constexpr std::size_t kLongest = sizeof record.name - 1;
+                           return platform::fieldText(record.name).substr(0, kLongest) == name;
                        });
 }
 

@@ -1,5 +1,5 @@
-// What ovardctl shows of segments and of an event log that anybody may have written: the input,
-// behind a first byte, as the beginning of either segment and as the log.
+// What ovardctl shows, and C programs get, of what anybody may have written: the input, behind a
+// first byte, as the beginning of either segment and of a reply, and as the event log.
 
 #include <algorithm>
 #include <cstddef>
@@ -7,8 +7,11 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "client/PublishedCopies.h"
 #include "client/ovardctl/EventLine.h"
+#include "client/ovardctl/Outcome.h"
 #include "client/ovardctl/Publication.h"
 #include "client/ovardctl/StatusView.h"
 #include "client/ovardctl/SystemView.h"
@@ -40,11 +43,15 @@ bool fitsTerminal(std::string_view text) {
     return true;
 }
 
-/// The beginning of the segment is `bytes`, the rest zero.
-template <typename Segment> Segment segmentOf(std::string_view bytes) {
-    Segment segment = {};
-    std::memcpy(&segment, bytes.data(), std::min(bytes.size(), sizeof segment));
-    return segment;
+/// The beginning of the record or segment is `bytes`, the rest zero.
+template <typename Record> Record recordOf(std::string_view bytes) {
+    Record record = {};
+    std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
+    return record;
+}
+
+template <std::size_t Size> bool isText(const char (&copy)[Size]) {
+    return ::strnlen(copy, Size) < Size;
 }
 
 /// A segment that was read whole, written at some other time, while a monitor runs or not.
@@ -75,8 +82,8 @@ void examineJson(const Report& report, std::size_t lines) {
 }
 
 void showSegments(const Publication& publication, std::string_view bytes) {
-    const auto applications = segmentOf<application_segment>(bytes);
-    const auto machine = segmentOf<system_segment>(bytes);
+    const auto applications = recordOf<application_segment>(bytes);
+    const auto machine = recordOf<system_segment>(bytes);
     const std::string name = "data_server";
     examineTables(makeStatusReport(publication, applications, "", kTables));
     examineTables(makeStatusReport(publication, applications, name, kTables));
@@ -84,6 +91,35 @@ void showSegments(const Publication& publication, std::string_view bytes) {
     examineJson(makeStatusReport(publication, applications, "", kJson), 0);
     examineJson(makeStatusReport(publication, applications, "", kJsonLine), 1);
     examineJson(makeSystemReport(publication, machine, kJsonLine), 1);
+}
+
+/// For C programs, with room for `capacity` applications and no more.
+void copySegments(std::string_view bytes, std::size_t capacity) {
+    const auto segment = recordOf<application_segment>(bytes);
+    const ovard_overview overview = ovard_client::copyOf(segment.header);
+    require(overview.published >= 0 && overview.published <= OVARD_MOST_APPLICATIONS,
+            "counts are bounded");
+    require(isText(overview.monitor_version) && isText(overview.monitor_date),
+            "texts of the monitor end");
+    std::vector<ovard_application> copies(capacity);
+    ovard_client::copyApplications(segment, copies.data(), capacity);
+    for (const ovard_application& copy : copies) {
+        require(isText(copy.name) && isText(copy.version) && isText(copy.status) &&
+                    isText(copy.port_type),
+                "texts of applications end");
+    }
+    const ovard_machine machine = ovard_client::copyOf(recordOf<system_segment>(bytes));
+    for (const ovard_interface& one : {machine.eth0, machine.eth1}) {
+        require(isText(one.ipv4) && isText(one.ipv6) && isText(one.dhcp_status) &&
+                    isText(one.dhcpv6_status),
+                "texts of interfaces end");
+    }
+}
+
+void showReply(std::string_view bytes) {
+    const std::string message = ovardctl::printableMessage(recordOf<response_struct>(bytes));
+    require(isPrintable(message), "nothing moves the cursor");
+    require(message.empty() || message.back() == '\n', "the last line is whole");
 }
 
 /// The log in two pieces, cut anywhere.
@@ -112,6 +148,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const Publication publication = publicationOf(input);
     const std::size_t cut = input.amount();
     showSegments(publication, input.rest());
+    copySegments(input.rest(), cut % (OVARD_MOST_APPLICATIONS + 1));
+    showReply(input.rest());
     showEvents(input.rest(), cut);
     return 0;
 }

@@ -125,7 +125,7 @@ TEST_F(FaultClock, ApplicationsAreTakenOverAfterASetting) {
 
 TEST_F(FaultClock, EventsHaveTheTimeThatIsSet) {
     Daemon daemon;
-    ASSERT_TRUE(daemon.startInForeground({"-b"}));
+    ASSERT_TRUE(daemon.startInForeground({"-b", "-i", "0"}));
     std::size_t events = eventLog().size();
     for (const std::int64_t setting : kSettings) {
         ASSERT_TRUE(SettableClock::set(setting));
@@ -133,6 +133,7 @@ TEST_F(FaultClock, EventsHaveTheTimeThatIsSet) {
         ++events;
         ASSERT_TRUE(eventually([&] { return eventLog().size() == events; }));
         EXPECT_NEAR(static_cast<double>(offsetOfEvents()), static_cast<double>(setting), 2);
+        letPassesGoBy(kPassesMs);
     }
 }
 

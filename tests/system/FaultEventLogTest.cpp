@@ -18,7 +18,8 @@ namespace {
 const std::string kHangUp = "Caught signal 1";
 const std::string kInterrupt = "Caught signal 2";
 
-const std::vector<std::string> kLoggingSignals = {"-b"};
+/// They have a pass in each turn of the main loop.
+const std::vector<std::string> kLoggingSignals = {"-b", "-i", "0"};
 
 /// More than a test has logged.
 constexpr std::size_t kMostSeen = 65536;

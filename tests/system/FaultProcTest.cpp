@@ -109,6 +109,7 @@ TEST_F(FaultProc, ApplicationThatDiesMeanwhileIsReplacedAfterwards) {
     ASSERT_TRUE(OwnMounts::change(monitorPid_, "mount --rbind /mnt /proc\n"));
     ASSERT_TRUE(publishesAReplacement(12 * kPatienceMs));
     expectAllIsWell("with /proc again");
+    EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
 }
 
 } // namespace

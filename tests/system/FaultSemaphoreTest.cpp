@@ -103,6 +103,7 @@ TEST_F(FaultSemaphore, DamageUnderARunningMonitorDoesNotDisturbItsEnd) {
         expectOrderlyEnd(daemon, damage.what);
         ASSERT_TRUE(tidyUp());
     }
+    EXPECT_EQ(readFile("/tmp/target"), "precious\n");
 }
 
 TEST_F(FaultSemaphore, DamageUnderAMonitorInTheBackgroundDoesNotDisturbItsEnd) {
@@ -111,6 +112,7 @@ TEST_F(FaultSemaphore, DamageUnderAMonitorInTheBackgroundDoesNotDisturbItsEnd) {
         ASSERT_TRUE(daemon.startInBackground(kOftenSupervising)) << damage.what;
         ASSERT_TRUE(apply(damage)) << damage.what;
         letPassesGoBy(kPassesMs);
+        EXPECT_TRUE(daemon.alive()) << damage.what;
         EXPECT_TRUE(daemon.terminate().ended) << damage.what;
         EXPECT_EQ(eventTexts().back(), "Application Monitor Stopped.") << damage.what;
         ASSERT_TRUE(tidyUp());

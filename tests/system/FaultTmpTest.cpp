@@ -31,7 +31,8 @@ protected:
     /// Requests that cannot be recorded are executed, and the console tells of each.
     void expectServedUnrecorded(const std::string& error) {
         const std::string recorded = readFile(kRecord);
-        const pid_t pid = launch(makeSupervised("late", kNoPolicy, "--no-pidfile"));
+        late_ = makeSupervised("late", kNoPolicy, "--no-pidfile");
+        const pid_t pid = launch(late_);
         EXPECT_TRUE(isRunning(pid));
         EXPECT_EQ(askFor(makeRequest(APPMONCTL_Stop, "late")).code, 0);
         EXPECT_TRUE(isGone(pid));
@@ -43,13 +44,17 @@ protected:
     }
 
     /// The next request is recorded, right behind the whole records that were there before.
-    static void expectRecordedAgain() {
+    void expectRecordedAgain() {
         expectServing(); // behind who has come so far
         const std::string recorded = readFile(kRecord);
+        EXPECT_EQ(countOf(recorded, bytesOf(late_)), 0U) << "it could not be recorded";
         EXPECT_EQ(recorded.size() % sizeof(reqcmd), 0U);
         expectServing();
         EXPECT_TRUE(readFile(kRecord) == recorded + bytesOf(makeRequest(APPMONCTL_Stop, "nobody")));
     }
+
+private:
+    reqcmd late_ = {};
 };
 
 const std::string kLost = "/tmp/appmon_sock is not the control socket any more";
@@ -226,6 +231,7 @@ TEST_F(FaultTmp, FolderThatVanishes) {
     ASSERT_TRUE(hasRecovered());
     expectRecordedAgain();
     expectAllIsWell("with /tmp again");
+    EXPECT_EQ(countLog(6, kBack), 1U);
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
     EXPECT_FALSE(fileExists(kSocketPath));
 }
@@ -234,8 +240,8 @@ TEST_F(FaultTmp, FolderThatVanishes) {
 
 class FaultTmpReplacement : public FaultTest {
 protected:
-    /// The application dies where no pid file can be written, so that each replacement fails as
-    /// well; once `recover` has been called, it runs again.
+    /// The application dies where no pid file can be written, so that its first replacement fails
+    /// as well; once `recover` has been called, it runs again.
     void expectReplaced(const std::function<bool()>& recover) {
         const auto stops = [] {
             const std::vector<std::string> texts = daemonLogTexts(6);
@@ -249,6 +255,7 @@ protected:
         ASSERT_TRUE(recover());
         ASSERT_TRUE(publishesAReplacement(12 * kPatienceMs));
         expectAllIsWell("afterwards");
+        EXPECT_EQ(daemonLogTexts(3), std::vector<std::string>{});
     }
 };
 

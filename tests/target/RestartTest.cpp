@@ -1,8 +1,12 @@
 // The restart of the machine by the monitor, and what comes after it.
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <string>
 #include <vector>
 
+#include "platform/UniqueFd.h"
 #include "tests/system/Segments.h"
 #include "tests/target/MachineTest.h"
 
@@ -54,6 +58,8 @@ TEST_F(Restart, ApplicationsAreSupervisedAgainAfterwards) {
 /// The driver admits one opener, so the reboot's own command cannot write to the watchdog.
 TEST_F(Restart, MonitorThatHoldsTheWatchdogRestartsTheMachineToo) {
     ASSERT_NO_FATAL_FAILURE(bootMonitor({"-w", "0"}));
+    ASSERT_FALSE(platform::openFile("/dev/watchdog", O_WRONLY).valid());
+    ASSERT_EQ(errno, EBUSY);
     ASSERT_NO_FATAL_FAILURE(failAndAwaitReset());
 }
 

@@ -1,5 +1,7 @@
 // What must be the same in the monitor and in the model of it.
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
@@ -49,8 +51,10 @@ std::string ModelWorld::difference() {
     if (!recognizeProcesses()) {
         return differentProcesses();
     }
-    const std::string segment = differentSegment();
-    return !segment.empty() ? segment : differentRegistry();
+    std::string different = differentSegment(); // learns pids that the others need
+    different += differentRegistry();
+    different += differentPriorities();
+    return different;
 }
 
 /// Learns the pids of launched processes: those with the same command line were launched in the
@@ -77,7 +81,7 @@ bool ModelWorld::recognizeProcesses() {
     return present.empty();
 }
 
-/// Ids are used again, but not while the registry names them.
+/// Ids are used again; what the registry names is kept.
 void ModelWorld::forgetProcesses() {
     const std::vector<ModelEntry>& entries = model_.entries();
     for (auto known = pids_.begin(); known != pids_.end();) {
@@ -104,6 +108,19 @@ std::string ModelWorld::differentProcesses() const {
     return unlike("processes", expected, found);
 }
 
+/// Where the monitor has no right to raise a priority, none is compared.
+std::string ModelWorld::differentPriorities() const {
+    std::string different;
+    for (const auto& [number, process] : model_.machine().processes()) {
+        const int expected = process.nice.value_or(inheritedNice_);
+        const int found = ::getpriority(PRIO_PROCESS, static_cast<id_t>(pidOf(number)));
+        if (inheritedNice_ < 0 && found != expected) {
+            different += unlike("priority", expected, found) + resolved(pidMark(number)) + "\n";
+        }
+    }
+    return different;
+}
+
 std::string ModelWorld::differentSegment() {
     const auto count = static_cast<std::int32_t>(model_.entries().size());
     if (publishedCount() != count) {
@@ -113,7 +130,8 @@ std::string ModelWorld::differentSegment() {
     std::vector<PublishedApp> expected;
     for (std::size_t index = 0; index < found.size(); ++index) {
         const ProcessNumber process = model_.entries()[index].process;
-        if (!model_.isAlive(process)) { // It may have come and gone since the last comparison.
+        if (!model_.isAlive(process) && found[index].pid > 0 && !isKnown(found[index].pid)) {
+            // It has come and gone since the last comparison.
             (void)pids_.emplace(process, found[index].pid);
         }
         expected.push_back(expectedRecord(index, found[index]));
@@ -158,7 +176,9 @@ PublishedApp ModelWorld::expectedRecord(std::size_t index, const PublishedApp& f
     app.name = entry.name.substr(0, kLongest);
     app.version = entry.version.substr(0, kLongest);
     app.pid = pid;
-    app.status = model_.publishedStatus(index).value_or(found.status);
+    const ModelStatusText& status = model_.publishedStatus(index);
+    const std::string starting = OVARD_APP_STATUS_STR[APP_STATUS_STARTING0];
+    app.status = status.orStarting && found.status == starting ? starting : status.text;
     app.nice = entry.priority;
     app.restartType = entry.restartType;
     app.lifeLimit = entry.lifeLimit;
@@ -186,6 +206,12 @@ std::string ModelWorld::expectedEntry(const ModelEntry& entry) const {
 pid_t ModelWorld::pidOf(ProcessNumber process) const {
     const auto found = pids_.find(process);
     return found != pids_.end() ? found->second : 0;
+}
+
+/// It is that of a process of the model.
+bool ModelWorld::isKnown(pid_t pid) const {
+    return std::any_of(pids_.begin(), pids_.end(),
+                       [pid](const auto& numbered) { return numbered.second == pid; });
 }
 
 /// A text of the model with pids in place of the marks.

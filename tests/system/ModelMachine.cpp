@@ -1,6 +1,7 @@
 #include "tests/system/ModelMachine.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 #include <optional>
 #include <sstream>
@@ -11,6 +12,9 @@ namespace {
 
 /// What the kernel keeps of a program's name.
 constexpr std::size_t kProcessName = 15;
+
+/// What stands in the pid files of the sample application.
+constexpr const char* kVersion = "1.0";
 
 std::vector<std::string> wordsOf(const std::string& command) {
     std::vector<std::string> words;
@@ -46,7 +50,7 @@ ModelProcess processOf(const std::string& command, ProcessNumber number) {
     process.pidFile = process.byConvention
                           ? "/tmp/pid" + process.program + ".pid." + pidMark(number)
                           : exact.value_or("");
-    process.version = optionIn(words, "--version").value_or("1.0");
+    process.obeys = !optionIn(words, "--ignore-term");
     process.beat = optionIn(words, "--heartbeat") ? Beat::Fresh : Beat::Missing;
     return process;
 }
@@ -65,9 +69,10 @@ bool ModelProcess::isCopyOf(const std::string& name) const {
 ProcessNumber ModelMachine::launch(const std::string& command, const std::string& expectedFile) {
     files_.erase(expectedFile);
     const ProcessNumber launched = ++lastProcess_;
-    const ModelProcess& process = processes_[launched] = processOf(command, launched);
+    const ModelProcess process = processOf(command, launched);
+    processes_[launched] = process;
     if (!process.pidFile.empty()) {
-        files_[process.pidFile] = {launched, process.version};
+        files_[process.pidFile] = {launched, kVersion};
         for (auto other = processes_.upper_bound(lastRested_); other->first != launched; ++other) {
             // Which of the two writes the file last?
             leaveOpenIf(other->second.pidFile == process.pidFile);
@@ -79,9 +84,11 @@ ProcessNumber ModelMachine::launch(const std::string& command, const std::string
 }
 
 void ModelMachine::stop(ProcessNumber process, const std::string& name) {
-    std::set<std::string> removed; // An application that is asked to end removes its pid file.
+    std::set<std::string> removed;
     const auto stopOne = [&](ProcessNumber one) {
-        removed.insert(processes_.at(one).pidFile);
+        if (processes_.at(one).obeys) {
+            removed.insert(processes_.at(one).pidFile);
+        }
         justStopped_.insert(one);
         end(one);
     };
@@ -94,9 +101,14 @@ void ModelMachine::stop(ProcessNumber process, const std::string& name) {
     while (const ProcessNumber copy = copyOf(name)) {
         stopOne(copy);
     }
-    // What is another one's now is not removed if the end was a kill.
+    // What is another one's now is not removed if it was killed before it could do so.
     leaveOpenIf(std::any_of(removed.begin(), removed.end(),
                             [&](const std::string& path) { return files_.count(path) != 0; }));
+}
+
+void ModelMachine::loseHeartbeat(ProcessNumber process, Beat beat) {
+    processes_.at(process).beat = beat;
+    processes_.at(process).obeys = false;
 }
 
 /// A pid file that names no process any more confirms nothing, so it may go too.
@@ -142,8 +154,8 @@ ModelMachine::oldest(const std::function<bool(const ModelProcess&)>& condition) 
 std::string ModelMachine::text() const {
     std::ostringstream stream;
     for (const auto& [number, process] : processes_) {
-        stream << "process " << pidMark(number) << " beat " << static_cast<int>(process.beat) << " "
-               << process.command << "\n";
+        stream << "process " << pidMark(number) << " beat " << static_cast<int>(process.beat)
+               << " nice " << process.nice.value_or(0) << " " << process.command << "\n";
     }
     for (const auto& [path, content] : files_) {
         stream << "file " << path << ": " << pidMark(content.first) << " " << content.second

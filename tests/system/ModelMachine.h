@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -25,9 +26,10 @@ struct ModelProcess {
     std::string program;       ///< its path
     std::string command;       ///< its words, joined by one blank
     std::string pidFile;       ///< that it writes; empty: none
-    std::string version;       ///< in that pid file
     bool byConvention = false; ///< the pid file has the name by which the monitor looks for it
+    bool obeys = true;         ///< ends when it is asked to, and removes its pid file then
     Beat beat = Beat::Missing;
+    std::optional<int> nice; ///< that it was given; else the monitor's own
 
     /// It is taken for a process of an application of that name.
     bool isCopyOf(const std::string& name) const;
@@ -50,8 +52,11 @@ public:
     /// A process ends by itself.
     void end(ProcessNumber process);
 
-    /// A process stops beating, and its last beat is old or forgotten.
-    void loseHeartbeat(ProcessNumber process, Beat beat) { processes_.at(process).beat = beat; }
+    /// A process stands still from now on, and its last beat is old or forgotten.
+    void loseHeartbeat(ProcessNumber process, Beat beat);
+
+    /// A process gets a priority.
+    void setNice(ProcessNumber process, int nice) { processes_.at(process).nice = nice; }
 
     /// A pid file with these contents is there now.
     void writePidFile(const std::string& path, ProcessNumber process, const std::string& version) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace systemtest {
 namespace {
@@ -37,28 +38,29 @@ void ModelMonitor::writePidFile(const ModelEntry& entry) {
     registry_.machine().writePidFile(entry.pidfile, entry.process, entry.version);
 }
 
-void ModelMonitor::settle() {
-    for (int passes = 0; passes < kMostPasses; ++passes) {
+int ModelMonitor::settle() {
+    for (int passes = 1; passes <= kMostPasses; ++passes) {
         const std::string before = text();
         registry_.pass();
         publish();
         if (text() == before) {
             registry_.machine().rest();
-            return;
+            return passes;
         }
     }
     registry_.machine().leaveOpenIf(true);
+    return kMostPasses;
 }
 
 void ModelMonitor::publish() {
-    statusTexts_.resize(std::max(statusTexts_.size(), entries().size()), "");
+    statusTexts_.resize(std::max(statusTexts_.size(), entries().size()));
     for (std::size_t index = 0; index < entries().size(); ++index) {
         const ModelEntry& entry = entries()[index];
-        std::optional<std::string>& status = statusTexts_[index];
+        ModelStatusText& status = statusTexts_[index];
         if (isPublished(entry.status)) {
-            status = OVARD_APP_STATUS_STR[entry.status];
-        } else if (entry.diedEarly && status != OVARD_APP_STATUS_STR[APP_STATUS_STARTING0]) {
-            status.reset(); // Was there a pass before it died?
+            status = {OVARD_APP_STATUS_STR[entry.status]};
+        } else if (entry.diedEarly && status.text != OVARD_APP_STATUS_STR[APP_STATUS_STARTING0]) {
+            status.orStarting = true;
         }
     }
 }
@@ -80,7 +82,7 @@ void ModelMonitor::start(const ModelOptions& options) {
 
 /// What the new monitor makes of a published application; none where no process is left of it.
 std::optional<ModelEntry> ModelMonitor::adopt(const ModelEntry& published,
-                                              const std::optional<std::string>& status) {
+                                              const ModelStatusText& status) {
     ModelMachine& machine = registry_.machine();
     ModelEntry entry = published;
     entry.name = published.name.substr(0, kPublishedText);
@@ -95,9 +97,9 @@ std::optional<ModelEntry> ModelMonitor::adopt(const ModelEntry& published,
     if (entry.process == 0) {
         return std::nullopt;
     }
-    machine.leaveOpenIf(!status);
-    const auto* const found = std::find(std::begin(OVARD_APP_STATUS_STR),
-                                        std::end(OVARD_APP_STATUS_STR), status.value_or(""));
+    machine.leaveOpenIf(status.orStarting);
+    const auto* const found =
+        std::find(std::begin(OVARD_APP_STATUS_STR), std::end(OVARD_APP_STATUS_STR), status.text);
     entry.status = found != std::end(OVARD_APP_STATUS_STR)
                        ? static_cast<int>(found - std::begin(OVARD_APP_STATUS_STR))
                        : APP_STATUS_INITIALIZING;
@@ -105,6 +107,7 @@ std::optional<ModelEntry> ModelMonitor::adopt(const ModelEntry& published,
     entry.portType = hasPortText ? entry.portType : PORT_TYPE_NONE;
     entry.cmd = machine.processes().at(entry.process).command;
     entry.heartbeat = false;
+    entry.hasPriority = false;
     entry.startSetting = bootSetting;
     entry.pidfile = machine.fileByConvention(entry.process);
     return entry;
@@ -123,8 +126,8 @@ std::vector<ProcessNumber> ModelMonitor::orphans() const {
 
 std::string ModelMonitor::text() const {
     std::string text = registry_.text();
-    for (const std::optional<std::string>& status : statusTexts_) {
-        text += "status text " + status.value_or("?") + "\n";
+    for (const ModelStatusText& status : statusTexts_) {
+        text += "status text " + status.text + (status.orStarting ? ", or of a start" : "") + "\n";
     }
     return text;
 }

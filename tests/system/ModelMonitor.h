@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "records/reqcmd.h"
+#include "tests/system/ModelMachine.h"
 #include "tests/system/ModelRegistry.h"
+#include "tests/system/ModelTimes.h"
 
 namespace systemtest {
 
@@ -26,6 +28,16 @@ struct ModelResult {
     bool replied = false;
     int code = 0;
     std::string message; ///< with "DATE" for a date and marks for pids
+
+    // The date, by the clock of that setting.
+    ProcessNumber startedOf = 0; ///< when that process was started; 0: when the request came
+    std::int64_t dateSetting = 0;
+};
+
+/// The published text of a status.
+struct ModelStatusText {
+    std::string text;
+    bool orStarting = false; ///< or that of a start, if there was a pass between two events
 };
 
 /// The monitor, its applications, and what happens to them.
@@ -38,7 +50,7 @@ public:
     /// The monitor begins; one before has gone.
     void start(const ModelOptions& options);
 
-    /// The first half minute is over; see ModelTimes, also for the clock.
+    /// See ModelTimes.
     void endFirstPhase() { registry_.times().endFirstPhase(); }
     void setClock(std::int64_t setting) { registry_.times().setClock(setting); }
 
@@ -48,15 +60,15 @@ public:
     /// A process is killed.
     void crash(ProcessNumber process);
 
-    /// A process stops beating, and its last beat is old or forgotten.
+    /// A process stands still, and its last beat is old or forgotten.
     void loseHeartbeat(ProcessNumber process, Beat beat);
 
     /// The pid file that an entry expects is there now.
     void writePidFile(const ModelEntry& entry);
 
-    /// Supervision passes go by until nothing changes any more. The grace of the youngest is over
-    /// then, where it is not the long one.
-    void settle();
+    /// Supervision passes go by until nothing changes any more, that many. The grace of the
+    /// youngest is over then, where it is not the long one.
+    int settle();
 
     bool isPredictable() const { return registry_.machine().isPredictable(); }
     const std::vector<ModelEntry>& entries() const { return registry_.entries(); }
@@ -67,8 +79,8 @@ public:
     /// Processes that no entry names.
     std::vector<ProcessNumber> orphans() const;
 
-    /// The published text of an entry's status, where it is known.
-    const std::optional<std::string>& publishedStatus(std::size_t index) const {
+    /// What is published of an entry's status.
+    const ModelStatusText& publishedStatus(std::size_t index) const {
         return statusTexts_.at(index);
     }
 
@@ -86,12 +98,11 @@ private:
                             const ModelRegistry::Choice& choice);
 
     void publish();
-    std::optional<ModelEntry> adopt(const ModelEntry& published,
-                                    const std::optional<std::string>& status);
+    std::optional<ModelEntry> adopt(const ModelEntry& published, const ModelStatusText& status);
 
     ModelRegistry registry_;
-    reqcmd buffer_ = {};                                  ///< what the last request has left
-    std::vector<std::optional<std::string>> statusTexts_; ///< published, by position
+    reqcmd buffer_ = {};                       ///< what the last request has left
+    std::vector<ModelStatusText> statusTexts_; ///< by position
 };
 
 } // namespace systemtest

@@ -4,6 +4,11 @@
 #include <utility>
 
 namespace systemtest {
+namespace {
+
+constexpr int kStopFailed = -4;
+
+} // namespace
 
 bool ModelEntry::isConfirmedOn(const ModelMachine& machine) const {
     return machine.isConfirmed(pidfile, process, version);
@@ -14,7 +19,7 @@ int ModelRegistry::start(const std::string& sentName, ModelEntry entry) {
     for (const ModelEntry& other : entries_) {
         // Does a pass restart all before this one is registered?
         machine_.leaveOpenIf(other.restartType == RESTART_TYPE_ALL &&
-                             machine_.hasJustBeenStopped(other.process));
+                             machine_.hasJustBeenStopped(other.process) && !isInGrace(other));
     }
     const int result = launch(entry);
     workStatus_ = entry.status;
@@ -31,12 +36,12 @@ int ModelRegistry::stop(const std::string& sentName) {
     workStatus_ = APP_STATUS_INITIALIZING;
     int result = kModelNotFound;
     for (auto entry = entries_.begin(); entry != entries_.end();) {
-        if (entry->name != sentName) {
+        if (entry->name == sentName) {
+            result = stopProcess(*entry);
+            entry = entries_.erase(entry);
+        } else {
             ++entry;
-            continue;
         }
-        result = stopProcess(*entry);
-        entry = entries_.erase(entry);
     }
     return result;
 }
@@ -47,11 +52,13 @@ int ModelRegistry::restart(const std::string& sentName) {
     for (ModelEntry& entry : entries_) {
         if (entry.name == sentName) {
             ModelEntry copy = entry;
-            const int restarted = restartProcess(copy);
-            if (restarted == 0) {
+            // The launch succeeds: nothing without a command is ever registered.
+            const int stopped = restartProcess(copy);
+            if (stopped == 0) {
                 take(entry, copy);
+                entry.hasPriority = copy.hasPriority;
             } else {
-                result = restarted;
+                result = stopped;
             }
         }
     }
@@ -82,6 +89,7 @@ int ModelRegistry::restartMany(const Choice& choice) {
                 take(entry, copy);
             }
             entry.status = workStatus_;
+            entry.hasPriority = false; // as in the work record, too
             if (result != 0) {
                 return result;
             }
@@ -98,14 +106,15 @@ int ModelRegistry::launch(ModelEntry& entry) {
     entry.process = machine_.launch(entry.cmd, entry.pidfile);
     entry.startSetting = times_.bootSetting();
     entry.status = APP_STATUS_STARTING0;
-    const bool isRestarted =
+    entry.hasPriority = false;
+    const bool hasPolicy =
         entry.restartType == RESTART_TYPE_SELF || entry.restartType == RESTART_TYPE_ALL;
     // Where its promise to beat is enough it is never confirmed, which has the boot reckoned anew.
     const bool mayTellTheBoot = tellsTheBoot(entry) && entry.heartbeat;
     const ProcessNumber launched = machine_.youngest();
     // Does the monitor learn the name before the grace is over?
     machine_.leaveOpenIf(machine_.processes().at(launched).byConvention &&
-                         (isRestarted || mayTellTheBoot) && !isInGrace(entry));
+                         (hasPolicy || mayTellTheBoot) && !isInGrace(entry));
     if (entry.process != launched) {
         takePidFileName(entry);
     }
@@ -116,7 +125,7 @@ int ModelRegistry::stopProcess(ModelEntry& entry) {
     if (entry.status == APP_STATUS_STARTING0 && !entry.pidfile.empty() &&
         !machine_.isAlive(entry.process)) {
         machine_.leaveOpenIf(machine_.hasJustBeenStopped(entry.process)); // Is it gone already?
-        return kModelStopFailed;
+        return kStopFailed;
     }
     machine_.stop(entry.process, entry.name);
     entry.status = APP_STATUS_STOPPED;
@@ -137,7 +146,8 @@ void ModelRegistry::takePidFileName(ModelEntry& entry) const {
     entry.pidfile = file.empty() ? entry.pidfile : file;
 }
 
-/// What a launch has made of a copy. The name of a pid file that it has learned is lost with it.
+/// What a restart has made of a copy. The name of a pid file is lost; so is that a process has not
+/// been given its priority, unless the caller takes that, too.
 void ModelRegistry::take(ModelEntry& entry, const ModelEntry& copy) {
     entry.process = copy.process;
     entry.startSetting = copy.startSetting;

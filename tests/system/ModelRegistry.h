@@ -28,8 +28,9 @@ struct ModelEntry {
     int restartType = RESTART_TYPE_SELF;
     int lifeLimit = 0;
     bool heartbeat = false;
-    bool diedEarly = false; ///< before its first status is sure to have been published
-    bool isInOrder = false; ///< the last pass found nothing wrong and has reckoned its uptime
+    bool hasPriority = false; ///< taken to have been given to its process
+    bool diedEarly = false;   ///< before its first status is sure to have been published
+    bool isInOrder = false;   ///< the last pass found nothing wrong and has reckoned its uptime
 
     // What settings of the clock make of its times; the time that it lives is left out.
     std::int64_t startSetting = 0; ///< by which its start time is reckoned
@@ -39,8 +40,7 @@ struct ModelEntry {
     bool isConfirmedOn(const ModelMachine& machine) const;
 };
 
-/// Results of actions that fail.
-inline constexpr int kModelStopFailed = -4;
+/// Results of actions that fail: nothing to be launched, nothing of that name.
 inline constexpr int kModelInvalid = -8;
 inline constexpr int kModelNotFound = -20;
 
@@ -52,15 +52,20 @@ public:
     /// Which entries an action is for.
     using Choice = std::function<bool(const ModelEntry&)>;
 
-    // What requests ask for. A name is compared as it was sent, whole. The result is 0, or the code
-    // of the last failure.
+    // What requests ask for. A name is compared as it was sent, whole. The result is 0, or why
+    // something failed.
 
     /// Stops what has the name, and launches and registers the entry.
     int start(const std::string& sentName, ModelEntry entry);
+
+    /// Stops and forgets what has the name. The result is that of the last stop, or kModelNotFound.
     int stop(const std::string& sentName);
+
+    /// Goes on behind a failure; the result is that of the last one.
     int restart(const std::string& sentName);
 
-    /// From the last entry to the first. `empties` has those forgotten, too, that fail to stop.
+    /// From the last entry to the first. `empties` has those forgotten, too, that fail to stop. The
+    /// result is that of the last stop.
     int stopMany(const Choice& choice, bool empties);
 
     /// Up to the first failure.
@@ -92,14 +97,14 @@ private:
     bool isInGrace(const ModelEntry& entry);
     void supervise(ModelEntry& entry);
     bool check(ModelEntry& entry);
+    void givePriority(ModelEntry& entry);
     void handleFailure(ModelEntry& entry);
     void restartAll();
 
     std::vector<ModelEntry> entries_;
     int workStatus_ = APP_STATUS_INITIALIZING; ///< what the last single action has left
     bool restartAllRequested_ = false;
-    bool hasDataServerRun_ =
-        false; ///< under this monitor; it reckons the time of the boot anew then
+    bool hasDataServerRun_ = false; ///< which has this monitor reckon the time of the boot anew
     ModelTimes times_;
     ModelMachine machine_;
 };

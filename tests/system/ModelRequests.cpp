@@ -1,6 +1,7 @@
 // The model's requests: which action is for whom, and its reply.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "tests/system/ModelMonitor.h"
@@ -57,7 +58,11 @@ ModelResult nothingRuns(const reqcmd& request) {
 
 ModelResult ModelMonitor::receive(const std::string& bytes) {
     std::memcpy(&buffer_, bytes.data(), std::min(bytes.size(), sizeof buffer_));
-    return execute(buffer_);
+    ModelResult result = execute(buffer_);
+    if (result.startedOf == 0) {
+        result.dateSetting = times().setting();
+    }
+    return result;
 }
 
 ModelResult ModelMonitor::execute(const reqcmd& request) {
@@ -99,8 +104,11 @@ ModelResult ModelMonitor::start(const reqcmd& request) {
         return silence(request, kStartFailed);
     }
     const ModelEntry& entry = entries().back();
-    return reply(request, 0,
-                 entry.name + " [pid=" + pidMark(entry.process) + "] is started @DATE\n");
+    ModelResult result =
+        reply(request, 0, entry.name + " [pid=" + pidMark(entry.process) + "] is started @DATE\n");
+    result.startedOf = entry.process;
+    result.dateSetting = entry.startSetting;
+    return result;
 }
 
 ModelResult ModelMonitor::stop(const reqcmd& request) {

@@ -3,19 +3,23 @@
 #ifndef OVARD_TESTS_SYSTEM_MODEL_STEPS_H
 #define OVARD_TESTS_SYSTEM_MODEL_STEPS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "records/reqcmd.h"
+#include "tests/system/ModelMachine.h"
 #include "tests/system/ModelMonitor.h"
 
 namespace systemtest {
 
 enum class StepKind {
-    Request,       ///< `bytes` come over the socket; with `crashes`, what was launched is killed
-    Crash,         ///< `process` is killed
-    LostHeartbeat, ///< `process` beats no more, and its last beat is what `beat` says
+    Request, ///< `bytes` come over the socket; with `crashes`, the process that it registered is
+             ///< killed
+    Crash,   ///< `process` is killed
+    LostHeartbeat, ///< `process` stands still, and its last beat is what `beat` says
     LatePidFile,   ///< the pid file of the entry `entry` is written
     FirstPhaseEnd, ///< the monitor's first half minute goes by
     Clock,         ///< the wall clock is set `setting` seconds away from the true time

@@ -1,5 +1,6 @@
 // What a supervision pass makes of the model's registry.
 
+#include <cstddef>
 #include <map>
 #include <optional>
 
@@ -89,6 +90,7 @@ void ModelRegistry::supervise(ModelEntry& entry) {
 
 /// One step of the state machine; true when the entry is in order.
 bool ModelRegistry::check(ModelEntry& entry) {
+    entry.hasPriority = entry.hasPriority && entry.status <= APP_STATUS_RUNNING;
     const auto rule = kRules.find(entry.status);
     if (rule == kRules.end()) {
         return false;
@@ -100,11 +102,23 @@ bool ModelRegistry::check(ModelEntry& entry) {
         hasDataServerRun_ = true;
         times_.reckonBoot();
     }
+    if (entry.status == APP_STATUS_RUNNING) {
+        givePriority(entry);
+    }
     const Outcome outcome = outcomeOf(entry, rule->second, machine_);
+    const bool isNew = entry.status <= APP_STATUS_STARTING0;
+    entry.hasPriority = entry.hasPriority && (isNew || outcome.isInOrder);
     entry.diedEarly =
         entry.status == APP_STATUS_STARTING0 && outcome.status == APP_STATUS_START_FAILURE;
     entry.status = outcome.status;
     return outcome.isInOrder;
+}
+
+void ModelRegistry::givePriority(ModelEntry& entry) {
+    if (!entry.hasPriority && entry.priority != 0 && machine_.isAlive(entry.process)) {
+        machine_.setNice(entry.process, entry.priority);
+    }
+    entry.hasPriority = true;
 }
 
 bool ModelRegistry::isInGrace(const ModelEntry& entry) {
@@ -115,7 +129,7 @@ bool ModelRegistry::isInGrace(const ModelEntry& entry) {
 
 void ModelRegistry::handleFailure(ModelEntry& entry) {
     if (entry.restartType == RESTART_TYPE_SELF) {
-        (void)restartProcess(entry); // If the stop fails, the next pass tries again.
+        (void)restartProcess(entry); // succeeds: only what was just launched may fail to stop
     } else if (entry.restartType == RESTART_TYPE_ALL) {
         // The machine restarts. The limits are either none or longer than anything lives here.
         machine_.leaveOpenIf(entry.status == APP_STATUS_START_FAILURE || entry.lifeLimit == 0 ||

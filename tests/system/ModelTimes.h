@@ -17,7 +17,8 @@ public:
     /// at rest.
     void beginMonitor(bool hasLongGrace);
 
-    /// Its first half minute is over, if the clock is not set meanwhile.
+    /// Half a minute has gone by. By a clock that stands as it did when the monitor's main loop
+    /// began, its first phase is over.
     void endFirstPhase() { isFirstPhaseOver_ = true; }
 
     /// The clock is set: 0, or at least half a minute away from the true time and from all other

@@ -1,13 +1,16 @@
 #include "tests/system/ModelWorld.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 #include <optional>
 
+#include "tests/system/AdoptionSupport.h"
 #include "tests/system/SettableClock.h"
 
 namespace systemtest {
@@ -20,6 +23,11 @@ constexpr int kAgreementMs = 60000;
 /// What differs for so long does not only need some passes more: the end of the first phase, which
 /// erases entries, must not hide it.
 constexpr int kLastingMs = 20000;
+
+/// How many passes the monitor may take for one of the model's, and for the grace of what was
+/// launched last.
+constexpr int kPassesForOne = 2;
+constexpr int kGracePasses = 6;
 
 /// How long it is checked that no reply comes.
 constexpr int kNoReplyMs = 20;
@@ -39,6 +47,12 @@ constexpr const char* kHeartbeatPath = "/dev/shm/meter_heartbeat.shared";
 constexpr std::size_t kHeartbeatHeader = 16;
 constexpr std::size_t kHeartbeatSlot = 16;
 constexpr std::size_t kLastBeatAt = 8;
+
+/// Dates are in seconds, and a reply may have taken a while.
+constexpr std::int64_t kDateToleranceSec = 2;
+
+/// What the log says of a launch, before the name.
+constexpr const char* kLaunchText = "start_process: name=";
 
 /// What precedes a pid in a reply.
 constexpr const char* kPidSign = "[pid=";
@@ -76,9 +90,12 @@ ModelCounts ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
         const Step step = nextStep(source);
         history_.push_back(std::to_string(number) + ": " + textOf(step));
         counts_.add(nameOf(step.kind));
+        const LogMark mark;
+        const ProcessNumber before = model_.machine().youngest();
         happen(step);
         if (!HasFailure()) {
             expectAgreement();
+            expectLaunches(mark, model_.machine().youngest() - before);
         }
     }
     EXPECT_EQ(source.lastResorts(), 0);
@@ -151,6 +168,8 @@ void ModelWorld::startTheMonitor(const ModelOptions& how) {
     }
     ASSERT_TRUE(startSupervisor(options));
     monitorSinceMs_ = monotonicMs();
+    inheritedNice_ = ::getpriority(PRIO_PROCESS, static_cast<id_t>(monitor_.pid()));
+    requests_ = 0;
     console_ = ModelConsole(linkOf(monitor_.pid(), "fd/1"));
 }
 
@@ -162,17 +181,16 @@ bool ModelWorld::endTheMonitor(int signal) {
 
 /// Sends the request and compares what comes of it at once.
 void ModelWorld::request(const Step& step) {
-    console_.update();
-    const std::size_t results = console_.results().size();
+    const std::int64_t askedSec = std::time(nullptr);
     Client client;
     ASSERT_TRUE(client.connect() && client.send(step.bytes));
     client.endSending(); // a short record is over then
     const ModelResult expected = model_.receive(step.bytes);
-    const Received received = client.receive(expected.replied ? kAgreementMs : 0);
+    ++requests_;
     ASSERT_TRUE(eventually(
         [&] {
             console_.update();
-            return console_.results().size() > results;
+            return console_.results().size() >= requests_;
         },
         kAgreementMs));
     EXPECT_EQ(console_.results().back(), expected.result);
@@ -180,7 +198,7 @@ void ModelWorld::request(const Step& step) {
     if (namesProcess) { // Else supervision may have gone on already.
         ASSERT_TRUE(eventually([this] { return recognizeProcesses(); })) << differentProcesses();
     }
-    expectReply(client, received, expected);
+    expectReply(client, expected, askedSec);
     if (step.crashes) {
         const ProcessNumber launched = model_.entries().back().process;
         EXPECT_TRUE(killAndWait(pids_.at(launched)));
@@ -188,9 +206,9 @@ void ModelWorld::request(const Step& step) {
     }
 }
 
-void ModelWorld::expectReply(Client& client, Received received, const ModelResult& expected) {
+void ModelWorld::expectReply(Client& client, const ModelResult& expected, std::int64_t askedSec) {
+    const Received received = client.receive(expected.replied ? kAgreementMs : kNoReplyMs);
     if (!expected.replied) {
-        received = client.receive(kNoReplyMs);
         EXPECT_EQ(received.bytes, "");
         EXPECT_FALSE(received.ended);
         return;
@@ -198,9 +216,32 @@ void ModelWorld::expectReply(Client& client, Received received, const ModelResul
     counts_.add(kReplies);
     ASSERT_EQ(received.bytes.size(), sizeof(response_struct));
     EXPECT_TRUE(received.ended);
-    response_struct reply = {};
-    std::memcpy(&reply, received.bytes.data(), sizeof reply);
-    EXPECT_EQ(toReply(reply), replyOf(expected.code, resolved(expected.message)));
+    response_struct record = {};
+    std::memcpy(&record, received.bytes.data(), sizeof record);
+    const Reply reply = toReply(record);
+    EXPECT_EQ(reply, replyOf(expected.code, resolved(expected.message)));
+    if (!reply.date.empty()) {
+        expectDate(reply, expected, askedSec);
+    }
+}
+
+void ModelWorld::expectDate(const Reply& reply, const ModelResult& expected,
+                            std::int64_t askedSec) const {
+    const bool isStart = expected.startedOf != 0;
+    const std::int64_t earliest = isStart ? startSecOf(pidOf(expected.startedOf)) : askedSec;
+    const std::int64_t latest = isStart ? earliest : std::time(nullptr);
+    const std::int64_t dateSec = timeOf(reply.date) - expected.dateSetting;
+    EXPECT_GE(dateSec, earliest - kDateToleranceSec) << reply;
+    EXPECT_LE(dateSec, latest + kDateToleranceSec) << reply;
+}
+
+/// What is launched and gone again at once is no difference that would last.
+void ModelWorld::expectLaunches(const LogMark& mark, ProcessNumber launched) const {
+    ProcessNumber told = 0;
+    for (const LogText& line : mark.lines(0)) {
+        told += line.text.find(kLaunchText) == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(told, launched);
 }
 
 /// Stops a process and makes its last beat old, or takes it out of the registry of heartbeats.
@@ -226,9 +267,11 @@ void ModelWorld::loseHeartbeat(pid_t pid, Beat beat) {
 /// Waits until supervision has come to where the model is. What agrees at once must still agree
 /// after the second pass.
 void ModelWorld::expectAgreement() {
-    model_.settle();
+    mostPasses_ = kGracePasses;
+    settleModel();
     ASSERT_TRUE(model_.isPredictable());
     console_.update();
+    EXPECT_EQ(console_.results().size(), requests_);
     const std::size_t before = console_.cycles();
     std::size_t seen = before;
     const std::map<ProcessNumber, pid_t> known = pids_;
@@ -253,7 +296,12 @@ void ModelWorld::expectAgreement() {
         },
         kAgreementMs);
     EXPECT_TRUE(agrees) << last;
+    EXPECT_LE(seen - before, mostPasses_);
     forgetProcesses();
+}
+
+void ModelWorld::settleModel() {
+    mostPasses_ += static_cast<std::size_t>(kPassesForOne * model_.settle());
 }
 
 /// On a slow machine the first phase may end while the monitor is followed.
@@ -264,7 +312,7 @@ void ModelWorld::noteEndOfFirstPhase(std::int64_t followedMs, const std::string&
         history_.emplace_back("meanwhile the first half minute went by");
         counts_.add(nameOf(StepKind::FirstPhaseEnd));
         model_.endFirstPhase();
-        model_.settle();
+        settleModel();
     }
 }
 

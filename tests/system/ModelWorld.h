@@ -3,11 +3,16 @@
 #ifndef OVARD_TESTS_SYSTEM_MODEL_WORLD_H
 #define OVARD_TESTS_SYSTEM_MODEL_WORLD_H
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "tests/system/Client.h"
+#include "tests/system/Logs.h"
 #include "tests/system/ModelConsole.h"
 #include "tests/system/ModelCounts.h"
 #include "tests/system/ModelMonitor.h"
@@ -32,8 +37,11 @@ private:
     bool endTheMonitor(int signal);
     static void loseHeartbeat(pid_t pid, Beat beat);
 
-    void expectReply(Client& client, Received received, const ModelResult& expected);
+    void expectReply(Client& client, const ModelResult& expected, std::int64_t askedSec);
+    void expectDate(const Reply& reply, const ModelResult& expected, std::int64_t askedSec) const;
+    void expectLaunches(const LogMark& mark, ProcessNumber launched) const;
     void expectAgreement();
+    void settleModel();
     void noteEndOfFirstPhase(std::int64_t followedMs, const std::string& last);
     bool recognizeProcesses();
     void forgetProcesses();
@@ -41,6 +49,7 @@ private:
     // What must be the same and is not, for people; empty when all is.
     std::string difference();
     std::string differentProcesses() const;
+    std::string differentPriorities() const;
     std::string differentSegment();
     std::string differentUptime(std::size_t index, const PublishedApp& found) const;
     std::string differentRegistry() const;
@@ -50,9 +59,13 @@ private:
     std::string history() const;
     std::string resolved(std::string text) const;
     pid_t pidOf(ProcessNumber process) const;
+    bool isKnown(pid_t pid) const;
 
     ModelMonitor model_;
     ModelConsole console_;
+    std::size_t requests_ = 0;   ///< that the monitor has executed
+    std::size_t mostPasses_ = 0; ///< in which it must agree after a step
+    int inheritedNice_ = 0;      ///< of the monitor, and so of what it launches
     std::int64_t monitorSinceMs_ = 0;
     int age_ = 0; ///< steps that the monitor has seen
     std::map<ProcessNumber, pid_t> pids_;

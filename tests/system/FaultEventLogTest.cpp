@@ -18,7 +18,7 @@ namespace {
 const std::string kHangUp = "Caught signal 1";
 const std::string kInterrupt = "Caught signal 2";
 
-/// They have a pass in each turn of the main loop.
+/// Options of a monitor that logs signals and has a pass in each turn of its main loop.
 const std::vector<std::string> kLoggingSignals = {"-b", "-i", "0"};
 
 /// More than a test has logged.

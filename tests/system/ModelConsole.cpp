@@ -41,6 +41,9 @@ void ModelConsole::take(const std::string& line) {
         if (sign != std::string::npos) { // else it is the line before the execution
             results_.push_back(std::stoi(line.substr(sign + resultSign.size())));
         }
+    } else if (beginsWith(line, "start_process ") &&
+               line.find(" after start_process_fork2=") != std::string::npos) {
+        ++launches_;
     } else if (beginsWith(line, "\t") && !shown_.empty() && !beginsWith(line, "\tstart_time = ") &&
                !beginsWith(line, "\tuptime = ")) {
         shown_.back() += line + "\n";

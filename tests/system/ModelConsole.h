@@ -1,4 +1,5 @@
-// What a monitor at verbosity 5 shows of its registry and of the requests that it executes.
+// What a monitor at verbosity 6 shows of its registry, of the requests that it executes and of its
+// launches.
 
 #ifndef OVARD_TESTS_SYSTEM_MODEL_CONSOLE_H
 #define OVARD_TESTS_SYSTEM_MODEL_CONSOLE_H
@@ -34,6 +35,9 @@ public:
     /// Results of the requests that were executed, in their order.
     const std::vector<int>& results() const { return results_; }
 
+    /// How often an application was launched.
+    int launches() const { return launches_; }
+
 private:
     void take(const std::string& line);
 
@@ -44,6 +48,7 @@ private:
     std::size_t cycles_ = 0;
     std::vector<std::string> registry_;
     std::vector<int> results_;
+    int launches_ = 0;
 };
 
 } // namespace systemtest

@@ -65,7 +65,7 @@ void ModelMonitor::publish() {
     }
 }
 
-void ModelMonitor::start(const ModelOptions& options) {
+void ModelMonitor::begin(const ModelOptions& options) {
     registry_.times().beginMonitor(options.longGrace);
     buffer_ = {};
     std::vector<ModelEntry> adopted;

@@ -48,7 +48,7 @@ struct ModelStatusText {
 class ModelMonitor {
 public:
     /// The monitor begins; one before has gone.
-    void start(const ModelOptions& options);
+    void begin(const ModelOptions& options);
 
     /// See ModelTimes.
     void endFirstPhase() { registry_.times().endFirstPhase(); }

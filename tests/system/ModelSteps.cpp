@@ -17,8 +17,7 @@ constexpr int kFirstPhaseSteps = 12;
 
 /// Seconds, hours and years, back and forward. No two differ by what makes the outcome hang on how
 /// long something has lived: by less than half a minute, by an hour, or by the limit of a life.
-/// None leads into the first 90 seconds since the boot, unless a pair runs for more than an hour
-/// and a half.
+/// None leads into the first 90 seconds since the boot, which was a day ago.
 const std::vector<std::int64_t> kClockSettings = {0, 40, -40, 7200, -7200, 315360000, -315360000};
 
 constexpr int kMostTries = 1000;
@@ -67,7 +66,7 @@ const std::vector<PidFileChoice> kPidFileChoices = {
     {kNoPidFile, false, "1.0"},
 };
 
-/// Names that no application is started under.
+/// Names that no start request has, unless it comes of a record that ends early.
 const std::vector<std::string> kOtherNames = {
     "nobody", "", "Meter", "met", "meter ", "recorder_with_a_name_of_forty_c"};
 
@@ -167,7 +166,7 @@ ModelResult apply(const Step& step, ModelMonitor& model) {
         model.setClock(step.setting);
         break;
     case StepKind::Monitor:
-        model.start(step.options);
+        model.begin(step.options);
         break;
     }
     return result;

@@ -26,6 +26,9 @@ constexpr std::uint64_t kDefaultWorlds = 16;
 constexpr std::uint64_t kStepMs = 6000;
 constexpr std::uint64_t kRestMs = 60000;
 
+/// Of the machines: no setting of the clock leads near their boot.
+constexpr int kUptimeSec = 100000;
+
 using Model = ModelWorld;
 
 std::string variable(const char* name, std::uint64_t value) {
@@ -35,7 +38,7 @@ std::string variable(const char* name, std::uint64_t value) {
 /// Starts this program anew, in a sandbox of its own, for one pair.
 bool startWorld(Program& program, std::uint64_t seed, std::uint64_t steps) {
     const std::string self = linkOf(::getpid(), "exe");
-    std::vector<std::string> words = {"--uptime", "1000"};
+    std::vector<std::string> words = {"--uptime", std::to_string(kUptimeSec)};
     for (const std::string& needed : {self, daemonProgram(), sampleProgram(), wallClockLibrary()}) {
         words.insert(words.end(), {"--bring", folderOf(needed)});
     }

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "tests/system/Client.h"
-#include "tests/system/Logs.h"
 #include "tests/system/ModelConsole.h"
 #include "tests/system/ModelCounts.h"
 #include "tests/system/ModelMonitor.h"
@@ -39,7 +38,6 @@ private:
 
     void expectReply(Client& client, const ModelResult& expected, std::int64_t askedSec);
     void expectDate(const Reply& reply, const ModelResult& expected, std::int64_t askedSec) const;
-    void expectLaunches(const LogMark& mark, ProcessNumber launched) const;
     void expectAgreement();
     void settleModel();
     void noteEndOfFirstPhase(std::int64_t followedMs, const std::string& last);
@@ -63,9 +61,10 @@ private:
 
     ModelMonitor model_;
     ModelConsole console_;
-    std::size_t requests_ = 0;   ///< that the monitor has executed
-    std::size_t mostPasses_ = 0; ///< in which it must agree after a step
-    int inheritedNice_ = 0;      ///< of the monitor, and so of what it launches
+    std::size_t requests_ = 0;         ///< that the monitor has executed
+    ProcessNumber launchedBefore_ = 0; ///< the last one under the monitor before
+    std::size_t mostPasses_ = 0;       ///< in which it must agree after a step
+    int inheritedNice_ = 0;            ///< of the monitor, and so of what it launches
     std::int64_t monitorSinceMs_ = 0;
     int age_ = 0; ///< steps that the monitor has seen
     std::map<ProcessNumber, pid_t> pids_;

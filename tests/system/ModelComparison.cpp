@@ -169,12 +169,11 @@ std::string ModelWorld::differentRegistry() const {
 
 /// What must be published of an entry; where the model leaves it open, what is published.
 PublishedApp ModelWorld::expectedRecord(std::size_t index, const PublishedApp& found) const {
-    constexpr std::size_t kLongest = 31;
     const ModelEntry& entry = model_.entries()[index];
     const pid_t pid = pidOf(entry.process);
     PublishedApp app;
-    app.name = entry.name.substr(0, kLongest);
-    app.version = entry.version.substr(0, kLongest);
+    app.name = entry.name.substr(0, kModelPublishedText);
+    app.version = entry.version.substr(0, kModelPublishedText);
     app.pid = pid;
     const ModelStatusText& status = model_.publishedStatus(index);
     const std::string starting = OVARD_APP_STATUS_STR[APP_STATUS_STARTING0];

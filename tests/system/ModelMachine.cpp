@@ -155,7 +155,8 @@ std::string ModelMachine::text() const {
     std::ostringstream stream;
     for (const auto& [number, process] : processes_) {
         stream << "process " << pidMark(number) << " beat " << static_cast<int>(process.beat)
-               << " nice " << process.nice.value_or(0) << " " << process.command << "\n";
+               << " nice " << (process.nice ? std::to_string(*process.nice) : "of the monitor")
+               << " " << process.command << "\n";
     }
     for (const auto& [path, content] : files_) {
         stream << "file " << path << ": " << pidMark(content.first) << " " << content.second

@@ -91,7 +91,7 @@ public:
     /// The pid file of a process that the monitor finds by its name; empty: none is there.
     std::string fileByConvention(ProcessNumber process) const;
 
-    /// Everything, for people.
+    /// All that passes change, for people.
     std::string text() const;
 
 private:

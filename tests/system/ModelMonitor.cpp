@@ -10,9 +10,6 @@ namespace {
 /// More than any chain of consequences that comes to an end.
 constexpr int kMostPasses = 12;
 
-/// What is published of a text.
-constexpr std::size_t kPublishedText = 31;
-
 bool isPublished(int status) {
     return status >= APP_STATUS_STARTING0 && status <= APP_STATUS_STOPPED;
 }
@@ -85,8 +82,8 @@ std::optional<ModelEntry> ModelMonitor::adopt(const ModelEntry& published,
                                               const ModelStatusText& status) {
     ModelMachine& machine = registry_.machine();
     ModelEntry entry = published;
-    entry.name = published.name.substr(0, kPublishedText);
-    entry.version = published.version.substr(0, kPublishedText);
+    entry.name = published.name.substr(0, kModelPublishedText);
+    entry.version = published.version.substr(0, kModelPublishedText);
     const std::int64_t bootSetting = times().bootSetting();
     const bool fits = machine.isAlive(entry.process) &&
                       machine.processes().at(entry.process).isCopyOf(entry.name) &&

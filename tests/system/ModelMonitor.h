@@ -16,6 +16,9 @@
 
 namespace systemtest {
 
+/// How many characters of a text are published.
+inline constexpr std::size_t kModelPublishedText = 31;
+
 /// How a monitor is started.
 struct ModelOptions {
     bool discovers = true;  ///< looks for the applications of the one before
@@ -84,7 +87,7 @@ public:
         return statusTexts_.at(index);
     }
 
-    /// Everything, for people.
+    /// All that passes change, for people; supervision rests when it stays the same.
     std::string text() const;
 
 private:

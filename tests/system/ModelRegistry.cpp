@@ -4,11 +4,6 @@
 #include <utility>
 
 namespace systemtest {
-namespace {
-
-constexpr int kStopFailed = -4;
-
-} // namespace
 
 bool ModelEntry::isConfirmedOn(const ModelMachine& machine) const {
     return machine.isConfirmed(pidfile, process, version);
@@ -125,7 +120,7 @@ int ModelRegistry::stopProcess(ModelEntry& entry) {
     if (entry.status == APP_STATUS_STARTING0 && !entry.pidfile.empty() &&
         !machine_.isAlive(entry.process)) {
         machine_.leaveOpenIf(machine_.hasJustBeenStopped(entry.process)); // Is it gone already?
-        return kStopFailed;
+        return kModelStopFailed;
     }
     machine_.stop(entry.process, entry.name);
     entry.status = APP_STATUS_STOPPED;
@@ -168,13 +163,15 @@ void ModelRegistry::begin(std::vector<ModelEntry> entries) {
 std::string ModelRegistry::text() const {
     std::ostringstream stream;
     stream << "work record " << workStatus_ << (restartAllRequested_ ? ", restart all" : "")
-           << "\n";
+           << (hasDataServerRun_ ? ", the data server has run" : "") << "\n";
     for (const ModelEntry& entry : entries_) {
         stream << "entry \"" << entry.name << "\" pid " << pidMark(entry.process) << " status "
                << entry.status << " pidfile \"" << entry.pidfile << "\" policy "
                << entry.restartType << " limit " << entry.lifeLimit << " heartbeat "
                << entry.heartbeat << " clock of the start " << entry.startSetting << " excess "
-               << entry.excessSec << "\n";
+               << entry.excessSec << (entry.hasPriority ? ", has its priority" : "")
+               << (entry.diedEarly ? ", died early" : "") << (entry.isInOrder ? ", in order" : "")
+               << "\n";
     }
     return stream.str() + times_.text() + machine_.text();
 }

@@ -40,8 +40,12 @@ struct ModelEntry {
     bool isConfirmedOn(const ModelMachine& machine) const;
 };
 
-/// Results of actions that fail: nothing to be launched, nothing of that name.
-inline constexpr int kModelInvalid = -8;
+/// Results of actions that fail.
+inline constexpr int kModelRestartAllFailed = -1;
+inline constexpr int kModelStartFailed = -3;
+inline constexpr int kModelStopFailed = -4;
+inline constexpr int kModelRestartPortAppsFailed = -5;
+inline constexpr int kModelInvalid = -8; ///< no such action, or nothing that could be launched
 inline constexpr int kModelNotFound = -20;
 
 /// Entries in the order of their registration, and the machine that they act on.
@@ -83,7 +87,7 @@ public:
     ModelTimes& times() { return times_; }
     const ModelTimes& times() const { return times_; }
 
-    /// Everything, for people.
+    /// All that passes change, for people.
     std::string text() const;
 
 private:

@@ -9,10 +9,6 @@
 namespace systemtest {
 namespace {
 
-constexpr int kStartFailed = -3;
-constexpr int kRestartAllFailed = -1;
-constexpr int kRestartPortAppsFailed = -5;
-
 /// A text as it arrives: up to its NUL or the end of the field.
 template <std::size_t Size> std::string received(const char (&field)[Size]) {
     return {field, ::strnlen(field, Size)};
@@ -83,14 +79,14 @@ ModelResult ModelMonitor::execute(const reqcmd& request) {
     case APPMONCTL_Restart:
         return restart(request);
     case APPMONCTL_Restart_All:
-        return restartMany(request, "all apps were restarted", kRestartAllFailed, any);
+        return restartMany(request, "all apps were restarted", kModelRestartAllFailed, any);
     case APPMONCTL_Restart_All_But:
         return restartMany(
-            request, "all apps but sec_server were restarted", kRestartAllFailed,
+            request, "all apps but sec_server were restarted", kModelRestartAllFailed,
             [](const ModelEntry& entry) { return entry.restartType == RESTART_TYPE_SELF; });
     case APPMONCTL_Restart_PortApps:
         return restartMany(request, "all apps on communication ports were restarted",
-                           kRestartPortAppsFailed, onPort);
+                           kModelRestartPortAppsFailed, onPort);
     case APPMONCTL_Reserved9:
     case APPMONCTL_Reserved10:
         return {};
@@ -101,7 +97,7 @@ ModelResult ModelMonitor::execute(const reqcmd& request) {
 
 ModelResult ModelMonitor::start(const reqcmd& request) {
     if (registry_.start(received(request.name), entryOf(request)) != 0) {
-        return silence(request, kStartFailed);
+        return silence(request, kModelStartFailed);
     }
     const ModelEntry& entry = entries().back();
     ModelResult result =
@@ -124,7 +120,7 @@ ModelResult ModelMonitor::restart(const reqcmd& request) {
     const std::string name = registered(request.name);
     const int result = registry_.restart(received(request.name));
     return result == 0 ? reply(request, 0, name + " is restarted @DATE\n")
-                       : reply(request, result, name + " fails to restart\n", kStartFailed);
+                       : reply(request, result, name + " fails to restart\n", kModelStartFailed);
 }
 
 ModelResult ModelMonitor::stopMany(const reqcmd& request, const char* outcome, bool empties,

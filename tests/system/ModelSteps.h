@@ -16,9 +16,9 @@
 namespace systemtest {
 
 enum class StepKind {
-    Request, ///< `bytes` come over the socket; with `crashes`, the process that it registered is
-             ///< killed
-    Crash,   ///< `process` is killed
+    /// `bytes` come over the socket; with `crashes`, the process that it registered is killed
+    Request,
+    Crash,         ///< `process` is killed
     LostHeartbeat, ///< `process` stands still, and its last beat is what `beat` says
     LatePidFile,   ///< the pid file of the entry `entry` is written
     FirstPhaseEnd, ///< the monitor's first half minute goes by

@@ -1,7 +1,7 @@
 // What the random steps of the model-based test bring about, by the model alone: a comparison says
 // nothing about what never happens.
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "records/codes.h"
 #include "tests/system/ModelMonitor.h"
 #include "tests/system/ModelSteps.h"
 
@@ -34,25 +33,30 @@ const std::vector<std::string> kOutcomes = {
     "code -20",
     "code -4",
     "start failed",
+    "restart failed",
     "stop failed",
-    "a restart of several failed",
+    "restart of all failed",
+    "restart of those on ports failed",
     "unknown action",
-    "status 0",
-    "status 1",
-    "status 3",
-    "status 4",
-    "status 6",
-    "status 8",
+    "now of status 0",
+    "now of status 1",
+    "now of status 3",
+    "now of status 4",
+    "now of status 6",
+    "now of status 8",
 };
 
 using Outcomes = std::map<std::string, int>;
 
 void countResult(const ModelResult& result, Outcomes& outcomes) {
-    static const std::map<int, std::string> kFailures = {{-1, "a restart of several failed"},
-                                                         {-3, "start failed"},
-                                                         {-4, "stop failed"},
-                                                         {-5, "a restart of several failed"},
-                                                         {-8, "unknown action"}};
+    static const std::map<int, std::string> kFailures = {
+        {kModelRestartAllFailed, "restart of all failed"},
+        {kModelStopFailed, "stop failed"},
+        {kModelRestartPortAppsFailed, "restart of those on ports failed"},
+        {kModelInvalid, "unknown action"}};
+    if (result.result == kModelStartFailed) { // a restart that fails has a reply
+        ++outcomes[result.message.empty() ? "start failed" : "restart failed"];
+    }
     const auto failure = kFailures.find(result.result);
     if (failure != kFailures.end()) {
         ++outcomes[failure->second];
@@ -65,6 +69,22 @@ void countResult(const ModelResult& result, Outcomes& outcomes) {
 void countAdoption(const ModelMonitor& before, const ModelMonitor& after, Outcomes& outcomes) {
     outcomes["adopted"] += after.entries().empty() ? 0 : 1;
     outcomes["not found any more"] += after.entries().size() < before.entries().size() ? 1 : 0;
+}
+
+/// -1: there is no entry of that name.
+int statusIn(const ModelMonitor& model, const std::string& name) {
+    const std::vector<ModelEntry>& entries = model.entries();
+    const auto found = std::find_if(entries.begin(), entries.end(),
+                                    [&](const ModelEntry& entry) { return entry.name == name; });
+    return found != entries.end() ? found->status : -1;
+}
+
+/// The statuses that entries rest at, and have not had before the step.
+void countStatuses(const ModelMonitor& before, const ModelMonitor& after, Outcomes& outcomes) {
+    for (const ModelEntry& entry : after.entries()) {
+        const bool isNew = statusIn(before, entry.name) != entry.status;
+        outcomes["now of status " + std::to_string(entry.status)] += isNew ? 1 : 0;
+    }
 }
 
 int prioritiesOf(const ModelMonitor& model) {
@@ -84,9 +104,6 @@ void countSupervision(const ModelMonitor& before, const ModelMonitor& after, Out
     outcomes["boot time reckoned anew"] +=
         after.times().bootSetting() != before.times().bootSetting() ? 1 : 0;
     outcomes["given a priority"] += prioritiesOf(after) > prioritiesOf(before) ? 1 : 0;
-    for (const ModelEntry& entry : after.entries()) {
-        ++outcomes["status " + std::to_string(entry.status)];
-    }
 }
 
 void countSteps(std::uint64_t seed, Outcomes& outcomes) {
@@ -104,6 +121,7 @@ void countSteps(std::uint64_t seed, Outcomes& outcomes) {
         const ModelMonitor unsettled = model;
         (void)model.settle(); // how long it takes
         countSupervision(unsettled, model, outcomes);
+        countStatuses(before, model, outcomes);
         age = step.kind == StepKind::Monitor ? 0 : age + 1;
     }
     EXPECT_EQ(source.lastResorts(), 0) << "seed " << seed;

@@ -24,10 +24,10 @@ constexpr int kAgreementMs = 60000;
 /// erases entries, must not hide it.
 constexpr int kLastingMs = 20000;
 
-/// How many passes the monitor may take for one of the model's, and for the grace of what was
-/// launched last.
+/// How many passes the monitor may take for one of the model's, and for the second of grace of what
+/// was launched last: with the pause of the main loop a pass takes a tenth of a second at least.
 constexpr int kPassesForOne = 2;
-constexpr int kGracePasses = 6;
+constexpr int kGracePasses = 10;
 
 /// How long it is checked that no reply comes.
 constexpr int kNoReplyMs = 20;
@@ -82,6 +82,7 @@ ModelCounts ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
     const bool setsClock = SettableClock::isReadBy(monitor_.pid());
     EXPECT_TRUE(setsClock || !SettableClock::isPossible() || !loadsLibraries(monitor_.pid()));
     counts_.add(kClocks, setsClock ? 1 : 0);
+    counts_.add(kRaisedPriorities, inheritedNice_ < 0 ? 1 : 0);
     StepSource source(seed, setsClock);
     for (std::uint64_t number = 1; number <= steps && !HasFailure(); ++number) {
         const Step step = nextStep(source);

@@ -284,5 +284,5 @@ int AppManager::is_uint(const char* text) {
 }
 
 int AppManager::updateUptime(std::time_t start) {
-    return static_cast<int>(platform::currentTime() - start);
+    return static_cast<int>(std::int64_t{platform::currentTime()} - start);
 }

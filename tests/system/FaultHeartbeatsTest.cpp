@@ -4,6 +4,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,18 +17,48 @@ namespace {
 
 constexpr const char* kHeartbeats = "/dev/shm/meter_heartbeat.shared";
 
+/// How often an application beats: several times between two passes, and once in many.
+constexpr int kBeatMs = 100;
+constexpr int kRareBeatMs = 20000;
+
 const std::string kMissing = "start_time=DATE running, heartbeat missing";
 
 class FaultHeartbeats : public FaultTest {
 protected:
     /// Launches an application that beats, as its request has promised, and waits until it counts
     /// as running.
-    void startBeating(int policy) {
+    void startBeating(int policy, int intervalMs = kBeatMs) {
         ASSERT_TRUE(startPublisher());
         monitorPid_ = monitor_.pid();
-        request_ = makeSupervised("beating", policy, "--heartbeat 100");
+        request_ = makeSupervised("beating", policy, "--heartbeat " + std::to_string(intervalMs));
         request_.heartbeat = 1;
         pid_ = launchUntilRunning(request_);
+    }
+
+    /// Does something while the application stands still.
+    void whileItStands(const std::function<void()>& action) const {
+        ASSERT_TRUE(sendSignal(pid_, SIGSTOP));
+        ASSERT_TRUE(eventually([this] { return processFacts(pid_).state == 'T'; }));
+        action();
+        ASSERT_TRUE(sendSignal(pid_, SIGCONT));
+    }
+
+    /// Does something while neither beats.
+    void whileNobodyBeats(const std::function<void()>& action) const {
+        whileTheMonitorStands([&] { whileItStands(action); });
+    }
+
+    /// The application has a slot in the registry.
+    bool isRegistered() const {
+        constexpr std::size_t kHeader = 16;
+        constexpr std::size_t kSlot = 16;
+        const std::string registry = readFile(kHeartbeats);
+        for (std::size_t slot = kHeader; slot + kSlot <= registry.size(); slot += kSlot) {
+            if (numberAt<std::int32_t>(registry, slot) == pid_) {
+                return true;
+            }
+        }
+        return false;
     }
 
     /// Without a restart the missing heartbeat is reported in every pass, and nothing else.
@@ -78,13 +111,10 @@ TEST_F(FaultHeartbeats, AreMissingOnAFullDiskWithoutARegistry) {
         EXPECT_EQ(verdictsOn("beating"), confirmed("beating", pid_));
     }
     expectTold(mark, {}, 0, 0);
-    whileTheMonitorStands([&] {
-        EXPECT_TRUE(sendSignal(pid_, SIGSTOP));
-        EXPECT_TRUE(eventually([&] { return processFacts(pid_).state == 'T'; }));
+    whileNobodyBeats([&] {
         EXPECT_EQ(::unlink(kHeartbeats), 0);
         memory.fill();
         EXPECT_TRUE(memory.isFull());
-        EXPECT_TRUE(sendSignal(pid_, SIGCONT));
     });
     ASSERT_NO_FATAL_FAILURE(expectReported());
     expectTold(mark, {kSharedNames.back()}, ENOSPC, 0);
@@ -112,6 +142,55 @@ TEST_F(FaultHeartbeats, ThatAreMissingHaveTheApplicationReplaced) {
     expectTakenUpAgain();
 }
 
+// --- damage --------------------------------------------------------------------------------------
+
+struct Damage {
+    const char* what;
+    const char* command; ///< for the shell, with the path in "$S"
+};
+
+constexpr Damage kDamages[] = {
+    {"removed", "rm $S"},
+    {"emptied", ": >$S"},
+    {"shortened", "truncate -s 24 $S"},
+    {"cleared", "head -c 4112 /dev/zero >$S"},
+    {"overwritten", "head -c 4112 /dev/urandom >$S"},
+};
+
+/// What an application has lost by then it brings back with its next beat.
+TEST_F(FaultHeartbeats, AreThereAgainAfterTheNextBeat) {
+    const LogMark mark;
+    ASSERT_NO_FATAL_FAILURE(startBeating(RESTART_TYPE_SELF));
+    for (const Damage& damage : kDamages) {
+        SCOPED_TRACE(damage.what);
+        whileTheMonitorStands([&] {
+            whileItStands([&] {
+                EXPECT_TRUE(runShell(std::string("S=") + kHeartbeats + "; " + damage.command));
+                EXPECT_FALSE(isRegistered());
+            });
+            EXPECT_TRUE(eventually([this] { return isRegistered(); }));
+        });
+        ASSERT_TRUE(letACycleGoBy());
+        EXPECT_EQ(verdictsOn("beating"), confirmed("beating", pid_));
+        expectUnharmed("afterwards");
+    }
+    expectServing();
+    expectTold(mark, {}, 0, 0);
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
+/// Nobody else can bring them back: of one that beats rarely they are missing until it does.
+TEST_F(FaultHeartbeats, AreMissingUntilTheNextBeat) {
+    const LogMark mark;
+    ASSERT_NO_FATAL_FAILURE(startBeating(kNoPolicy, kRareBeatMs));
+    ASSERT_EQ(::unlink(kHeartbeats), 0);
+    ASSERT_NO_FATAL_FAILURE(expectReported());
+    expectServing();
+    ASSERT_TRUE(duringPasses([this] { return isRegistered(); }, 2 * kRareBeatMs));
+    expectTold(mark, {}, 0, 0);
+    expectTakenUpAgain();
+}
+
 // --- something else has the name -----------------------------------------------------------------
 
 struct Obstacle {
@@ -125,11 +204,16 @@ constexpr Obstacle kObstacles[] = {
     {"link", "echo precious >/tmp/target; ln -s /tmp/target $S", ELOOP},
 };
 
-TEST_F(FaultHeartbeats, AreToldOnceWhileSomethingElseHasTheName) {
+/// Lines of the shell that put it in the registry's place.
+std::string plant(const Obstacle& obstacle) {
+    return std::string("S=") + kHeartbeats + "; rm -f $S; " + obstacle.command;
+}
+
+TEST_F(FaultHeartbeats, AreToldOnceWhileSomethingElseHasTheNameAtTheStart) {
     for (const Obstacle& obstacle : kObstacles) {
         SCOPED_TRACE(obstacle.what);
         const LogMark mark;
-        ASSERT_TRUE(runShell(std::string("S=") + kHeartbeats + "; rm -f $S; " + obstacle.command));
+        ASSERT_TRUE(runShell(plant(obstacle)));
         const std::string target = readFile("/tmp/target");
         ASSERT_TRUE(startPublisher());
         expectTold(mark, {kSharedNames.back()}, obstacle.error, 0);
@@ -138,6 +222,24 @@ TEST_F(FaultHeartbeats, AreToldOnceWhileSomethingElseHasTheName) {
         expectTold(mark, {kSharedNames.back()}, obstacle.error, 1);
         EXPECT_EQ(readFile("/tmp/target"), target);
         EXPECT_EQ(monitor_.terminate().text(), "status 0");
+    }
+}
+
+TEST_F(FaultHeartbeats, AreMissingWhileSomethingElseHasTheName) {
+    for (const Obstacle& obstacle : kObstacles) {
+        SCOPED_TRACE(obstacle.what);
+        const LogMark mark;
+        ASSERT_NO_FATAL_FAILURE(startBeating(kNoPolicy));
+        whileNobodyBeats([&] { EXPECT_TRUE(runShell(plant(obstacle))); });
+        const std::string target = readFile("/tmp/target");
+        ASSERT_NO_FATAL_FAILURE(expectReported());
+        expectServing();
+        expectTold(mark, {kSharedNames.back()}, obstacle.error, 0);
+        EXPECT_EQ(readFile("/tmp/target"), target);
+        ASSERT_TRUE(runShell(std::string("rm -r ") + kHeartbeats));
+        expectTold(mark, {kSharedNames.back()}, obstacle.error, 1);
+        expectTakenUpAgain();
+        ASSERT_TRUE(killAndWait(pid_));
     }
 }
 

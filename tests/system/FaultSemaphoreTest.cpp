@@ -49,9 +49,6 @@ bool apply(const Damage& damage) {
     return runShell(std::string("S=") + kSemaphorePath + "; " + damage.command);
 }
 
-/// Options of a monitor that has a pass in each turn of its main loop.
-const std::vector<std::string> kOftenSupervising = {"-i", "0"};
-
 bool tidyUp() {
     return runShell(std::string("rm -rf ") + kSemaphorePath);
 }
@@ -94,22 +91,23 @@ TEST_F(FaultSemaphore, LauncherReturnsBesideADirectory) {
     EXPECT_EQ(countEvent("Application Monitor Stopped."), 1U);
 }
 
-TEST_F(FaultSemaphore, DamageUnderARunningMonitorDoesNotDisturbItsEnd) {
+TEST_F(FaultSemaphore, DamageUnderARunningMonitorDisturbsNothing) {
     for (const Damage& damage : kDamages) {
-        Daemon daemon;
-        ASSERT_TRUE(daemon.startInForeground(kOftenSupervising)) << damage.what;
+        ASSERT_NO_FATAL_FAILURE(startWithOneApplication()) << damage.what;
         ASSERT_TRUE(apply(damage)) << damage.what;
-        letPassesGoBy(kPassesMs);
-        expectOrderlyEnd(daemon, damage.what);
+        expectAllIsWell(damage.what);
+        expectLeftAlone(damage.what);
+        expectOrderlyEnd(monitor_, damage.what);
+        ASSERT_TRUE(killAndWait(pid_));
         ASSERT_TRUE(tidyUp());
     }
     EXPECT_EQ(readFile("/tmp/target"), "precious\n");
 }
 
 TEST_F(FaultSemaphore, DamageUnderAMonitorInTheBackgroundDoesNotDisturbItsEnd) {
-    for (const Damage& damage : {kDamages[0], kDamages[1], kDamages[4]}) {
+    for (const Damage& damage : kDamages) {
         Daemon daemon;
-        ASSERT_TRUE(daemon.startInBackground(kOftenSupervising)) << damage.what;
+        ASSERT_TRUE(daemon.startInBackground({"-i", "0"})) << damage.what; // often supervising
         ASSERT_TRUE(apply(damage)) << damage.what;
         letPassesGoBy(kPassesMs);
         EXPECT_TRUE(daemon.alive()) << damage.what;

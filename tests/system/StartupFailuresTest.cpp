@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -83,7 +84,11 @@ TEST_F(StartupFailures, StartsWithoutAPlaceForTheEventLog) {
     ASSERT_TRUE(daemon.startInBackground());
     EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
     EXPECT_TRUE(waitForLog(6, "App monitor started"));
+    EXPECT_TRUE(waitForLog(3, faultLine(kEventLogPath, EISDIR)));
+    EXPECT_EQ(faultsTold(kEventLogPath), 1);
+    ASSERT_TRUE(runShell(std::string("rmdir ") + kEventLogPath));
     EXPECT_TRUE(daemon.terminate().ended);
+    EXPECT_EQ(eventTexts(), std::vector<std::string>{"Application Monitor Stopped."});
     EXPECT_FALSE(fileExists(kSocketPath));
     EXPECT_FALSE(fileExists(daemon.pidFile()));
 }
@@ -121,6 +126,12 @@ TEST_F(StartupFailures, StartsWithoutAPlaceForThePidFile) {
     ASSERT_TRUE(waitForEvent("Application Monitor Initialized."));
     ASSERT_TRUE(eventually([&] { return daemon.workersWait(); }));
     EXPECT_TRUE(ask(makeRequest(APPMONCTL_Stop, "nobody")));
+    EXPECT_TRUE(waitForLog(3, faultLine(daemon.pidFile(), ENOTDIR)));
+    ASSERT_TRUE(runShell("rm /tmp/pid"));
+    EXPECT_TRUE(waitForLog(6, recoveryLine(daemon.pidFile())));
+    EXPECT_EQ(readFile(daemon.pidFile()).find(std::to_string(daemon.pid()) + "\n"), 0U);
+    EXPECT_EQ(faultsTold(daemon.pidFile()), 1);
+    EXPECT_EQ(countLog(6, recoveryLine(daemon.pidFile())), 1U);
     EXPECT_EQ(daemon.terminate().text(), "status 0");
 }
 

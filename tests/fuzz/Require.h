@@ -26,6 +26,11 @@ template <std::size_t Size> bool isTerminated(const char (&field)[Size]) {
     return std::memchr(field, '\0', Size) != nullptr;
 }
 
+/// Each of the texts does.
+template <std::size_t... Sizes> bool areTerminated(const char (&... fields)[Sizes]) {
+    return (isTerminated(fields) && ...);
+}
+
 /// Nothing in the text that a terminal would obey.
 inline bool isPrintable(std::string_view text) {
     return std::all_of(text.begin(), text.end(),

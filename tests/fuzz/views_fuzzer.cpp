@@ -1,5 +1,8 @@
-// What ovardctl shows, and C programs get, of what anybody may have written: the input, behind a
-// first byte, as the beginning of either segment and of a reply, and as the event log.
+// What ovardctl shows, and C programs get, of what anybody may have written: the input, behind two
+// bytes, as the beginning of either segment and of a reply, and as the event log.
+//
+// The first byte holds bits on the publication, see `publicationOf`. The second one is an amount:
+// for so many applications a C program has room, and so long is the first piece of the event log.
 
 #include <algorithm>
 #include <cstddef>
@@ -18,6 +21,7 @@
 #include "tests/fuzz/Input.h"
 #include "tests/fuzz/Require.h"
 
+using fuzz::areTerminated;
 using fuzz::isPrintable;
 using fuzz::require;
 using ovardctl::Publication;
@@ -48,10 +52,6 @@ template <typename Record> Record recordOf(std::string_view bytes) {
     Record record = {};
     std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
     return record;
-}
-
-template <std::size_t Size> bool isText(const char (&copy)[Size]) {
-    return ::strnlen(copy, Size) < Size;
 }
 
 /// A segment that was read whole, written at some other time, while a monitor runs or not.
@@ -94,26 +94,37 @@ void showSegments(const Publication& publication, std::string_view bytes) {
 }
 
 /// For C programs, with room for `capacity` applications and no more.
-void copySegments(std::string_view bytes, std::size_t capacity) {
+void copyApplications(std::string_view bytes, std::size_t capacity) {
     const auto segment = recordOf<application_segment>(bytes);
     const ovard_overview overview = ovard_client::copyOf(segment.header);
     require(overview.published >= 0 && overview.published <= OVARD_MOST_APPLICATIONS,
             "counts are bounded");
-    require(isText(overview.monitor_version) && isText(overview.monitor_date),
+    require(areTerminated(overview.monitor_version, overview.monitor_date),
             "texts of the monitor end");
     std::vector<ovard_application> copies(capacity);
     ovard_client::copyApplications(segment, copies.data(), capacity);
     for (const ovard_application& copy : copies) {
-        require(isText(copy.name) && isText(copy.version) && isText(copy.status) &&
-                    isText(copy.port_type),
+        require(areTerminated(copy.name, copy.version, copy.status, copy.port_type),
                 "texts of applications end");
     }
+}
+
+void examineInterface(const ovard_interface& copy) {
+    require(areTerminated(copy.ipv4, copy.ipv6), "addresses end");
+    require(areTerminated(copy.dhcp_status, copy.dhcp_renewal, copy.dhcp_server, copy.dhcp_address,
+                          copy.dhcp_netmask, copy.dhcp_router, copy.dhcp_dns_server,
+                          copy.dhcp_smtp_server, copy.dhcp_sntp_server),
+            "texts of a lease end");
+    require(areTerminated(copy.dhcpv6_status, copy.dhcpv6_renewal, copy.dhcpv6_address),
+            "texts of a lease of version 6 end");
+}
+
+void copyMachine(std::string_view bytes) {
     const ovard_machine machine = ovard_client::copyOf(recordOf<system_segment>(bytes));
-    for (const ovard_interface& one : {machine.eth0, machine.eth1}) {
-        require(isText(one.ipv4) && isText(one.ipv6) && isText(one.dhcp_status) &&
-                    isText(one.dhcpv6_status),
-                "texts of interfaces end");
-    }
+    require(areTerminated(machine.kernel_release, machine.kernel_version),
+            "texts of the kernel end");
+    examineInterface(machine.eth0);
+    examineInterface(machine.eth1);
 }
 
 void showReply(std::string_view bytes) {
@@ -122,7 +133,7 @@ void showReply(std::string_view bytes) {
     require(message.empty() || message.back() == '\n', "the last line is whole");
 }
 
-/// The log in two pieces, cut anywhere.
+/// The log in two pieces, the first one of `cut` bytes.
 void showEvents(std::string_view log, std::size_t cut) {
     std::size_t lines = 0;
     ovardctl::LineCutter cutter([&lines](std::string_view line) {
@@ -146,10 +157,11 @@ void showEvents(std::string_view log, std::size_t cut) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     const Publication publication = publicationOf(input);
-    const std::size_t cut = input.amount();
+    const std::size_t amount = input.amount();
     showSegments(publication, input.rest());
-    copySegments(input.rest(), cut % (OVARD_MOST_APPLICATIONS + 1));
+    copyApplications(input.rest(), amount % (OVARD_MOST_APPLICATIONS + 1));
+    copyMachine(input.rest());
     showReply(input.rest());
-    showEvents(input.rest(), cut);
+    showEvents(input.rest(), amount);
     return 0;
 }

@@ -44,6 +44,13 @@ public:
     /// Four bits in one byte: '0' is none of them, '?' all.
     unsigned bits() { return static_cast<unsigned>(figure()) % 16; }
 
+    /// Up to `most`, in two bytes, the higher one first.
+    std::size_t size(std::size_t most) {
+        const auto high = static_cast<unsigned char>(letter());
+        const auto low = static_cast<unsigned char>(letter());
+        return (high * 256U + low) % (most + 1);
+    }
+
     /// The bytes up to a line feed, which is skipped, but at most `most`.
     std::string line(std::size_t most) {
         const std::string_view text = take(std::min(most, rest_.find('\n')));

@@ -105,8 +105,9 @@ reqcmd readRequest(Input& input) {
     return request;
 }
 
-MonitorScene::MonitorScene(int verbosity) {
+MonitorScene::MonitorScene(int verbosity, std::int64_t uptimeSec) {
     forgetEarlierInput(verbosity);
+    world().uptimeSec = uptimeSec;
     AppManager::Instance(verbosity)->initCommunication();              // opens the log
     (void)Access::statusUpdate(manager()).initUserShm(applist, false); // Always 0.
     world().forgetRecords();

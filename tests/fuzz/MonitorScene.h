@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <vector>
 
 #include "appmanager/AppManager.h"
@@ -17,6 +18,9 @@ namespace fuzz {
 /// First pid of the processes that an input makes.
 inline constexpr pid_t kFirstPid = 5000;
 
+/// How long the machine has run when a scene begins, in seconds.
+inline constexpr std::int64_t kUptimeSec = 10000;
+
 /// A pid of an input's own processes.
 pid_t readPid(Input& input);
 
@@ -27,8 +31,9 @@ reqcmd readRequest(Input& input);
 
 class MonitorScene {
 public:
-    /// `verbosity` is that of the manager and of the publisher.
-    explicit MonitorScene(int verbosity = 0);
+    /// `verbosity` is that of the manager and of the publisher. Where `uptimeSec` is -1 the uptime
+    /// cannot be read, and the publisher knows no boot time.
+    explicit MonitorScene(int verbosity = 0, std::int64_t uptimeSec = kUptimeSec);
     ~MonitorScene();
     MonitorScene(const MonitorScene&) = delete;
     MonitorScene& operator=(const MonitorScene&) = delete;

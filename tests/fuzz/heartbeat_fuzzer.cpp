@@ -63,12 +63,7 @@ std::uint32_t ownStartTime() {
 
 /// That of the table, or, behind a '-', any up to twice as much, in two bytes.
 std::size_t readSize(Input& input) {
-    if (input.letter() != '-') {
-        return sizeof(Table);
-    }
-    const auto high = static_cast<unsigned char>(input.letter());
-    const auto low = static_cast<unsigned char>(input.letter());
-    return (high * 256U + low) % (2 * sizeof(Table) + 1);
+    return input.letter() == '-' ? input.size(2 * sizeof(Table)) : sizeof(Table);
 }
 
 Slot readSlot(Input& input) {

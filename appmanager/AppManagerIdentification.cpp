@@ -206,7 +206,7 @@ int AppManager::awaitDaemon(appinfo& app, statstruct_proc& facts, int argc, char
                     app.name, static_cast<long>(begin));
     for (;;) {
         const std::time_t now = platform::currentTime();
-        if (now < begin || now - begin > kDaemonDeadlineSec) {
+        if (now < begin || std::int64_t{now} - begin > kDaemonDeadlineSec) {
             platform::trace(verbose >= 7,
                             "waitForDaemonization: pid=%d, name=%s timeout at %ld!!!\n", launched,
                             app.name, static_cast<long>(now));

@@ -44,7 +44,8 @@ int mostPolls() {
 }
 
 bool isInGrace(const appinfo& entry, std::time_t now) {
-    const std::int64_t sinceStartSec = std::int64_t{now} - entry.start_time;
+    const std::int32_t sinceStartSec =
+        platform::secondsSince(static_cast<std::uint32_t>(entry.start_time), now);
     return sinceStartSec >= 0 && sinceStartSec < app_heartbeat_minimum_start_time;
 }
 

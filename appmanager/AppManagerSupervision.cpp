@@ -64,8 +64,10 @@ int AppManager::checkStatus(bool bErasePreloadApplistEntries) {
 }
 
 bool AppManager::systemIsBooting() const {
-    const std::int64_t sinceBootSec =
-        std::int64_t{platform::currentTime()} - static_cast<std::int64_t>(statusUpdate_.bootTime());
+    // Without a clock of its own a machine boots in 1970, and the reckoned time lies a second
+    // before.
+    const std::int32_t sinceBootSec =
+        platform::secondsSince(statusUpdate_.bootTime(), platform::currentTime());
     return statusUpdate_.bootTime() != 0 && sinceBootSec >= 0 && sinceBootSec <= kBootPeriodSec;
 }
 

@@ -34,6 +34,12 @@ namespace platform {
 /// Wall clock, whole seconds since the epoch.
 std::time_t currentTime();
 
+/// Seconds from `since` to `now`; negative when `now` is earlier. Both count by their low 32 bits,
+/// in which start times are kept, so the span is right if it is shorter than 68 years.
+inline std::int32_t secondsSince(std::uint32_t since, std::time_t now) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(now) - since);
+}
+
 /// Milliseconds of the monotonic clock; for measuring spans.
 std::int64_t monotonicMilliseconds();
 

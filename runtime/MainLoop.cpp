@@ -141,9 +141,9 @@ void MainLoop::checkStatusWhenDue() {
 
 bool MainLoop::statusCheckIsDue() const {
     const bool clockWasSetBack = lastCheck_ > now_;
-    return clockWasSetBack || now_ - lastCheck_ >= statusIntervalSec_;
+    return clockWasSetBack || std::int64_t{now_} - lastCheck_ >= statusIntervalSec_;
 }
 
 bool MainLoop::mayErasePreloadedEntries() const {
-    return now_ < start_ || now_ - start_ >= kPreloadGraceSec;
+    return now_ < start_ || std::int64_t{now_} - start_ >= kPreloadGraceSec;
 }

@@ -1,6 +1,7 @@
 #include "client/ovardctl/Viewer.h"
 
-#include <chrono>
+#include <cstdint>
+#include <ctime>
 #include <string_view>
 
 #include "client/MonitorSearch.h"
@@ -19,9 +20,13 @@ constexpr const char* kClearBelow = "\x1b[J";
 constexpr const char* kCutLongLines = "\x1b[?7l";
 constexpr const char* kWrapLongLines = "\x1b[?7h";
 
+/// Not by std::chrono: where seconds can have 32 or 64 bits, its library has 32.
 std::int64_t wallClockMs() {
-    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count();
+    constexpr std::int64_t kMsPerSecond = 1000;
+    constexpr std::int64_t kNsPerMs = 1000000;
+    timespec now = {};
+    (void)::clock_gettime(CLOCK_REALTIME, &now); // Fails for no clock that there is.
+    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
 }
 
 /// Reads a segment; `segment` stays as it was when that fails.

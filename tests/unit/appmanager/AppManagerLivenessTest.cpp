@@ -71,6 +71,15 @@ TEST_F(LivenessTest, StartBeforeAllTimesIsLongAgo) {
     EXPECT_EQ(entry_.status, APP_STATUS_DEAD);
 }
 
+/// A clock with more bits has passed what a start time can hold.
+TEST_F(LivenessTest, GraceGoesOnBehindTheEndOfTime) {
+    world().now = std::int64_t{INT_MAX} + 20;
+    entry_.start_time = INT_MIN + 10; // ten seconds ago
+    endProcess();
+    expectLeavesAlone(APP_STATUS_RUNNING);
+    EXPECT_EQ(looks(), 0U);
+}
+
 /// The clock is set back into the grace while the check polls.
 TEST_F(LivenessTest, GraceIsDecidedOnce) {
     endProcess();

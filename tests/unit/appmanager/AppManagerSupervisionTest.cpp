@@ -53,6 +53,19 @@ INSTANTIATE_TEST_SUITE_P(Boots, BootPeriodTest,
                          testing::Values(Booted{0, false}, Booted{1, false}, Booted{89, false},
                                          Booted{90, true}, Booted{91, true}, Booted{100000, true}));
 
+/// The uptime is rounded up, the time is not, so that the boot seems to lie before the epoch.
+TEST_F(SupervisionTest, BootInTheFirstSecondOfAllTimesCounts) {
+    world().now = 20;
+    setBootTime(21);
+    EXPECT_FALSE(supervises(manager_));
+    world().now = 88;
+    EXPECT_EQ(manager_.checkStatus(true), 0);
+    EXPECT_FALSE(applist.empty());
+    world().now = 89;
+    EXPECT_EQ(manager_.checkStatus(true), 0);
+    EXPECT_TRUE(applist.empty());
+}
+
 TEST_F(SupervisionTest, TimeBeforeBootIsSupervised) {
     setBootTime(0);
     world().now -= 1;

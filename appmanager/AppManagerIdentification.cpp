@@ -4,7 +4,9 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "appmanager/AppManager.h"
@@ -284,5 +286,5 @@ int AppManager::is_uint(const char* text) {
 }
 
 int AppManager::updateUptime(std::time_t start) {
-    return static_cast<int>(std::int64_t{platform::currentTime()} - start);
+    return platform::secondsSince(static_cast<std::uint32_t>(start), platform::currentTime());
 }

@@ -11,7 +11,9 @@
 // its confirmation holds the pass; see kPollMs.
 
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 
 #include "appmanager/AppManager.h"
 #include "appmanager/DateText.h"
@@ -43,9 +45,12 @@ int mostPolls() {
     return kPollsPerSecond * app_pidfile_minimum_start_time;
 }
 
+std::int32_t ageSec(const appinfo& entry, std::time_t now) {
+    return platform::secondsSince(static_cast<std::uint32_t>(entry.start_time), now);
+}
+
 bool isInGrace(const appinfo& entry, std::time_t now) {
-    const std::int32_t sinceStartSec =
-        platform::secondsSince(static_cast<std::uint32_t>(entry.start_time), now);
+    const std::int32_t sinceStartSec = ageSec(entry, now);
     return sinceStartSec >= 0 && sinceStartSec < app_heartbeat_minimum_start_time;
 }
 
@@ -56,7 +61,7 @@ int confirmPidFile(const appinfo& entry) {
 void traceGrace(const appinfo& entry, const char* phase, std::time_t now) {
     platform::trace(verbose >= 7, "checkAlive() %s pid=%d start_time=%s %s for %ld sec\n",
                     entry.name, entry.pid, DateText(entry.start_time).text, phase,
-                    static_cast<long>(now - entry.start_time));
+                    static_cast<long>(ageSec(entry, now)));
 }
 
 } // namespace
@@ -209,7 +214,7 @@ int AppManager::checkRunning(appinfo& entry, std::time_t now) {
     if (isInGrace(entry, now)) {
         platform::trace(verbose >= 7, "checkAlive: %s[pid=%d] start_time=%s running for %ld sec\n",
                         entry.name, entry.pid, DateText(entry.start_time).text,
-                        static_cast<long>(now - entry.start_time));
+                        static_cast<long>(ageSec(entry, now)));
         return kInOrder;
     }
     if (ovard_check_pid_alive(entry.pid) == 0) {

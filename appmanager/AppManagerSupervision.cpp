@@ -1,6 +1,7 @@
 // The supervision pass: what becomes of each application, and of the machine.
 
 #include <cerrno>
+#include <cstdint>
 
 #include "appmanager/AppManager.h"
 #include "platform/Console.h"
@@ -64,8 +65,8 @@ int AppManager::checkStatus(bool bErasePreloadApplistEntries) {
 }
 
 bool AppManager::systemIsBooting() const {
-    // Without a clock of its own a machine boots in 1970, and the reckoned time lies a second
-    // before.
+    // Deliberate: the boot of a machine without a clock of its own counts, too. It happens in 1970,
+    // and what is reckoned lies a second before.
     const std::int32_t sinceBootSec =
         platform::secondsSince(statusUpdate_.bootTime(), platform::currentTime());
     return statusUpdate_.bootTime() != 0 && sinceBootSec >= 0 && sinceBootSec <= kBootPeriodSec;

@@ -253,10 +253,10 @@ int AppStatusUpdate::initBootTimeVars() {
     (void)parseProcStat(systemImage_.sysinfo); // Also takes the first sample of the processor.
     const long uptimeSec = platform::uptimeSeconds();
     if (uptimeSec >= 0) {
-        const std::time_t bootTime = platform::currentTime() - uptimeSec;
+        const std::int64_t bootTime = std::int64_t{platform::currentTime()} - uptimeSec;
         bootTime_ = static_cast<std::uint32_t>(bootTime);
         zortime8b time;
-        getZortime8BFromTimeT(&time, bootTime);
+        getZortime8BFromTimeT(&time, static_cast<std::time_t>(bootTime));
         std::memcpy(systemImage_.sysinfo.boot_time, time.bytes, sizeof time.bytes);
     } else {
         platform::trace(true, "Error %d obtaining boot time\n", errno);

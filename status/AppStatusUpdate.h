@@ -98,7 +98,7 @@ public:
     /// is shown on the console and leaves the boot time as it was.
     int initBootTimeVars();
 
-    /// Seconds since the epoch; 0 while unknown.
+    /// Seconds since the epoch, of which the low 32 bits count; 0 while unknown.
     std::uint32_t bootTime() const { return bootTime_; }
 
     /// Clock ticks per second, the unit of process start times; 0 while unknown.

@@ -25,7 +25,7 @@ std::int64_t wallClockMs() {
     constexpr std::int64_t kMsPerSecond = 1000;
     constexpr std::int64_t kNsPerMs = 1000000;
     timespec now = {};
-    (void)::clock_gettime(CLOCK_REALTIME, &now); // Fails for no clock that there is.
+    (void)::clock_gettime(CLOCK_REALTIME, &now); // Fails only where seconds have too few bits.
     return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
 }
 

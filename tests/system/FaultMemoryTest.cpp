@@ -27,7 +27,8 @@ class FaultDescriptors : public FaultTest {
 protected:
     using Descriptors = std::map<int, std::string>;
 
-    /// Lets the monitor have that many descriptors more than it keeps open.
+    /// Lets the monitor have that many descriptors more than it keeps open. These have the lowest
+    /// numbers then: a gap would be one more.
     void allowMore(rlim_t count) const {
         allow(count,
               [](const Descriptors& open) { return lowestFree(open) == rlim_t{open.size()}; });

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstddef>
+#include <cstdint>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -71,10 +73,10 @@ TEST_F(LivenessTest, StartBeforeAllTimesIsLongAgo) {
     EXPECT_EQ(entry_.status, APP_STATUS_DEAD);
 }
 
-/// A clock with more bits has passed what a start time can hold.
+/// The clock has passed what a start time can hold.
 TEST_F(LivenessTest, GraceGoesOnBehindTheEndOfTime) {
-    world().now = std::int64_t{INT_MAX} + 20;
-    entry_.start_time = INT_MIN + 10; // ten seconds ago
+    world().now = static_cast<std::time_t>(std::int64_t{INT_MAX} + 20);
+    entry_.start_time = INT_MIN + 10; // nine seconds ago
     endProcess();
     expectLeavesAlone(APP_STATUS_RUNNING);
     EXPECT_EQ(looks(), 0U);

@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <limits>
 #include <string>
 #include <vector>
@@ -24,6 +26,29 @@ constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
 
 std::vector<int> bytesOf(const zortime8b& time) {
     return {std::begin(time.bytes), std::end(time.bytes)};
+}
+
+// --- spans ---
+
+std::int32_t spanOf(std::int64_t since, std::int64_t now) {
+    return platform::secondsSince(static_cast<std::uint32_t>(since), static_cast<std::time_t>(now));
+}
+
+TEST(SecondsSince, CountsForwardAndBack) {
+    EXPECT_EQ(spanOf(1700000000, 1700000000), 0);
+    EXPECT_EQ(spanOf(1700000000, 1700000089), 89);
+    EXPECT_EQ(spanOf(1700000000, 1699999999), -1);
+    EXPECT_EQ(spanOf(0, std::numeric_limits<std::int32_t>::max()), 2147483647);
+    EXPECT_EQ(spanOf(0, std::numeric_limits<std::int32_t>::min()), -2147483647 - 1);
+}
+
+/// Also with a clock that counts further than the start.
+TEST(SecondsSince, DoesNotMindTheEndsOfItsBits) {
+    for (const std::int64_t end : {std::int64_t{0}, std::int64_t{1} << 31, std::int64_t{1} << 32}) {
+        EXPECT_EQ(spanOf(end - 1, end + 20), 21) << end;
+        EXPECT_EQ(spanOf(end + 20, end - 1), -21) << end;
+    }
+    EXPECT_EQ(spanOf(std::int64_t{1} << 31, std::numeric_limits<std::int32_t>::min()), 0);
 }
 
 // --- the instrument's time ---

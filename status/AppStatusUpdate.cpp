@@ -271,6 +271,6 @@ std::int32_t AppStatusUpdate::startTimeOf(const statstruct_proc& info) const {
 }
 
 std::uint64_t AppStatusUpdate::clockTicksAt(std::time_t time) const {
-    const std::int64_t sinceBootSec = static_cast<std::int64_t>(time) - bootTime_;
+    const std::int64_t sinceBootSec = platform::secondsSince(bootTime_, time);
     return sinceBootSec > 0 ? static_cast<std::uint64_t>(sinceBootSec * clockTicks_) : 0;
 }

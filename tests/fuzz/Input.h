@@ -45,7 +45,7 @@ public:
     unsigned bits() { return static_cast<unsigned>(figure()) % 16; }
 
     /// Up to `most`, in two bytes, the higher one first.
-    std::size_t size(std::size_t most) {
+    std::size_t wideAmount(std::size_t most) {
         const auto high = static_cast<unsigned char>(letter());
         const auto low = static_cast<unsigned char>(letter());
         return (high * 256U + low) % (most + 1);

@@ -115,7 +115,7 @@ std::size_t readSize(Input& input, SegmentState state) {
     case SegmentState::Missing:
         return 0;
     default:
-        return input.size(2 * sizeof(application_segment));
+        return input.wideAmount(2 * sizeof(application_segment));
     }
 }
 
@@ -247,9 +247,18 @@ void examineCleared(SegmentState state) {
 
 /// What was adopted can be published, which repairs the segment.
 void examinePublishing(AppStatusUpdate& status, SegmentState state) {
-    require(status.updateUserShm(applist) == 0, "what was adopted can be published");
-    const std::size_t expected = state != SegmentState::Missing ? sizeof(application_segment) : 0;
-    require(segmentBytes().size() == expected, "a segment is whole when it is published");
+    (void)status.updateUserShm(applist); // always 0
+    if (state == SegmentState::Missing) {
+        require(segmentBytes().empty(), "there is no segment");
+        return;
+    }
+    require(status.applicationSegmentError() == 0, "what was adopted can be published");
+    require(segmentBytes().size() == sizeof(application_segment),
+            "a segment is whole when it is published");
+    std::int32_t count = 0;
+    std::memcpy(&count, segmentBytes().data() + offsetof(application_header, count), sizeof count);
+    require(count == static_cast<std::int32_t>(applist.size()),
+            "all that were adopted are published");
 }
 
 } // namespace
@@ -264,7 +273,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     place(segment);
 
     AppStatusUpdate& status = AppManagerTestAccess::statusUpdate(scene.manager());
-    require(status.initUserShm(applist, true) == 0, "the discovery succeeds");
+    (void)status.initUserShm(applist, true); // always 0
     examineDiscovery(publishedIn(segment), first.bootTimeKnown);
     examineCleared(segment.state);
     examinePublishing(status, segment.state);

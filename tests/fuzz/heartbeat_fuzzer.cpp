@@ -63,7 +63,7 @@ std::uint32_t ownStartTime() {
 
 /// That of the table, or, behind a '-', any up to twice as much, in two bytes.
 std::size_t readSize(Input& input) {
-    return input.letter() == '-' ? input.size(2 * sizeof(Table)) : sizeof(Table);
+    return input.letter() == '-' ? input.wideAmount(2 * sizeof(Table)) : sizeof(Table);
 }
 
 Slot readSlot(Input& input) {

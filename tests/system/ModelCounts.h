@@ -30,7 +30,7 @@ private:
 /// What is counted beside the steps by the names of their kinds.
 inline constexpr const char* kReplies = "replies";
 inline constexpr const char* kClocks = "clocks to be set";
-inline constexpr const char* kRaisedPriorities = "pairs with priorities";
+inline constexpr const char* kPairsWithPriorities = "pairs with priorities";
 
 /// Of so many steps, a thousand or more, each kind must have its share, or their comparison says
 /// less than it seems to.

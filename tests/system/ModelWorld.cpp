@@ -82,7 +82,7 @@ ModelCounts ModelWorld::run(std::uint64_t seed, std::uint64_t steps) {
     const bool setsClock = SettableClock::isReadBy(monitor_.pid());
     EXPECT_TRUE(setsClock || !SettableClock::isPossible() || !loadsLibraries(monitor_.pid()));
     counts_.add(kClocks, setsClock ? 1 : 0);
-    counts_.add(kRaisedPriorities, inheritedNice_ < 0 ? 1 : 0);
+    counts_.add(kPairsWithPriorities, inheritedNice_ < 0 ? 1 : 0);
     StepSource source(seed, setsClock);
     for (std::uint64_t number = 1; number <= steps && !HasFailure(); ++number) {
         const Step step = nextStep(source);

@@ -140,7 +140,7 @@ void SoakPasses::judge(const SoakDisturbances& soFar) {
         expect("lasted", now - nextBegin_, allowedPassMs() + hiddenMs);
         return;
     }
-    // Its line came then, too, or is late.
+    // The line of its beginning came while the log was away, or is late.
     expect("came", now - end_, allowedRestMs(soFar) + allowedPassMs() + hiddenMs);
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -139,6 +141,15 @@ TEST_F(MainLoopTest, DefaultIntervalChecksAtAboutEveryThirdIdleTurn) {
 TEST_F(MainLoopTest, ClockSetBackMakesTheCheckDueAtOnce) {
     g_verbose = 8;
     runTurns({brokenAt(1699999999)}, kNever);
+    EXPECT_EQ(statusChecks(), 1U);
+    EXPECT_THAT(world().consoleText(), HasSubstr("checkStatus(bErasePreloadApplistEntries=1)"));
+}
+
+/// Where seconds have 32 bits, a clock beyond 2038 may have wrapped; the difference has no room.
+TEST_F(MainLoopTest, ClockSetRightAfterItHadWrappedMakesTheCheckDue) {
+    world().now = std::numeric_limits<std::int32_t>::min() + 10;
+    g_verbose = 8;
+    runTurns({brokenAt(1700000000)}, 5);
     EXPECT_EQ(statusChecks(), 1U);
     EXPECT_THAT(world().consoleText(), HasSubstr("checkStatus(bErasePreloadApplistEntries=1)"));
 }

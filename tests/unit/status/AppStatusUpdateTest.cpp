@@ -152,6 +152,15 @@ TEST_F(ClockTicksTest, TimeNotAfterTheBootGivesNoTicks) {
     EXPECT_EQ(status_.clockTicksAt(-5), 0U);
 }
 
+/// On a machine without a clock of its own.
+TEST_F(ClockTicksTest, BootMayLieASecondBeforeTheEpoch) {
+    world().now = 20;
+    world().uptimeSec = 21;
+    status_.initBootTimeVars();
+    EXPECT_EQ(status_.clockTicksAt(20), 2100U);
+    EXPECT_EQ(status_.startTimeOf(processStartedAt(2100)), 20);
+}
+
 TEST_F(ClockTicksTest, ManyTicksDoNotOverflow) {
     EXPECT_EQ(status_.clockTicksAt(1000 + 50000000), 5000000000ULL);
 }

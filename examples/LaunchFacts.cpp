@@ -128,9 +128,10 @@ std::string describeLaunch(int argc, const char* const* argv) {
 
 bool writeReport(const std::string& path, const std::string& text) {
     const std::string temporary = path + ".tmp";
+    (void)::unlink(temporary.c_str()); // Left over, or planted: only a new file is written.
     {
         const platform::UniqueFd file(
-            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
         if (!file.valid() || platform::writeFully(file.get(), text.data(), text.size()) !=
                                  static_cast<ssize_t>(text.size())) {
             return false;

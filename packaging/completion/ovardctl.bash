@@ -62,10 +62,10 @@ _ovardctl_read_words() {
     done
 }
 
-# The names in JSON. Anybody may publish names, and what compgen is given is expanded like a command
-# line: only harmless ones are let through.
+# The names in JSON. Anybody may publish names, what compgen is given is expanded like a command line,
+# and what begins with "-" would be an option: only harmless ones are let through.
 _ovardctl_names() {
-    "$@" 2>/dev/null | grep -o '"name": *"[[:alnum:]_.-]*"' | sed 's/.*: *"//; s/"$//'
+    "$@" 2>/dev/null | grep -o '"name": *"[[:alnum:]_.][[:alnum:]_.-]*"' | sed 's/.*: *"//; s/"$//'
 }
 
 _ovardctl_complete_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$current"); }

@@ -354,6 +354,22 @@ TEST_F(FaultRefusedMemory, QueuedRequestsAreExecuted) {
     EXPECT_EQ(monitor_.terminate().text(), "status 0");
 }
 
+/// Each replacement wants words twice, for the launch and for the search, and comes to nothing.
+TEST_F(FaultRefusedMemory, ApplicationThatDiesMeanwhileIsReplacedAfterwards) {
+    mayRepeat(kNoWords);
+    ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
+    ASSERT_TRUE(refuse(true));
+    ASSERT_TRUE(killAndWait(pid_));
+    ASSERT_TRUE(eventually([] { return countLog(3, kNoWords) >= 4; }));
+    EXPECT_EQ(processesNamed("data_server").size(), 0U);
+    EXPECT_EQ(daemonLogTexts(3).size(), countLog(3, kNoWords));
+    EXPECT_TRUE(monitor_.alive());
+    ASSERT_TRUE(refuse(false));
+    EXPECT_TRUE(publishesAReplacement());
+    expectAllIsWell("with memory again");
+    EXPECT_EQ(monitor_.terminate().text(), "status 0");
+}
+
 TEST_F(FaultRefusedMemory, MonitorEndsInOrder) {
     ASSERT_NO_FATAL_FAILURE(startWithOneApplication());
     ASSERT_TRUE(refuse(true));
